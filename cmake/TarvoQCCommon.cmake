@@ -1,0 +1,36 @@
+# One INTERFACE target carries the language standard, warnings and sanitizer flags for
+# every target of the project, so no target can drift from them.
+add_library(tarvoqc_common INTERFACE)
+target_compile_features(tarvoqc_common INTERFACE cxx_std_20)
+set(CMAKE_CXX_EXTENSIONS OFF)
+target_compile_options(tarvoqc_common INTERFACE -Wall -Wextra -Wpedantic)
+target_include_directories(tarvoqc_common INTERFACE
+    ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR}/generated)
+target_link_libraries(tarvoqc_common INTERFACE Threads::Threads)
+
+if(TARVOQC_SANITIZE STREQUAL "address")
+    set(_tarvoqc_san -fsanitize=address,undefined -fno-sanitize-recover=undefined
+                     -fno-omit-frame-pointer)
+elseif(TARVOQC_SANITIZE STREQUAL "thread")
+    set(_tarvoqc_san -fsanitize=thread -fno-omit-frame-pointer)
+elseif(NOT TARVOQC_SANITIZE STREQUAL "")
+    message(FATAL_ERROR "TARVOQC_SANITIZE must be empty, 'address' or 'thread'")
+endif()
+if(_tarvoqc_san)
+    target_compile_options(tarvoqc_common INTERFACE ${_tarvoqc_san} -g)
+    target_link_options(tarvoqc_common INTERFACE ${_tarvoqc_san})
+endif()
+
+# A folder's library: every source of the folder, linked to the layers below it.
+function(tarvoqc_layer_library name)
+    cmake_parse_arguments(ARG "" "" "DEPENDS;PRIVATE_DEPENDS" ${ARGN})
+    file(GLOB _sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+    if(NOT _sources)
+        # A layer that holds only headers so far still passes its dependencies on.
+        add_library(${name} INTERFACE)
+        target_link_libraries(${name} INTERFACE tarvoqc_common ${ARG_DEPENDS})
+        return()
+    endif()
+    add_library(${name} STATIC ${_sources})
+    target_link_libraries(${name} PUBLIC tarvoqc_common ${ARG_DEPENDS} PRIVATE ${ARG_PRIVATE_DEPENDS})
+endfunction()

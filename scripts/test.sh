@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds and runs the tests of one kind of build:
+# release (default: every test), asan (every test under ASan+UBSan) or tsan (the threaded
+# tests under ThreadSanitizer).
+set -euo pipefail
+
+kind=${1:-release}
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+"$root/scripts/install-deps.sh"
+"$root/scripts/build.sh" "$kind"
+
+filter=()
+case "$kind" in
+    tsan) filter=(-L threads) ;;
+esac
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+cd "$root/build/$kind"
+ctest --output-on-failure -j "$(nproc)" "${filter[@]}"

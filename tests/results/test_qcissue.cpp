@@ -1,0 +1,199 @@
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "results/qcissue.h"
+
+namespace tarvoqc {
+namespace {
+
+using Cat = QcIssueCategory;
+using Sev = QcSeverity;
+using Kind = QcStreamKind;
+
+TEST(QcIssueList, ScoreFollowsWorstSeverityOnly)
+{
+    struct Case
+    {
+        std::vector<Sev> severities;
+        QcScore score;
+        const char* text;
+    };
+    const Case cases[] = {
+        {{}, 5, "5/5 OK"},
+        {{Sev::Warning}, 4, "4/5 Good"},
+        {{Sev::Low, Sev::Low}, 3, "3/5 Playable"},
+        {{Sev::Low, Sev::Warning}, 3, "3/5 Playable"},
+        {{Sev::Warning, Sev::High, Sev::Low}, 2, "2/5 BAD"},
+        {{Sev::Highest}, 1, "1/5 Very BAD"},
+        {{Sev::Warning, Sev::Critical, Sev::Highest}, 0, "0/5 ERROR"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        QcIssueList list;
+        for (Sev s : c.severities) {
+            list.add(Cat::Frames, s, Kind::None, -1, "x");
+        }
+        EXPECT_EQ(list.score(), c.score);
+        EXPECT_EQ(scoreText(list.score()), c.text);
+    }
+}
+
+TEST(QcIssueList, ThousandWarningsStillScoreFour)
+{
+    QcIssueList list;
+    for (int i = 0; i < 1000; ++i) {
+        list.add(static_cast<Cat>(i % kCategoryCount), Sev::Warning, Kind::None, -1, "w");
+    }
+    EXPECT_EQ(list.size(), kIssueCap);
+    EXPECT_EQ(list.score(), 4);
+}
+
+TEST(QcIssueList, SeverityCapDropsTheExtraIssueSilently)
+{
+    QcIssueList list;
+    for (std::size_t i = 0; i < kIssueCap + 1; ++i) {
+        // Spread over categories so that only the severity cap can bite.
+        list.add(static_cast<Cat>(i % kCategoryCount), Sev::Warning, Kind::None, -1,
+                 std::to_string(i));
+    }
+    EXPECT_EQ(list.bySeverity(Sev::Warning).size(), kIssueCap);
+    EXPECT_EQ(list.at(kIssueCap - 1).text, std::to_string(kIssueCap - 1));
+    list.add(Cat::File, Sev::Low, Kind::None, -1, "other severity still counts");
+    EXPECT_EQ(list.size(), kIssueCap + 1);
+    EXPECT_EQ(list.score(), 3);
+}
+
+TEST(QcIssueList, CategoryCapBlocksEvenCriticalAndSurvivesClear)
+{
+    QcIssueList list;
+    const Sev spread[] = {Sev::Warning, Sev::Low, Sev::High};
+    for (std::size_t i = 0; i < kIssueCap; ++i) {
+        list.add(Cat::Frames, spread[i % 3], Kind::Video, 0, "gap");
+    }
+    list.add(Cat::Frames, Sev::Critical, Kind::Video, 0, "blocked");
+    EXPECT_EQ(list.size(), kIssueCap);
+    EXPECT_EQ(list.score(), 2) << "the blocked Critical must not lower the score";
+
+    list.clear();
+    EXPECT_TRUE(list.empty());
+    EXPECT_EQ(list.score(), 5);
+    list.add(Cat::Frames, Sev::Critical, Kind::Video, 0, "still blocked after clear");
+    EXPECT_TRUE(list.empty());
+    list.add(Cat::Codec, Sev::Critical, Kind::Video, 0, "other category");
+    EXPECT_EQ(list.size(), 1U);
+
+    // assign() goes through clear() and add(), so the closed category stays closed.
+    QcIssueList source;
+    source.add(Cat::Frames, Sev::Low, Kind::None, -1, "from source");
+    list.assign(source);
+    EXPECT_TRUE(list.empty());
+}
+
+TEST(QcIssueList, CopyKeepsOrderAndFields)
+{
+    QcIssueList list;
+    list.add(Cat::File, Sev::Critical, Kind::None, -1, "a");
+    list.add(Cat::Audio, Sev::Warning, Kind::Audio, 3, "b");
+    const QcIssueList copy = list;
+    ASSERT_EQ(copy.size(), 2U);
+    EXPECT_EQ(copy.at(0), list.at(0));
+    EXPECT_EQ(copy.at(1), list.at(1));
+    QcIssueList self = list;
+    self = *&self;
+    EXPECT_EQ(self.size(), 2U);
+}
+
+TEST(QcIssueList, LineBuilders)
+{
+    struct Case
+    {
+        QcIssue issue;
+        const char* shortText;
+        const char* longText;
+        const char* streamText;
+    };
+    const Case cases[] = {
+        {{Cat::File, Sev::High, Kind::None, -1, "abc"}, "[High] abc", "File:[High] abc", "abc"},
+        {{Cat::MediaTime, Sev::High, Kind::Audio, 1, "abc"},
+         "[High] Stream 1 (Audio) abc",
+         "MediaTime:[High] Stream 1 (Audio) abc",
+         "Stream 1 (Audio) abc"},
+        {{Cat::Frames, Sev::Warning, Kind::None, 2, "abc"},
+         "[Warning] Stream 2 () abc",
+         "Frames:[Warning] Stream 2 () abc",
+         "Stream 2 () abc"},
+        {{Cat::Codec, Sev::Critical, Kind::Video, 0, "Cannot decode"},
+         "[Critical] Stream 0 (Video) Cannot decode",
+         "Codec:[Critical] Stream 0 (Video) Cannot decode",
+         "Stream 0 (Video) Cannot decode"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.longText);
+        EXPECT_EQ(QcIssueList::shortLine(c.issue), c.shortText);
+        EXPECT_EQ(QcIssueList::longLine(c.issue), c.longText);
+        EXPECT_EQ(QcIssueList::streamLine(c.issue), c.streamText);
+    }
+}
+
+TEST(QcIssueList, ListLinesPutsWorstFirstThenOrderOfAdding)
+{
+    QcIssueList list;
+    std::vector<std::string> lines;
+    list.listLines(lines);
+    EXPECT_TRUE(lines.empty());
+
+    list.add(Cat::Frames, Sev::Warning, Kind::Video, 0, "w1");
+    list.add(Cat::MediaTime, Sev::Low, Kind::None, -1, "l1");
+    list.add(Cat::Frames, Sev::Warning, Kind::Video, 0, "w2");
+    list.add(Cat::File, Sev::Critical, Kind::None, -1, "c1");
+    list.listLines(lines);
+    const std::vector<std::string> expected = {
+        "File:[Critical] c1", "MediaTime:[Low] l1", "Frames:[Warning] Stream 0 (Video) w1",
+        "Frames:[Warning] Stream 0 (Video) w2"};
+    EXPECT_EQ(lines, expected);
+}
+
+TEST(QcIssueList, TextIsCutAt1024CharactersWithoutSplittingUtf8)
+{
+    QcIssueList list;
+    list.add(Cat::File, Sev::Low, Kind::None, -1, std::string(2000, 'a'));
+    EXPECT_EQ(list.at(0).text.size(), 1024U);
+
+    // 1023 ASCII characters and then two-byte characters: the cut keeps exactly one of them.
+    const std::string text = std::string(1023, 'b') + "\xC3\xA9\xC3\xA9";
+    list.add(Cat::File, Sev::Low, Kind::None, -1, text);
+    EXPECT_EQ(list.at(1).text, std::string(1023, 'b') + "\xC3\xA9");
+}
+
+TEST(QcIssueList, OutOfRangeIndexThrowsTheDescribedFailure)
+{
+    QcIssueList list;
+    try {
+        (void)list.at(0);
+        FAIL() << "no exception";
+    } catch (const std::out_of_range& e) {
+        EXPECT_STREQ(e.what(), "invalid vector<T> subscript");
+    }
+}
+
+TEST(QcIssueTexts, TablesAndOutOfRange)
+{
+    EXPECT_EQ(severityText(Sev::Highest), "Highest");
+    EXPECT_EQ(severityText(static_cast<Sev>(9)), "");
+    EXPECT_EQ(categoryText(Cat::MediaTime), "MediaTime");
+    EXPECT_EQ(categoryText(static_cast<Cat>(6)), "");
+    EXPECT_EQ(scoreText(-1), "");
+    EXPECT_EQ(scoreText(6), "");
+    const char* words[] = {"ERROR", "Very BAD", "BAD", "Playable", "Good"};
+    for (int s = 0; s < 5; ++s) {
+        EXPECT_EQ(scoreWord(s), words[s]);
+        EXPECT_NE(scoreText(s).find(words[s]), std::string_view::npos);
+    }
+    EXPECT_EQ(scoreWord(5), "");
+}
+
+} // namespace
+} // namespace tarvoqc
