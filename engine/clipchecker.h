@@ -1,0 +1,110 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "results/mediatime.h"
+#include "results/qcissue.h"
+#include "results/qcresult.h"
+
+namespace tarvoqc {
+
+class ClipStream;
+struct ClipSession;
+
+// Progress of a check in hundred-thousandths of the clip.
+inline constexpr std::int32_t kProgressMax = 100000;
+
+// The engine object for one clip: Open (query the file, open the container, probe the
+// streams, set up decoders, header checks), Run (read every packet, hash the file,
+// decode, time-stamp checks, decoded checks, keys), Close. Findings become issues in the
+// clip's issue list, never exceptions.
+//
+// Thread-safety: Open, Run and Close run on one thread (the runner's worker). Any other
+// thread may at any time read ClipProgress() and take the snapshots issues(),
+// mediaFacts() and result(); each snapshot takes one of the checker's two locks (issues,
+// media facts), never both at once.
+class ClipChecker
+{
+public:
+    ClipChecker();
+    virtual ~ClipChecker(); // calls Close()
+    ClipChecker(const ClipChecker&) = delete;
+    ClipChecker& operator=(const ClipChecker&) = delete;
+
+    // Opens and probes the clip at path (UTF-8). level is the CheckLevel (see
+    // results/qcresult.h); decoderThreadOption below 0 makes decoding single-threaded,
+    // otherwise the library picks. True when the streams were built. A false result
+    // leaves the reason in the issue list (attributes or open failed), except when the
+    // stream information could not be read: that failure is traced only.
+    bool Open(const std::string& path, CheckLevel level, int decoderThreadOption);
+
+    // The read and decode pass, the keys and the decoded checks; only after a successful
+    // Open. cancelFlag (may be null) is polled before each packet: non-zero stops the
+    // pass early, and the file is still hashed to its end. Returns 1 when the pass ran
+    // (also when cancelled or when the demuxer failed), -9 when the clip file could not
+    // be opened for reading (write-locked).
+    int Run(const std::atomic<std::int32_t>* cancelFlag);
+
+    // Releases the streams, the decoders and the container. Safe to call at any time on
+    // the owning thread, also after a failed or no Open.
+    void Close();
+
+    // A flag the media libraries poll while they block inside Open or Run (for example
+    // on a slow file system); non-zero makes them give up. May be null. The flag must
+    // outlive the checker's use of it.
+    void setInterruptFlag(const std::atomic<std::int32_t>* flag) { m_interruptFlag = flag; }
+
+    // The container duration in ClipTicks, or nothing when no container is open.
+    std::optional<ClipTicks> EstimatedDuration() const;
+
+    // 0..kProgressMax; lock-free, any thread.
+    std::int32_t ClipProgress() const { return m_progress.load(std::memory_order_relaxed); }
+
+    // Snapshots for other threads (see the class comment).
+    QcIssueList issues() const;
+    MediaFacts mediaFacts() const;
+    QcResult result() const;
+
+    const std::string& path() const { return m_path; }
+    CheckLevel checkLevel() const { return m_level; }
+
+    // Raises an issue: the message is formatted (printf rules, cut to 1024 characters)
+    // outside the lock and added under it. streamIndex -1 is the whole clip; a stream
+    // index gives the issue that stream's kind (video, audio, or none).
+    void report(QcIssueCategory category, QcSeverity severity, int streamIndex,
+                const char* format, ...) __attribute__((format(printf, 5, 6)));
+
+private:
+    friend class ClipStream;
+    friend struct ClipSession;
+
+    void publishFacts();
+    bool interrupted() const;
+
+    std::string m_path;
+    CheckLevel m_level = 0;
+    int m_decoderThreadOption = 0;
+    bool m_opened = false;
+
+    // Working copy of the facts, touched only by the owning thread; published to
+    // m_facts under m_factsLock at the end of Open and of Run.
+    MediaFacts m_work;
+    std::unique_ptr<ClipSession> m_session;
+
+    std::atomic<std::int32_t> m_progress{0};
+    const std::atomic<std::int32_t>* m_interruptFlag = nullptr;
+    const std::atomic<std::int32_t>* m_cancelFlag = nullptr;
+
+    mutable std::mutex m_issuesLock;
+    QcIssueList m_issues;
+    mutable std::mutex m_factsLock;
+    MediaFacts m_facts;
+};
+
+} // namespace tarvoqc
