@@ -13,7 +13,7 @@ case "$kind" in
     asan) args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVOQC_SANITIZE=address) ;;
     tsan) args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVOQC_SANITIZE=thread) ;;
     fuzz) args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVOQC_SANITIZE=address
-                -DTARVOQC_BUILD_FUZZERS=ON -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++) ;;
+                -DTARVOQC_BUILD_FUZZERS=ON -DTARVOQC_BUILD_TESTS=OFF -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++) ;;
     *) echo "usage: $0 [release|asan|tsan|fuzz]" >&2; exit 2 ;;
 esac
 
