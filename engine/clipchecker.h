@@ -86,6 +86,12 @@ private:
 
     void publishFacts();
     bool interrupted() const;
+    // Consistency of one stream's header with the clip's, run by Open.
+    void checkHeader(ClipStream& stream);
+    // Decoded start and end against header and clip, run at the end of Run (level 3).
+    void checkDecoded(ClipStream& stream);
+    // Replaces the QC duration with the latest decoded end of the checked streams.
+    void correctDuration();
 
     std::string m_path;
     CheckLevel m_level = 0;

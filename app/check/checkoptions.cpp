@@ -1,0 +1,171 @@
+#include "app/check/checkoptions.h"
+
+#include <charconv>
+#include <functional>
+#include <string_view>
+
+namespace tarvoqc::check {
+
+namespace {
+
+struct IntRange
+{
+    int low;
+    int high;
+};
+
+// One row per option: its names, whether it takes a value, and what it sets.
+struct OptionRow
+{
+    std::string_view shortName; // without "-", empty when none
+    std::string_view longName;  // without "--"
+    bool takesValue;
+    std::function<bool(CheckOptions&, std::string_view, std::string&)> apply;
+};
+
+bool parseInt(std::string_view text, IntRange range, int& out)
+{
+    int value = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc{} || end != text.data() + text.size() || value < range.low ||
+        value > range.high) {
+        return false;
+    }
+    out = value;
+    return true;
+}
+
+auto intSetter(int CheckOptions::*field, IntRange range, std::string_view name)
+{
+    return [field, range, name](CheckOptions& o, std::string_view value, std::string& error) {
+        if (!parseInt(value, range, o.*field)) {
+            error = std::string(name) + " needs a whole number from " + std::to_string(range.low) +
+                    " to " + std::to_string(range.high) + ", not '" + std::string(value) + "'";
+            return false;
+        }
+        return true;
+    };
+}
+
+auto flagSetter(bool CheckOptions::*field)
+{
+    return [field](CheckOptions& o, std::string_view, std::string&) {
+        o.*field = true;
+        return true;
+    };
+}
+
+const std::vector<OptionRow>& optionTable()
+{
+    static const std::vector<OptionRow> table = {
+        {"o", "output", true,
+         [](CheckOptions& o, std::string_view value, std::string& error) {
+             if (value.empty()) {
+                 error = "--output needs a file name";
+                 return false;
+             }
+             o.output = value;
+             return true;
+         }},
+        {"", "json", false, flagSetter(&CheckOptions::json)},
+        {"l", "level", true, intSetter(&CheckOptions::level, {1, 3}, "--level")},
+        {"j", "jobs", true, intSetter(&CheckOptions::jobs, {0, 256}, "--jobs")},
+        {"t", "threshold", true, intSetter(&CheckOptions::threshold, {0, 5}, "--threshold")},
+        {"q", "quiet", false, flagSetter(&CheckOptions::quiet)},
+        {"", "version", false, flagSetter(&CheckOptions::version)},
+        {"h", "help", false, flagSetter(&CheckOptions::help)},
+    };
+    return table;
+}
+
+} // namespace
+
+std::optional<CheckOptions> parseCheckOptions(const std::vector<std::string>& args,
+                                              std::string& error)
+{
+    CheckOptions options;
+    bool onlyPaths = false;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string_view arg = args[i];
+        if (arg.empty()) {
+            continue; // empty arguments are ignored, as in the window program
+        }
+        if (onlyPaths || arg == "-" || arg[0] != '-') {
+            options.paths.emplace_back(arg);
+            continue;
+        }
+        if (arg == "--") {
+            onlyPaths = true;
+            continue;
+        }
+        const bool isLong = arg.starts_with("--");
+        std::string_view name = arg.substr(isLong ? 2 : 1);
+        std::optional<std::string_view> inlineValue;
+        if (const auto eq = name.find('='); isLong && eq != std::string_view::npos) {
+            inlineValue = name.substr(eq + 1);
+            name = name.substr(0, eq);
+        } else if (!isLong && name.size() > 1) {
+            inlineValue = name.substr(1); // -l2
+            name = name.substr(0, 1);
+        }
+        const OptionRow* row = nullptr;
+        for (const OptionRow& candidate : optionTable()) {
+            if ((isLong && candidate.longName == name) ||
+                (!isLong && !candidate.shortName.empty() && candidate.shortName == name)) {
+                row = &candidate;
+                break;
+            }
+        }
+        if (row == nullptr) {
+            error = "unknown option '" + std::string(arg) + "' (see --help)";
+            return std::nullopt;
+        }
+        std::string_view value;
+        if (row->takesValue) {
+            if (inlineValue) {
+                value = *inlineValue;
+            } else if (i + 1 < args.size()) {
+                value = args[++i];
+            } else {
+                error = "option '" + std::string(arg) + "' needs a value";
+                return std::nullopt;
+            }
+        } else if (inlineValue) {
+            error = "option '--" + std::string(name) + "' takes no value";
+            return std::nullopt;
+        }
+        if (!row->apply(options, value, error)) {
+            return std::nullopt;
+        }
+    }
+    if (!options.help && !options.version && options.paths.empty()) {
+        error = "no clip, folder or job file given (see --help)";
+        return std::nullopt;
+    }
+    return options;
+}
+
+std::string checkUsage()
+{
+    return "Usage: tarvoqc-check [OPTIONS] PATH...\n"
+           "Checks media clips: opens and probes each clip, reads every packet, decodes video\n"
+           "and audio, checks time stamps and the container header, and scores each clip from\n"
+           "\"0/5 ERROR\" to \"5/5 OK\".\n"
+           "\n"
+           "  PATH                 a clip, a folder (scanned recursively for clip extensions) or a\n"
+           "                       .qcin job file\n"
+           "  -o, --output FILE    write the result document (the job result document, UTF-16 XML)\n"
+           "      --json           print one JSON object per clip on stdout (JSON Lines)\n"
+           "  -l, --level N        check level 1..3 (default 3): 1 open and header checks,\n"
+           "                       2 also every packet and the keys, 3 also decoding\n"
+           "  -j, --jobs N         clips checked at the same time (default 1; 0 = one per core)\n"
+           "  -t, --threshold N    lowest passing score 0..5 (default 3)\n"
+           "  -q, --quiet          only the summary\n"
+           "      --version        print the version\n"
+           "  -h, --help           print this help\n"
+           "\n"
+           "Exit status: 0 all clips at or above the threshold, 1 at least one below,\n"
+           "2 usage or I/O error.\n";
+}
+
+} // namespace tarvoqc::check

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tarvoqc::check {
+
+// What the command line of tarvoqc-check asks for.
+struct CheckOptions
+{
+    std::vector<std::string> paths; // clips, folders and .qcin job files, in order
+    std::string output;             // -o: result document path; empty = none
+    bool json = false;
+    int level = 3;
+    int jobs = 1; // 0 = one per core
+    int threshold = 3;
+    bool quiet = false;
+    bool version = false;
+    bool help = false;
+};
+
+// Parses argv (without the program name). On a usage error returns nothing and sets
+// error to a one-line message.
+std::optional<CheckOptions> parseCheckOptions(const std::vector<std::string>& args,
+                                              std::string& error);
+
+// The --help text.
+std::string checkUsage();
+
+} // namespace tarvoqc::check

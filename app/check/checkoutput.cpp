@@ -1,0 +1,79 @@
+#include "app/check/checkoutput.h"
+
+#include <cinttypes>
+#include <cstdio>
+
+namespace tarvoqc::check {
+
+namespace {
+
+nlohmann::json seconds(ClipTicks value)
+{
+    return value == kNoTime ? nlohmann::json(nullptr) : nlohmann::json(hundredNsToSeconds(value));
+}
+
+} // namespace
+
+std::string humanReport(const QcResult& result, bool brief)
+{
+    char head[32];
+    std::snprintf(head, sizeof head, "%-13s", scoreText(result.score()).data());
+    std::string text = head;
+    text += result.path;
+    text += '\n';
+    if (!brief) {
+        for (const QcIssue* issue : result.issues.ordered()) {
+            text += "    ";
+            text += QcIssueList::longLine(*issue);
+            if (!text.empty() && text.back() != '\n') {
+                text += '\n';
+            }
+        }
+    }
+    return text;
+}
+
+nlohmann::json jsonReport(const QcResult& result)
+{
+    const MediaFacts& facts = result.facts;
+    nlohmann::json streams = nlohmann::json::array();
+    for (std::size_t i = 0; i < facts.streams.size(); ++i) {
+        const StreamFacts& s = facts.streams[i];
+        streams.push_back({{"index", i},
+                           {"type", streamTypeText(s.type)},
+                           {"codec", s.codecName},
+                           {"start", seconds(s.headerStart)},
+                           {"duration", seconds(s.headerDuration)},
+                           {"decodedStart", seconds(s.decodedStart)},
+                           {"decodedEnd", seconds(s.decodedEnd)},
+                           {"bytes", s.byteCount}});
+    }
+    nlohmann::json issues = nlohmann::json::array();
+    for (const QcIssue* issue : result.issues.ordered()) {
+        issues.push_back({{"category", categoryText(issue->category)},
+                          {"severity", severityText(issue->severity)},
+                          {"stream", issue->streamIndex < 0 ? -1 : issue->streamIndex},
+                          {"kind", streamKindText(issue->streamKind)},
+                          {"text", issue->text}});
+    }
+    nlohmann::json fkey = nullptr;
+    if (facts.fkey != 0) {
+        char hex[17];
+        std::snprintf(hex, sizeof hex, "%016" PRIX64, facts.fkey);
+        fkey = hex;
+    }
+    return {{"path", result.path},
+            {"score", result.score()},
+            {"result", scoreText(result.score())},
+            {"level", result.checkLevel},
+            {"size", facts.fileSize},
+            {"hash256", facts.hash256},
+            {"fkey", fkey},
+            {"start", seconds(facts.clipStart)},
+            {"duration", seconds(facts.clipDuration)},
+            {"qcDuration", seconds(facts.qcDuration)},
+            {"streams", streams},
+            {"issues", issues}};
+}
+
+} // namespace tarvoqc::check

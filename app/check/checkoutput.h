@@ -1,0 +1,19 @@
+#pragma once
+
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "results/qcresult.h"
+
+namespace tarvoqc::check {
+
+// Human output of one clip: a line with the score text and the path, then, unless
+// brief, each issue as its long line, worst first.
+std::string humanReport(const QcResult& result, bool brief);
+
+// The JSON object of one clip (one line of the --json output): times in seconds, null
+// where unknown; issues worst first.
+nlohmann::json jsonReport(const QcResult& result);
+
+} // namespace tarvoqc::check

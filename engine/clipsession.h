@@ -1,0 +1,40 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "engine/clipstream.h"
+#include "engine/ffmpeg.h"
+
+namespace tarvoqc {
+
+class ClipChecker;
+
+// Everything an open clip holds from the media libraries and the file system. Owned by
+// the ClipChecker (never by a stack frame of the check), so that a thread that is left
+// at an abort point strands nothing: the owner releases it all in Close.
+struct ClipSession
+{
+    explicit ClipSession(ClipChecker& owner) : owner(owner) {}
+    ~ClipSession();
+    ClipSession(const ClipSession&) = delete;
+    ClipSession& operator=(const ClipSession&) = delete;
+
+    ClipChecker& owner;
+    int fd = -1; // the demuxer's own handle on the clip
+    av::IoContextPtr io;
+    av::FormatContextPtr format; // declared after io: closed before it
+    av::PacketPtr packet;
+    std::vector<std::unique_ptr<ClipStream>> streams; // position = container stream index
+    std::vector<ClipStream*> videoStreams;
+    std::vector<ClipStream*> audioStreams;
+    bool wavOrMp3 = false;
+
+    // The media libraries read the clip through these, so that every blocking read is
+    // one of our abort points and honours the interrupt and cancel flags.
+    static int readPacket(void* opaque, std::uint8_t* buffer, int size);
+    static std::int64_t seek(void* opaque, std::int64_t offset, int whence);
+    static int interruptCallback(void* opaque);
+};
+
+} // namespace tarvoqc

@@ -1,0 +1,323 @@
+#include "engine/clipstream.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <limits>
+
+#include "engine/clipchecker.h"
+#include "engine/enginetrace.h"
+#include "engine/timechecks.h"
+
+namespace tarvoqc {
+
+namespace {
+
+using Cat = QcIssueCategory;
+using Sev = QcSeverity;
+
+StreamType streamTypeOf(AVMediaType type)
+{
+    switch (type) {
+    case AVMEDIA_TYPE_VIDEO:
+        return StreamType::Video;
+    case AVMEDIA_TYPE_AUDIO:
+        return StreamType::Audio;
+    case AVMEDIA_TYPE_DATA:
+        return StreamType::Data;
+    case AVMEDIA_TYPE_SUBTITLE:
+        return StreamType::Subtitle;
+    case AVMEDIA_TYPE_ATTACHMENT:
+        return StreamType::Attach;
+    default:
+        return StreamType::Unknown;
+    }
+}
+
+// The frame duration in stream time-base ticks, (tb.den * rate.den) / (tb.num * rate.num),
+// taken in 32-bit arithmetic with truncating division as the check has always done it.
+// The products wrap as 32-bit values; a zero or overflowing division gives 0, which the
+// caller refuses as "Cannot obtain frame rate".
+std::int64_t frameDurationOf(AVRational timeBase, AVRational rate)
+{
+    const auto wrap = [](std::int64_t a, std::int64_t b) {
+        return static_cast<std::int32_t>(static_cast<std::uint32_t>(a * b));
+    };
+    const std::int32_t dividend = wrap(timeBase.den, rate.den);
+    const std::int32_t divisor = wrap(timeBase.num, rate.num);
+    if (divisor == 0 || (dividend == std::numeric_limits<std::int32_t>::min() && divisor == -1)) {
+        return 0;
+    }
+    return dividend / divisor;
+}
+
+} // namespace
+
+int ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
+{
+    m_stream = stream;
+    if (stream == nullptr) {
+        return -1;
+    }
+    const AVCodecParameters* params = stream->codecpar;
+    if (params == nullptr) {
+        return -2;
+    }
+    m_checkLevel = checkLevel;
+    m_timeBase = {stream->time_base.num, stream->time_base.den};
+    m_streamStart = stream->start_time == AV_NOPTS_VALUE ? kNoTime : stream->start_time;
+    m_facts.type = streamTypeOf(params->codec_type);
+    m_facts.codecName = avcodec_get_name(params->codec_id);
+    m_facts.width = params->width;
+    m_facts.height = params->height;
+    m_facts.sampleAspectNum = params->sample_aspect_ratio.num;
+    m_facts.sampleAspectDen = params->sample_aspect_ratio.den;
+    m_facts.frameRateNum = stream->r_frame_rate.num;
+    m_facts.frameRateDen = stream->r_frame_rate.den;
+    m_facts.channels = params->ch_layout.nb_channels;
+    m_facts.sampleRate = params->sample_rate;
+    if (const AVDictionaryEntry* language = av_dict_get(stream->metadata, "language", nullptr, 0);
+        language != nullptr && language->value != nullptr) {
+        // Up to four bytes, until the value ends; not terminated when all four are used.
+        for (std::size_t i = 0; i < m_facts.language.size() && language->value[i] != '\0'; ++i) {
+            m_facts.language[i] = language->value[i];
+        }
+    }
+
+    if (m_facts.type == StreamType::Video) {
+        const AVRational rate = stream->r_frame_rate;
+        if (rate.num == 0 || rate.den == 0) {
+            m_frameDuration = kNoTime;
+            m_owner.report(Cat::MediaTime, Sev::Low, m_index, "Cannot calc frame rate, skip checking");
+        } else {
+            m_frameDuration = frameDurationOf(stream->time_base, rate);
+            if (m_frameDuration <= 0) {
+                m_owner.report(Cat::MediaTime, Sev::Critical, m_index, "Cannot obtain frame rate");
+                return -3;
+            }
+        }
+    }
+
+    const std::int64_t start = stream->start_time;
+    EngineTrace(kTraceNormal,
+                "..Stream %d Tbase:%d/%d start_time:%" PRId64 " = %.4f sec. rate:%d/%d\n", m_index,
+                stream->time_base.num, stream->time_base.den, start,
+                stream->time_base.den != 0
+                    ? static_cast<double>(start) * stream->time_base.num / stream->time_base.den
+                    : 0.0,
+                stream->r_frame_rate.num, stream->r_frame_rate.den);
+
+    m_decoder = avcodec_find_decoder(params->codec_id);
+    if (m_decoder == nullptr) {
+        if (isVideoOrAudio()) {
+            m_owner.report(Cat::Codec, Sev::Critical, m_index, "Cannot decode");
+            return -4;
+        }
+        return 0;
+    }
+    if (checkLevel <= 2) {
+        return 0;
+    }
+
+    m_context.reset(avcodec_alloc_context3(m_decoder));
+    if (!m_context || avcodec_parameters_to_context(m_context.get(), params) < 0) {
+        m_context.reset();
+        m_owner.report(Cat::Codec, Sev::Critical, m_index, "Cannot setup decoder");
+        return -7;
+    }
+    EngineTrace(kTraceNormal, "..Stream %d [%s]- %s\n", m_index, m_decoder->name,
+                m_decoder->long_name != nullptr ? m_decoder->long_name : "");
+    m_context->pkt_timebase = stream->time_base;
+    if (decoderThreadOption < 0) {
+        m_context->thread_count = 1;
+    }
+    if (avcodec_open2(m_context.get(), m_decoder, nullptr) < 0) {
+        m_owner.report(Cat::Codec, Sev::Critical, m_index, "...Could not open codec %s\n",
+                       m_decoder->name);
+        m_context.reset();
+        m_decoder = nullptr;
+        return -10;
+    }
+    m_frame.reset(av_frame_alloc());
+    if (!m_frame) {
+        m_context.reset();
+        return -10;
+    }
+    return 0;
+}
+
+ClipTicks ClipStream::ticksBetween(std::int64_t a, std::int64_t b) const
+{
+    std::int64_t difference = saturatingSub(a, b);
+    if (difference == kNoTime) {
+        difference = kNoTime + 1; // saturated below, but a known (very large) difference
+    }
+    return clampDifference(rescaleTime(difference, m_timeBase, kClipTimeBase));
+}
+
+std::string ClipStream::positionText(std::int64_t time) const
+{
+    return formatMediaTime(saturatingSub(time, m_streamStart), m_timeBase);
+}
+
+void ClipStream::handlePacket(const AVPacket* packet)
+{
+    if (packet != nullptr && packet->size > 0) {
+        m_facts.byteCount += packet->size;
+    }
+    if (packet != nullptr && m_checkLevel == 2 && packet->data != nullptr && packet->size >= 1 &&
+        packet->dts != AV_NOPTS_VALUE) {
+        checkPacketTime(*packet);
+    }
+    if (!m_context) {
+        return;
+    }
+    if (m_context->codec_type == AVMEDIA_TYPE_AUDIO) {
+        decodeAudio(packet);
+    } else if (m_context->codec_type == AVMEDIA_TYPE_VIDEO) {
+        decodeVideo(packet);
+    }
+}
+
+void ClipStream::checkPacketTime(const AVPacket& packet)
+{
+    if (m_firstPacketTime == kNoTime) {
+        m_firstPacketTime = packet.dts;
+    }
+    if (m_nextPacketTime != kNoTime) {
+        const ClipTicks d = ticksBetween(packet.dts, m_nextPacketTime);
+        if (d < -kReportableDifference) {
+            m_owner.report(Cat::Frames, severityOfDifference(d), m_index, "Wrong packet TC of %s at %s",
+                           formatMediaTime100ns(d).c_str(), positionText(packet.dts).c_str());
+        } else if (d >= kReportableDifference) {
+            m_owner.report(Cat::Frames, severityOfDifference(d), m_index,
+                           "Gap in stream TC of %s at %s", formatMediaTime100ns(d).c_str(),
+                           positionText(packet.dts).c_str());
+        }
+    }
+    m_nextPacketTime = saturatingAdd(packet.dts, packet.duration);
+}
+
+void ClipStream::decodeVideo(const AVPacket* packet)
+{
+    // Pictures need not be exact: only their presence and time stamps are checked.
+    m_context->skip_loop_filter = AVDISCARD_ALL;
+    m_context->skip_idct = AVDISCARD_ALL;
+
+    const bool hasData = packet != nullptr && packet->data != nullptr && packet->size > 0;
+    bool errorReported = false;
+    const auto reportError = [&] {
+        if (!errorReported) {
+            errorReported = true;
+            m_owner.report(Cat::Frames, Sev::Low, m_index, "Error decoding packet at %s",
+                           positionText(packet != nullptr ? packet->dts : kNoTime).c_str());
+        }
+    };
+
+    int sent = avcodec_send_packet(m_context.get(), packet);
+    bool resent = false;
+    while (true) {
+        const int received = avcodec_receive_frame(m_context.get(), m_frame.get());
+        if (received == AVERROR(EAGAIN) || received == AVERROR_EOF) {
+            if (sent == AVERROR(EAGAIN) && !resent) {
+                // The decoder was full; now that its frames are out it takes the packet.
+                resent = true;
+                sent = avcodec_send_packet(m_context.get(), packet);
+                continue;
+            }
+            break;
+        }
+        if (received < 0) {
+            reportError();
+            break;
+        }
+        const std::int64_t time = m_frame->best_effort_timestamp;
+        if (time == AV_NOPTS_VALUE) {
+            if (hasData) {
+                m_owner.report(Cat::Frames, Sev::Low, m_index, "Error in decoded frame, no timecode.");
+            }
+        } else if (m_frameDuration != kNoTime && m_frameDuration > 0) {
+            checkFrame(time, m_frameDuration);
+        }
+        av_frame_unref(m_frame.get());
+    }
+    if (sent < 0 && sent != AVERROR(EAGAIN) && sent != AVERROR_EOF) {
+        reportError();
+    }
+}
+
+void ClipStream::decodeAudio(const AVPacket* packet)
+{
+    if (packet != nullptr && packet->size <= 0) {
+        return;
+    }
+    int sent = avcodec_send_packet(m_context.get(), packet);
+    bool resent = false;
+    while (true) {
+        const int received = avcodec_receive_frame(m_context.get(), m_frame.get());
+        if (received == AVERROR(EAGAIN) || received == AVERROR_EOF) {
+            if (sent == AVERROR(EAGAIN) && !resent) {
+                resent = true;
+                sent = avcodec_send_packet(m_context.get(), packet);
+                continue;
+            }
+            break;
+        }
+        if (received < 0) {
+            sent = received;
+            break;
+        }
+        if (m_frame->nb_samples > 0) {
+            const std::int64_t time = m_frame->best_effort_timestamp;
+            const int contextChannels = m_context->ch_layout.nb_channels;
+            const int frameChannels = m_frame->ch_layout.nb_channels;
+            if (contextChannels != frameChannels || m_context->sample_rate != m_frame->sample_rate) {
+                m_owner.report(Cat::Frames, Sev::Highest, m_index,
+                               "Codec/data format mismatch at %s: %dx%d vs %dx%d",
+                               positionText(time).c_str(),
+                               contextChannels, m_context->sample_rate, frameChannels,
+                               m_frame->sample_rate);
+            }
+            if (time != AV_NOPTS_VALUE && m_frame->sample_rate > 0) {
+                // Samples in the stream time base: samples * den / (num * rate), rounded.
+                const std::int64_t duration =
+                    rescaleTime(m_frame->nb_samples, {1, m_frame->sample_rate}, m_timeBase);
+                checkFrame(time, duration);
+            }
+        }
+        av_frame_unref(m_frame.get());
+    }
+    if (sent < 0 && sent != AVERROR(EAGAIN) && sent != AVERROR_EOF) {
+        m_owner.report(Cat::Codec, Sev::Low, m_index, "Error decoding packet at %s",
+                       positionText(packet != nullptr ? packet->dts : kNoTime).c_str());
+    }
+}
+
+void ClipStream::checkFrame(std::int64_t time, std::int64_t duration)
+{
+    if (time == kNoTime) {
+        return;
+    }
+    if (m_firstFrameTime == kNoTime) {
+        m_firstFrameTime = time;
+    }
+    if (m_nextFrameTime != kNoTime) {
+        const ClipTicks d = ticksBetween(time, m_nextFrameTime);
+        if (d < -kReportableDifference) {
+            m_owner.report(Cat::Frames, severityOfDifference(d), m_index, "Wrong TC of %s at %s",
+                           formatMediaTime100ns(d).c_str(), positionText(time).c_str());
+        } else if (d >= kReportableDifference) {
+            m_owner.report(Cat::Frames, severityOfDifference(d), m_index, "Gap in TC of %s at %s",
+                           formatMediaTime100ns(d).c_str(), positionText(time).c_str());
+        }
+    }
+    // The check follows the new time line after a jump: one discontinuity, one issue.
+    m_nextFrameTime = saturatingAdd(time, duration == kNoTime ? 0 : duration);
+}
+
+void ClipStream::computeDecodedValues()
+{
+    m_facts.decodedStart = rescaleTime(m_firstFrameTime, m_timeBase, kClipTimeBase);
+    m_facts.decodedEnd = rescaleTime(m_nextFrameTime, m_timeBase, kClipTimeBase);
+}
+
+} // namespace tarvoqc

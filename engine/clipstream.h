@@ -1,0 +1,75 @@
+#pragma once
+
+#include <cstdint>
+
+#include "engine/ffmpeg.h"
+#include "results/mediatime.h"
+#include "results/qcresult.h"
+
+namespace tarvoqc {
+
+class ClipChecker;
+
+// One container stream of an open clip: its facts, its decoder and the time-stamp state
+// of the read pass. Owned by the clip's session; used only on the checker's thread.
+class ClipStream
+{
+public:
+    ClipStream(ClipChecker& owner, int index) : m_owner(owner), m_index(index) {}
+    virtual ~ClipStream() = default;
+    ClipStream(const ClipStream&) = delete;
+    ClipStream& operator=(const ClipStream&) = delete;
+
+    // Keeps the container stream, stores its facts and, when checkLevel is above 2, opens
+    // its decoder. Returns 0, or -1 (no stream), -2 (no codec parameters), -3 (frame
+    // duration not positive), -4 (no decoder for video/audio), -7 (parameters not copied),
+    // -10 (decoder did not open). Issues go to the owner.
+    int setUp(AVStream* stream, int checkLevel, int decoderThreadOption);
+
+    // The read pass: one packet, or the end-of-file flush when packet is null.
+    void handlePacket(const AVPacket* packet);
+
+    // Rescales the first/next frame time stamps into the decoded start and end.
+    void computeDecodedValues();
+
+    StreamFacts& facts() { return m_facts; }
+    const StreamFacts& facts() const { return m_facts; }
+    int index() const { return m_index; }
+    int checkLevel() const { return m_checkLevel; }
+    TimeBase timeBase() const { return m_timeBase; }
+    bool isVideoOrAudio() const
+    {
+        return m_facts.type == StreamType::Video || m_facts.type == StreamType::Audio;
+    }
+
+private:
+    void checkPacketTime(const AVPacket& packet);
+    void decodeVideo(const AVPacket* packet);
+    void decodeAudio(const AVPacket* packet);
+    void checkFrame(std::int64_t time, std::int64_t duration);
+    // Position text of a stream time stamp measured from the container stream's start.
+    std::string positionText(std::int64_t time) const;
+    // a - b in the stream time base, as ClipTicks (saturating, never the no-value number).
+    ClipTicks ticksBetween(std::int64_t a, std::int64_t b) const;
+
+    ClipChecker& m_owner;
+    const int m_index;
+    int m_checkLevel = 0;
+    StreamFacts m_facts;
+
+    AVStream* m_stream = nullptr;
+    TimeBase m_timeBase{};
+    std::int64_t m_streamStart = kNoTime; // the container stream's start, stream time base
+    const AVCodec* m_decoder = nullptr;
+    av::CodecContextPtr m_context;
+    av::FramePtr m_frame;
+
+    // Stream time base, or kNoTime.
+    std::int64_t m_firstPacketTime = kNoTime;
+    std::int64_t m_nextPacketTime = kNoTime;
+    std::int64_t m_firstFrameTime = kNoTime;
+    std::int64_t m_nextFrameTime = kNoTime;
+    std::int64_t m_frameDuration = kNoTime; // video only, stream time-base ticks
+};
+
+} // namespace tarvoqc
