@@ -43,7 +43,12 @@ inline constexpr int kExitCodeException = -1; // a C++ exception escaped Run
 //     taker hangs; memory owned by the skipped frames leaks. This is reached only by a
 //     thread that spent 3 s ignoring the stop flag outside every abort point (stuck
 //     computing inside a library); ending it that way is preferred to never returning.
-//  5. The thread is joined; its exit code and WasAborted() can be read.
+//  5. The thread is joined; its exit code and WasAborted() can be read. Stop never detaches
+//     a thread: one in an uninterruptible kernel wait (a dead network mount) is reached
+//     when that wait ends.
+//
+// The abort signal is SIGRTMIN + 3; its handler is installed process-wide at the first
+// Start, so nothing else in the process may use that signal.
 //
 // Contract for Run's code, because a jump skips every frame between the entry and the
 // abort point: on those frames no object with a destructor may be live while inside an

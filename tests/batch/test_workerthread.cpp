@@ -328,8 +328,14 @@ private:
         for (;;) {
             state = state * 1103515245u + 12345u;
             {
-                std::vector<char> buffer(64 + state % 4096, 'x');
-                m_sink.fetch_add(buffer.back());
+                std::vector<int> buffer(1024 + state % 16384, 1);
+                int sum = 0;
+                for (int pass = 0; pass < 8; ++pass) {
+                    for (int value : buffer) {
+                        sum += value;
+                    }
+                }
+                m_sink.fetch_add(sum);
             }
             AbortPoint abortable;
             pollfd entry = {m_pipeFd, POLLIN, 0};
