@@ -22,6 +22,10 @@ public:
     // True while the calling thread is inside an abort point. Async-signal-safe.
     static bool active() noexcept { return t_depth > 0; }
 
+    // Clears the calling thread's mark. Only for the worker thread's entry after a forced
+    // abort jumped over the destructors of the marks that were set. Async-signal-safe.
+    static void resetAfterAbort() noexcept { t_depth = 0; }
+
 private:
     static inline thread_local volatile std::sig_atomic_t t_depth = 0;
 };

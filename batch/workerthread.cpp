@@ -1,0 +1,262 @@
+#include "batch/workerthread.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <system_error>
+#include <utility>
+
+#include <cxxabi.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "engine/abortpoint.h"
+
+namespace tarvoqc {
+
+namespace {
+
+// The worker object of the calling thread, for the signal handler. Constant-initialised,
+// so reading it in a handler needs no initialisation code.
+thread_local WorkerThread* t_worker = nullptr;
+
+// A real-time signal: never sent by the system itself, and queued rather than merged.
+int abortSignal()
+{
+    return SIGRTMIN + 3;
+}
+
+std::once_flag g_handlerOnce;
+
+constexpr int kIdleNice = 19;
+
+// Windows-style levels above idle and the nice values that stand in for them.
+constexpr std::array<std::pair<int, int>, 6> kNiceOfLevel = {{
+    {kThreadPriorityLowest, 10},
+    {kThreadPriorityBelowNormal, 5},
+    {kThreadPriorityNormal, 0},
+    {1, -5},  // above normal
+    {2, -10}, // highest
+    {15, -20} // time critical
+}};
+
+bool applyPriority(pid_t tid, int level)
+{
+    sched_param param = {};
+    if (level == kThreadPriorityIdle) {
+        if (::sched_setscheduler(tid, SCHED_IDLE, &param) == 0) {
+            return true;
+        }
+        return ::setpriority(PRIO_PROCESS, static_cast<id_t>(tid), kIdleNice) == 0;
+    }
+    for (const auto& [known, nice] : kNiceOfLevel) {
+        if (known == level) {
+            return ::sched_setscheduler(tid, SCHED_OTHER, &param) == 0 &&
+                   ::setpriority(PRIO_PROCESS, static_cast<id_t>(tid), nice) == 0;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+void WorkerThread::onAbortSignal(int /*signal*/)
+{
+    WorkerThread* self = t_worker;
+    if (self == nullptr || self->m_jumpArmed.load() == 0) {
+        return;
+    }
+    const int savedErrno = errno;
+    self->m_signalsSeen.fetch_add(1);
+    if (AbortPoint::active() || self->m_jumpAnywhere.load() != 0) {
+        siglongjmp(self->m_jump, 1);
+    }
+    errno = savedErrno;
+}
+
+WorkerThread::~WorkerThread()
+{
+    Stop();
+}
+
+bool WorkerThread::Start()
+{
+    if (IsRunning()) {
+        return false;
+    }
+    if (m_thread.joinable()) {
+        m_thread.join();
+    }
+    std::call_once(g_handlerOnce, [] {
+        // No SA_RESTART: the signal must break a blocking call, not resume it.
+        struct sigaction action = {};
+        action.sa_handler = &WorkerThread::onAbortSignal;
+        sigemptyset(&action.sa_mask);
+        action.sa_flags = 0;
+        ::sigaction(abortSignal(), &action, nullptr);
+    });
+
+    m_stopFlag.exchange(0);
+    {
+        std::lock_guard lock(m_lock);
+        m_started = false;
+        m_hasExitCode = false;
+        m_ended.store(false, std::memory_order_release);
+    }
+    m_aborted.store(false);
+    m_jumpAnywhere.store(0);
+    m_signalsSeen.store(0);
+    try {
+        m_thread = std::thread(&WorkerThread::entry, this);
+    } catch (const std::system_error&) {
+        std::lock_guard lock(m_lock);
+        m_ended.store(true, std::memory_order_release);
+        return false;
+    }
+    // The thread sets its own priority before it publishes its id, so Run never runs above
+    // idle and threadId() is valid once Start returns.
+    std::unique_lock lock(m_lock);
+    m_changed.wait(lock, [this] { return m_started; });
+    return true;
+}
+
+void WorkerThread::entry()
+{
+    t_worker = this;
+    // The thread inherits its creator's signal mask; a blocked abort signal would make
+    // the forced abort wait for ever.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, abortSignal());
+    ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+
+    const pid_t tid = ::gettid();
+    applyPriority(tid, kThreadPriorityIdle);
+    {
+        std::lock_guard lock(m_lock);
+        m_tid.store(tid, std::memory_order_release);
+        m_started = true;
+        m_changed.notify_all();
+    }
+
+    // Marks the end also when the thread is unwound by pthread_exit inside Run.
+    struct EndMark
+    {
+        WorkerThread* self;
+        int code = kExitCodeException;
+        ~EndMark()
+        {
+            t_worker = nullptr;
+            std::lock_guard lock(self->m_lock);
+            self->m_exitCode = code;
+            self->m_hasExitCode = true;
+            self->m_tid.store(0, std::memory_order_release);
+            self->m_ended.store(true, std::memory_order_release);
+            self->m_changed.notify_all();
+        }
+    } endMark{this};
+    endMark.code = runGuarded();
+}
+
+int WorkerThread::runGuarded()
+{
+    // Nothing on this frame changes between sigsetjmp and a jump back to it, so its
+    // values stay determinate after the jump.
+    if (sigsetjmp(m_jump, 1) != 0) {
+        m_jumpArmed.store(0);
+        AbortPoint::resetAfterAbort();
+        m_aborted.store(true, std::memory_order_release);
+        return kExitCodeAborted;
+    }
+    m_jumpArmed.store(1);
+    const int code = runCatching();
+    m_jumpArmed.store(0);
+    return code;
+}
+
+int WorkerThread::runCatching()
+{
+    try {
+        return Run();
+    } catch (const abi::__forced_unwind&) {
+        throw; // thread cancellation must unwind to the end
+    } catch (...) {
+        // The engine keeps its findings as issues; an exception here is a fault of the
+        // code on the thread, and ending the thread beats ending the process.
+        return kExitCodeException;
+    }
+}
+
+bool WorkerThread::waitEnded(std::chrono::milliseconds timeout)
+{
+    std::unique_lock lock(m_lock);
+    return m_changed.wait_for(lock, timeout,
+                              [this] { return m_ended.load(std::memory_order_acquire); });
+}
+
+void WorkerThread::signalThread()
+{
+    // Safe while the thread is not yet joined, even when it has already ended.
+    ::pthread_kill(m_thread.native_handle(), abortSignal());
+}
+
+void WorkerThread::Stop()
+{
+    if (!m_thread.joinable()) {
+        return;
+    }
+    m_stopFlag.exchange(1);
+    if (std::this_thread::get_id() == m_thread.get_id()) {
+        return; // a thread cannot wait for itself; the flag is all it can be given
+    }
+
+    bool ended = false;
+    for (int i = 0; i < m_timings.gracefulWaits && !ended; ++i) {
+        ended = waitEnded(m_timings.gracefulWait);
+    }
+    if (!ended) {
+        const auto deadline = std::chrono::steady_clock::now() + m_timings.abortPointWindow;
+        do {
+            signalThread();
+            ended = waitEnded(m_timings.resendInterval);
+        } while (!ended && std::chrono::steady_clock::now() < deadline);
+    }
+    if (!ended) {
+        m_jumpAnywhere.store(1);
+        do {
+            signalThread();
+            ended = waitEnded(m_timings.resendInterval);
+        } while (!ended);
+    }
+    m_thread.join();
+}
+
+bool WorkerThread::IsRunning() const
+{
+    return !m_ended.load(std::memory_order_acquire);
+}
+
+bool WorkerThread::SetPriority(int level)
+{
+    // Holding the lock keeps the thread from ending, so its id cannot be handed to
+    // another thread while it is used here.
+    std::lock_guard lock(m_lock);
+    const pid_t tid = m_tid.load(std::memory_order_acquire);
+    if (m_ended.load(std::memory_order_acquire) || tid == 0) {
+        return false;
+    }
+    return applyPriority(tid, level);
+}
+
+std::optional<int> WorkerThread::ExitCode() const
+{
+    std::lock_guard lock(m_lock);
+    if (!m_hasExitCode) {
+        return std::nullopt;
+    }
+    return m_exitCode;
+}
+
+} // namespace tarvoqc

@@ -1,0 +1,476 @@
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <grp.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "batch/tasklist.h"
+#include "tests/support/testsupport.h"
+
+namespace tarvoqc {
+namespace {
+
+namespace fs = std::filesystem;
+using test::TempDir;
+using test::writeFile;
+using Paths = std::vector<std::string>;
+
+Paths pathsOf(const TaskList& list)
+{
+    Paths paths;
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        paths.push_back(list.item(i).path());
+    }
+    return paths;
+}
+
+void fillFromCommandLine(TaskList& list, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; ++i) {
+        list.AppendFromCommandLine("/fill/" + std::to_string(i) + ".mp4");
+    }
+}
+
+TEST(IsMediaFileName, MatchesTheClipExtensionsWithoutRegardToCase)
+{
+    const struct
+    {
+        std::string name;
+        int type;
+    } cases[] = {
+        {"a.ts", 1},         {"/x/y.AVI", 2},
+        {"z.Mpg", 3},        {"a.m2p", 4},
+        {"a.M2T", 5},        {"a.m2v", 6},
+        {"a.mov", 7},        {"a.mkv", 8},
+        {"clip.MXF", 9},     {".mp4", 10},
+        {"a.m4v", 11},       {"a.flv", 12},
+        {"a.f4v", 13},       {"a.swf", 14},
+        {"a.WMV", 15},       {"a.wav", 16},
+        {"a.mp3", 17},       {"a.mpeg", 18},
+        {"a.M2TS", 19},      {".ts", 0},
+        {"ts", 0},           {"", 0},
+        {"a.ts.bak", 0},     {"clip.txt", 0},
+        {"a.mpeg4", 0},      {"a_ts", 0},
+        {"dir.mxf/", 0},     {"\xC3\xA9.ts", 1},
+        {"a.m\xC3\xA4v", 0}, {"a.\xC4\xB1ts", 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(IsMediaFileName(c.name), c.type);
+    }
+    EXPECT_EQ(clipExtensions().size(), 19u);
+}
+
+TEST(TaskList, LimitCutsTheAdditionAndReportsTheWarningNumbers)
+{
+    const Paths three = {"/new/1.mp4", "/new/2.mp4", "/new/3.mp4"};
+    const struct
+    {
+        std::size_t existing;
+        std::vector<std::string> paths;
+        bool warned;
+        TaskLimitWarning warning;
+        std::size_t added;
+    } cases[] = {
+        {49997, three, false, {}, 3},
+        {49999, three, true, {50000, 3, 2, 1}, 1},
+        {50000, {"/n/a.ts", "/n/b.ts", "/n/c.ts", "/n/d.ts"}, true, {50000, 4, 4, 0}, 0},
+        // Command-line items are not counted against the limit, so a list can be over it.
+        {50002, three, true, {50000, 3, 5, -2}, 0},
+        // Non-clips and duplicates are dropped before the limit is applied.
+        {49999, {"/new/1.mp4", "/n/x.txt", "/fill/0.mp4", "/new/2.mp4"}, true, {50000, 2, 1, 1}, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.existing);
+        TaskList list;
+        fillFromCommandLine(list, c.existing);
+        const AddFilesResult result = list.AddFiles(3, c.paths);
+        ASSERT_EQ(result.warning.has_value(), c.warned);
+        if (c.warned) {
+            EXPECT_EQ(*result.warning, c.warning);
+        }
+        EXPECT_EQ(result.added, c.added);
+        EXPECT_EQ(list.size(), c.existing + c.added);
+        if (c.added > 0) {
+            // The first kept paths in order are the ones added, at the position.
+            EXPECT_EQ(result.position, 3u);
+            EXPECT_EQ(list.item(3).path(), "/new/1.mp4");
+            EXPECT_EQ(list.item(4).path(), c.added > 1 ? "/new/2.mp4" : "/fill/3.mp4");
+        }
+    }
+}
+
+TEST(TaskList, LimitWarningTextAndCaption)
+{
+    const TaskLimitWarning warning{50000, 3, 2, 1};
+    EXPECT_EQ(warning.text(), "Maximum number of task files reached.\n"
+                              "The list accepts max of 50000 items.\n"
+                              "This is trying to add 3 items (2 over the limit), it will only 1.");
+    EXPECT_EQ(TaskLimitWarning{}.caption(), "Warning");
+    EXPECT_EQ((TaskLimitWarning{50000, 3, 5, -2}).text(),
+              "Maximum number of task files reached.\nThe list accepts max of 50000 items.\n"
+              "This is trying to add 3 items (5 over the limit), it will only -2.");
+}
+
+TEST(TaskList, DuplicateRuleComparesWithTheListOnlyAndCaseSensitively)
+{
+    const struct
+    {
+        const char* name;
+        Paths listed;
+        Paths added;
+        Paths expected;
+    } cases[] = {
+        {"same path twice in one call", {}, {"/a/x.mp4", "/a/x.mp4"}, {"/a/x.mp4", "/a/x.mp4"}},
+        {"case differs",
+         {"/a/x.mp4"},
+         {"/a/X.mp4", "/A/x.MP4"},
+         {"/a/x.mp4", "/a/X.mp4", "/A/x.MP4"}},
+        {"already listed", {"/a/x.mp4"}, {"/a/x.mp4"}, {"/a/x.mp4"}},
+        {"whole string only",
+         {"/a/x.mp4"},
+         {"a/x.mp4", "/a//x.mp4"},
+         {"/a/x.mp4", "a/x.mp4", "/a//x.mp4"}},
+        {"non-clips dropped", {}, {"/a/x.txt", "/a/y.ts", "ts"}, {"/a/y.ts"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        TaskList list;
+        for (const auto& path : c.listed) {
+            list.AppendFromCommandLine(path);
+        }
+        const AddFilesResult result = list.AddFiles(100, c.added);
+        EXPECT_FALSE(result.warning.has_value());
+        EXPECT_EQ(pathsOf(list), c.expected);
+    }
+}
+
+TEST(TaskList, AddFilesInsertsOneBlockAtTheClampedPosition)
+{
+    const struct
+    {
+        std::int64_t position;
+        std::size_t row;
+        Paths expected;
+    } cases[] = {
+        {-5, 0, {"/n/1.ts", "/n/2.ts", "/l/a.ts", "/l/b.ts"}},
+        {0, 0, {"/n/1.ts", "/n/2.ts", "/l/a.ts", "/l/b.ts"}},
+        {1, 1, {"/l/a.ts", "/n/1.ts", "/n/2.ts", "/l/b.ts"}},
+        {2, 2, {"/l/a.ts", "/l/b.ts", "/n/1.ts", "/n/2.ts"}},
+        {999, 2, {"/l/a.ts", "/l/b.ts", "/n/1.ts", "/n/2.ts"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.position);
+        TaskList list;
+        list.AppendFromCommandLine("/l/a.ts");
+        list.AppendFromCommandLine("/l/b.ts");
+        const AddFilesResult result = list.AddFiles(c.position, {"/n/1.ts", "/n/2.ts"});
+        EXPECT_EQ(result.position, c.row);
+        EXPECT_EQ(result.added, 2u);
+        EXPECT_EQ(pathsOf(list), c.expected);
+    }
+    TaskList list;
+    const AddFilesResult nothing = list.AddFiles(0, {"/a/b.txt"});
+    EXPECT_EQ(nothing.added, 0u);
+    EXPECT_FALSE(nothing.warning.has_value());
+    EXPECT_TRUE(list.empty());
+}
+
+TEST(TaskList, CommandLineAndJobAppends)
+{
+    TaskList list;
+    list.AppendFromCommandLine("notes.txt");
+    list.AppendFromCommandLine("notes.txt");
+    list.AppendFromCommandLine("-x");
+    EXPECT_TRUE(list.AppendFromJob("/j/a.mxf"));
+    EXPECT_FALSE(list.AppendFromJob("/j/a.mxf"));
+    EXPECT_TRUE(list.AppendFromJob("/j/A.mxf"));
+    EXPECT_FALSE(list.AppendFromJob("notes.txt"));
+    EXPECT_TRUE(list.AppendFromJob("readme"));
+    EXPECT_EQ(pathsOf(list),
+              (Paths{"notes.txt", "notes.txt", "-x", "/j/a.mxf", "/j/A.mxf", "readme"}));
+}
+
+TEST(TaskList, ClearingAndFindingItems)
+{
+    TaskList list;
+    list.AddFiles(0, {"/c/1.ts", "/c/2.ts", "/c/3.ts", "/c/4.ts", "/c/2.ts"});
+    ASSERT_EQ(list.size(), 5u);
+    EXPECT_EQ(list.firstUnfinished(), 0u);
+    const std::uint64_t thirdId = list.item(2).id();
+    for (std::size_t row : {0u, 1u, 3u}) {
+        list.item(row).setResult(std::make_unique<QcResult>());
+    }
+    EXPECT_EQ(list.firstUnfinished(), 2u);
+    EXPECT_EQ(list.indexOfId(thirdId), 2u);
+
+    EXPECT_EQ(list.ClearFinished(), 3u);
+    EXPECT_EQ(pathsOf(list), (Paths{"/c/3.ts", "/c/2.ts"}));
+    EXPECT_EQ(list.indexOfId(thirdId), 0u);
+    // One of the two "/c/2.ts" items is gone, the other still blocks the path; a path whose
+    // last item went may be added again.
+    EXPECT_EQ(list.AddFiles(9, {"/c/2.ts", "/c/1.ts"}).added, 1u);
+    EXPECT_EQ(pathsOf(list), (Paths{"/c/3.ts", "/c/2.ts", "/c/1.ts"}));
+
+    for (std::size_t row = 0; row < list.size(); ++row) {
+        list.item(row).setResult(std::make_unique<QcResult>());
+    }
+    EXPECT_EQ(list.firstUnfinished(), TaskList::npos);
+    EXPECT_EQ(list.ClearFinished(), 3u);
+    EXPECT_TRUE(list.empty());
+
+    list.AddFiles(0, {"/c/1.ts", "/c/2.ts"});
+    list.ClearAll();
+    EXPECT_TRUE(list.empty());
+    EXPECT_EQ(list.indexOfId(thirdId), TaskList::npos);
+    EXPECT_FALSE(list.contains("/c/1.ts"));
+    EXPECT_EQ(list.AddFiles(0, {"/c/1.ts"}).added, 1u);
+}
+
+// Clips and non-clips at several levels, and folders named like clips.
+struct ClipTree
+{
+    TempDir dir;
+    std::string root = (dir / "in").string();
+    std::string outside = (dir / "outside").string();
+
+    ClipTree()
+    {
+        for (const char* folder : {"in", "in/dir.mxf", "in/sub", "in/sub/deeper", "in/empty",
+                                   "in/sub/deeper/k.mov", "outside"}) {
+            fs::create_directory(dir / folder);
+        }
+        for (const char* file :
+             {"in/a.mp4", "in/b.TXT", "in/C.MXF", "in/dir.mxf/inner.mov", "in/sub/x.ts",
+              "in/sub/notes.txt", "in/sub/deeper/y.m2ts", "in/sub/deeper/z.wav.bak",
+              "in/sub/deeper/k.mov/w.wav", "outside/o.mp4"}) {
+            writeFile(dir / file, "x");
+        }
+    }
+
+    // A recursive walk in listing order with the same "folder + /" rule.
+    static void walk(const std::string& folder, Paths& out)
+    {
+        for (const auto& entry : fs::directory_iterator(folder)) {
+            const std::string path = folder + "/" + entry.path().filename().string();
+            if (entry.is_directory()) {
+                walk(path, out);
+            } else if (IsMediaFileName(path) != 0) {
+                out.push_back(path);
+            }
+        }
+    }
+};
+
+Paths sorted(Paths paths)
+{
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+TEST(TaskList, ScanFolderCollectsClipsAtEveryDepthInListingOrder)
+{
+    ClipTree tree;
+    const std::string& r = tree.root;
+    TaskList list;
+    Paths found;
+    list.ScanFolder(r, found);
+    EXPECT_EQ(sorted(found),
+              sorted({r + "/a.mp4", r + "/C.MXF", r + "/dir.mxf/inner.mov", r + "/sub/x.ts",
+                      r + "/sub/deeper/y.m2ts", r + "/sub/deeper/k.mov/w.wav"}));
+    Paths expected;
+    ClipTree::walk(r, expected);
+    EXPECT_EQ(found, expected);
+
+    // A trailing separator is doubled, not removed, and listed paths are skipped.
+    list.AppendFromCommandLine(r + "//sub/x.ts");
+    Paths doubled;
+    list.ScanFolder(r + "/", doubled);
+    Paths expectedDoubled;
+    ClipTree::walk(r + "/", expectedDoubled);
+    expectedDoubled.erase(
+        std::find(expectedDoubled.begin(), expectedDoubled.end(), r + "//sub/x.ts"));
+    EXPECT_EQ(doubled, expectedDoubled);
+    EXPECT_NE(std::find(doubled.begin(), doubled.end(), r + "//sub/deeper/y.m2ts"), doubled.end());
+
+    // Appends to what out already holds; empty or missing folders add nothing.
+    Paths kept = {"first"};
+    list.ScanFolder("", kept);
+    list.ScanFolder(r + "/missing", kept);
+    list.ScanFolder(r + "/a.mp4", kept);
+    list.ScanFolder(r + "/empty", kept);
+    EXPECT_EQ(kept, Paths{"first"});
+}
+
+TEST(TaskList, ScanFolderFollowsFolderLinksButEntersEachFolderOnce)
+{
+    ClipTree tree;
+    const std::string& r = tree.root;
+    fs::create_directory_symlink("..", r + "/sub/up");
+    fs::create_directory_symlink(".", r + "/self");
+    fs::create_directory_symlink(r + "/sub", r + "/alias");
+    fs::create_directory_symlink("../outside", r + "/out");
+    fs::create_symlink("a.mp4", r + "/link.mp4");
+    fs::create_symlink("missing", r + "/dangling.mkv");
+
+    TaskList list;
+    Paths found;
+    list.ScanFolder(r, found);
+    std::vector<std::string> names;
+    for (const auto& path : found) {
+        names.push_back(fs::path(path).filename().string());
+    }
+    // sub is reached directly and through alias, but scanned once; up and self lead back to
+    // folders already entered; out leads to a folder outside the tree.
+    EXPECT_EQ(sorted(names), sorted({"a.mp4", "C.MXF", "inner.mov", "x.ts", "y.m2ts", "w.wav",
+                                     "o.mp4", "link.mp4", "dangling.mkv"}));
+}
+
+TEST(TaskList, ScanFolderHandlesADeepTree)
+{
+    TempDir dir;
+    std::string folder = dir.path().string();
+    for (int level = 0; level < 300; ++level) {
+        folder += "/d";
+        ASSERT_TRUE(fs::create_directory(folder));
+    }
+    writeFile(folder + "/bottom.ts", "x");
+    TaskList list;
+    Paths found;
+    list.ScanFolder(dir.path().string(), found);
+    EXPECT_EQ(found, Paths{folder + "/bottom.ts"});
+}
+
+// Runs scan as an unprivileged user when the tests run as root (root reads any folder),
+// in a child process so the test process keeps its rights. Gives the paths found.
+Paths scanUnprivileged(const std::function<Paths()>& scan, bool& skipped)
+{
+    skipped = false;
+    if (::geteuid() != 0) {
+        return scan();
+    }
+    int fds[2];
+    if (::pipe(fds) != 0) {
+        ADD_FAILURE() << "pipe";
+        return {};
+    }
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(fds[0]);
+        constexpr uid_t kNobody = 65534;
+        if (::setgroups(0, nullptr) != 0 || ::setgid(kNobody) != 0 || ::setuid(kNobody) != 0) {
+            ::_exit(3);
+        }
+        std::string text;
+        for (const auto& path : scan()) {
+            text += path + "\n";
+        }
+        const bool written =
+            ::write(fds[1], text.data(), text.size()) == static_cast<ssize_t>(text.size());
+        ::_exit(written ? 0 : 4);
+    }
+    ::close(fds[1]);
+    std::string text;
+    char buffer[4096];
+    for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;) {
+        text.append(buffer, static_cast<std::size_t>(n));
+    }
+    ::close(fds[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 3) {
+        skipped = true;
+        return {};
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    Paths paths;
+    for (std::size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
+         start = end + 1) {
+        paths.push_back(text.substr(start, end - start));
+    }
+    return paths;
+}
+
+TEST(TaskList, ScanFolderSkipsUnreadableFolders)
+{
+    ClipTree tree;
+    const std::string& r = tree.root;
+    fs::create_directory(r + "/locked");
+    writeFile(r + "/locked/hidden.mp4", "x");
+    fs::permissions(r + "/locked", fs::perms::none);
+    // The test's temp folder is private to its owner; the unprivileged scan must reach it.
+    fs::permissions(tree.dir.path(), fs::perms::owner_all | fs::perms::group_read |
+                                         fs::perms::group_exec | fs::perms::others_read |
+                                         fs::perms::others_exec);
+    bool skipped = false;
+    const Paths found = scanUnprivileged(
+        [&] {
+            TaskList list;
+            Paths out;
+            list.ScanFolder(r, out);
+            return out;
+        },
+        skipped);
+    fs::permissions(r + "/locked", fs::perms::owner_all);
+    if (skipped) {
+        GTEST_SKIP() << "running as root without the right to drop to an unprivileged user";
+    }
+    EXPECT_EQ(sorted(found),
+              sorted({r + "/a.mp4", r + "/C.MXF", r + "/dir.mxf/inner.mov", r + "/sub/x.ts",
+                      r + "/sub/deeper/y.m2ts", r + "/sub/deeper/k.mov/w.wav"}));
+}
+
+TEST(TaskList, DropDecisions)
+{
+    ClipTree tree;
+    const std::string& r = tree.root;
+    const struct
+    {
+        Paths paths;
+        bool accept;
+    } cases[] = {
+        {{}, false},
+        {{r + "/b.TXT", r + "/sub/notes.txt"}, false},
+        {{r + "/b.TXT", r + "/empty"}, true},
+        {{"/nowhere/x.MXF"}, true},
+        {{"/nowhere/folder"}, false},
+        {{r + "/dir.mxf"}, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.paths.empty() ? "none" : c.paths.front());
+        EXPECT_EQ(TaskList::CanAccept(c.paths), c.accept);
+    }
+
+    TaskList list;
+    list.AppendFromCommandLine(r + "/a.mp4");
+    list.AppendFromCommandLine("/l/last.ts");
+    const Paths dropped = {r + "/sub", "/else/new.mov", r + "/b.TXT", r + "/a.mp4",
+                           "/else/new.mov"};
+    Paths expected;
+    ClipTree::walk(r + "/sub", expected);
+    expected.insert(expected.end(), {"/else/new.mov", "/else/new.mov"});
+    EXPECT_EQ(list.collectDrop(dropped), expected);
+    EXPECT_TRUE(list.collectDrop({r + "/b.TXT", r + "/a.mp4", r + "/empty"}).empty());
+
+    const AddFilesResult result = list.Drop(1, dropped);
+    EXPECT_EQ(result.position, 1u);
+    EXPECT_EQ(result.added, expected.size());
+    Paths all = {r + "/a.mp4"};
+    all.insert(all.end(), expected.begin(), expected.end());
+    all.push_back("/l/last.ts");
+    EXPECT_EQ(pathsOf(list), all);
+
+    const AddFilesResult nothing = list.Drop(0, {r + "/b.TXT"});
+    EXPECT_EQ(nothing.added, 0u);
+    EXPECT_FALSE(nothing.warning.has_value());
+}
+
+} // namespace
+} // namespace tarvoqc

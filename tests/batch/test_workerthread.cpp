@@ -1,0 +1,401 @@
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "batch/workerthread.h"
+#include "engine/abortpoint.h"
+#include "tests/support/testsupport.h"
+
+namespace tarvoqc {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+using Flag = std::atomic<std::int32_t>;
+
+#if defined(__SANITIZE_THREAD__)
+// ThreadSanitizer holds a signal back until the thread next calls into the C library, so a
+// thread that only computes never sees it.
+constexpr bool kSignalsWaitForLibraryCalls = true;
+#else
+constexpr bool kSignalsWaitForLibraryCalls = false;
+#endif
+
+// A worker whose body is given by the test. The body gets the stop flag as the engine
+// does. Everything the body keeps across an abort point lives in the object.
+class TestWorker : public WorkerThread
+{
+public:
+    explicit TestWorker(std::function<int(const Flag*)> body) : m_body(std::move(body)) {}
+    ~TestWorker() override { Stop(); }
+
+    using WorkerThread::setStopTimings;
+
+private:
+    int Run() override { return m_body(stopFlag()); }
+
+    std::function<int(const Flag*)> m_body;
+};
+
+double secondsSince(Clock::time_point start)
+{
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 5000ms)
+{
+    const auto deadline = Clock::now() + limit;
+    while (!done()) {
+        if (Clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+double timedStop(WorkerThread& worker)
+{
+    const auto start = Clock::now();
+    worker.Stop();
+    return secondsSince(start);
+}
+
+TEST(WorkerThread, RunsTheBodyAndKeepsItsExitCode)
+{
+    std::atomic<int> release{0};
+    std::atomic<int> runs{0};
+    TestWorker worker([&](const Flag*) {
+        runs.fetch_add(1);
+        while (release.load() == 0) {
+            std::this_thread::sleep_for(1ms);
+        }
+        return 40 + runs.load();
+    });
+    EXPECT_FALSE(worker.IsRunning());
+    EXPECT_FALSE(worker.ExitCode().has_value());
+    EXPECT_EQ(worker.threadId(), 0);
+
+    ASSERT_TRUE(worker.Start());
+    EXPECT_TRUE(worker.IsRunning());
+    EXPECT_GT(worker.threadId(), 0);
+    EXPECT_NE(worker.threadId(), ::gettid());
+    EXPECT_FALSE(worker.Start()) << "a second thread while the first runs";
+    EXPECT_FALSE(worker.ExitCode().has_value());
+
+    release.store(1);
+    ASSERT_TRUE(waitUntil([&] { return !worker.IsRunning(); }));
+    EXPECT_EQ(worker.ExitCode(), 41);
+    EXPECT_FALSE(worker.WasAborted());
+    EXPECT_EQ(worker.threadId(), 0);
+
+    // An ended thread may be started again.
+    ASSERT_TRUE(worker.Start());
+    ASSERT_TRUE(waitUntil([&] { return !worker.IsRunning(); }));
+    EXPECT_EQ(worker.ExitCode(), 42);
+    EXPECT_EQ(runs.load(), 2);
+}
+
+TEST(WorkerThread, AnExceptionEscapingRunEndsTheThreadOnly)
+{
+    const std::function<int(const Flag*)> bodies[] = {
+        [](const Flag*) -> int { throw std::runtime_error("broken"); },
+        [](const Flag*) -> int { throw 7; },
+    };
+    for (const auto& body : bodies) {
+        TestWorker worker(body);
+        ASSERT_TRUE(worker.Start());
+        worker.Stop();
+        EXPECT_EQ(worker.ExitCode(), kExitCodeException);
+        EXPECT_FALSE(worker.WasAborted());
+    }
+}
+
+TEST(WorkerThread, StopAndDestroyWithoutAThread)
+{
+    TestWorker worker([](const Flag*) { return 1; });
+    worker.Stop();
+    worker.Stop();
+    EXPECT_FALSE(worker.SetPriority(kThreadPriorityIdle));
+    EXPECT_FALSE(worker.ExitCode().has_value());
+}
+
+TEST(WorkerThread, CooperativeStopEndsQuickly)
+{
+    std::atomic<int> entered{0};
+    TestWorker worker([&](const Flag* stop) {
+        entered.store(1);
+        while (stop->load() == 0) {
+            std::this_thread::sleep_for(1ms);
+        }
+        return 5;
+    });
+    ASSERT_TRUE(worker.Start());
+    ASSERT_TRUE(waitUntil([&] { return entered.load() != 0; }));
+    const double seconds = timedStop(worker);
+    std::printf("[ measured ] cooperative stop: %.3f s\n", seconds);
+    EXPECT_LT(seconds, 0.5);
+    EXPECT_EQ(worker.ExitCode(), 5);
+    EXPECT_FALSE(worker.WasAborted());
+    EXPECT_EQ(worker.abortSignalsSeen(), 0);
+}
+
+int schedPolicyFromProc(pid_t tid, int& nice)
+{
+    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    // Fields after the parenthesised name: state is field 3, nice 19, policy 41.
+    std::istringstream fields(text.substr(text.rfind(')') + 2));
+    std::vector<std::string> values;
+    for (std::string value; fields >> value;) {
+        values.push_back(value);
+    }
+    if (values.size() < 39) {
+        return -1;
+    }
+    nice = std::stoi(values[19 - 3]);
+    return std::stoi(values[41 - 3]);
+}
+
+TEST(WorkerThread, RunsAtIdlePriority)
+{
+    std::atomic<int> policyInside{-2};
+    std::atomic<int> niceInside{0};
+    TestWorker worker([&](const Flag* stop) {
+        policyInside.store(::sched_getscheduler(0));
+        niceInside.store(::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid())));
+        while (stop->load() == 0) {
+            std::this_thread::sleep_for(1ms);
+        }
+        return 0;
+    });
+    ASSERT_TRUE(worker.Start());
+    ASSERT_TRUE(waitUntil([&] { return policyInside.load() != -2; }));
+    const pid_t tid = worker.threadId();
+    int nice = 0;
+    const int policy = schedPolicyFromProc(tid, nice);
+    const bool idle = policyInside.load() == SCHED_IDLE || niceInside.load() == 19;
+    EXPECT_TRUE(idle) << "policy " << policyInside.load() << " nice " << niceInside.load();
+    EXPECT_TRUE(policy == SCHED_IDLE || nice == 19) << "policy " << policy << " nice " << nice;
+    EXPECT_EQ(::sched_getscheduler(tid), policy);
+    // The calling thread keeps its own priority.
+    EXPECT_NE(::sched_getscheduler(0), SCHED_IDLE);
+
+    EXPECT_TRUE(worker.SetPriority(kThreadPriorityIdle));
+    EXPECT_FALSE(worker.SetPriority(12345));
+    if (::geteuid() == 0) {
+        // Raising a priority again needs privileges; root has them.
+        EXPECT_TRUE(worker.SetPriority(kThreadPriorityLowest));
+        EXPECT_EQ(::sched_getscheduler(tid), SCHED_OTHER);
+        EXPECT_EQ(schedPolicyFromProc(tid, nice), SCHED_OTHER);
+        EXPECT_EQ(nice, 10);
+    }
+    worker.Stop();
+    EXPECT_FALSE(worker.SetPriority(kThreadPriorityIdle));
+}
+
+// A body that blocks for ever in an abort point: opening a FIFO that nobody writes to.
+// It retries after interruptions, as an engine stuck in a slow file system would.
+class FifoWorker : public WorkerThread
+{
+public:
+    explicit FifoWorker(std::string fifo) : m_fifo(std::move(fifo)) {}
+    ~FifoWorker() override { Stop(); }
+
+    std::atomic<int> attempts{0};
+
+private:
+    int Run() override
+    {
+        AbortPoint abortable;
+        int fd = -1;
+        do {
+            attempts.fetch_add(1);
+            fd = ::open(m_fifo.c_str(), O_RDONLY);
+        } while (fd < 0 && errno == EINTR);
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        return 99;
+    }
+
+    const std::string m_fifo; // owned by the object: the abort skips Run's frames
+};
+
+TEST(WorkerThread, ForcedAbortLeavesABlockingCallInAnAbortPoint)
+{
+    test::TempDir dir;
+    const std::string fifo = (dir / "nobody-writes").string();
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    auto worker = std::make_unique<FifoWorker>(fifo);
+    ASSERT_TRUE(worker->Start());
+    ASSERT_TRUE(waitUntil([&] { return worker->attempts.load() > 0; }));
+    std::this_thread::sleep_for(50ms); // let it block inside open
+    const double seconds = timedStop(*worker);
+    std::printf("[ measured ] forced stop of a thread blocked in an abort point: %.3f s\n",
+                seconds);
+    EXPECT_GE(seconds, 1.95) << "the graceful wait comes first";
+    EXPECT_LT(seconds, 3.5);
+    EXPECT_FALSE(worker->IsRunning());
+    EXPECT_EQ(worker->ExitCode(), kExitCodeAborted);
+    EXPECT_TRUE(worker->WasAborted());
+    EXPECT_GE(worker->abortSignalsSeen(), 1);
+    worker.reset();
+}
+
+TEST(WorkerThread, SignalOutsideAnAbortPointOnlyNotesIt)
+{
+    // Busy for 2.5 s without looking at the stop flag, then honours it: the signals of
+    // the safe stage must not cut it short.
+    std::atomic<int> started{0};
+    TestWorker worker([&](const Flag* stop) {
+        started.store(1);
+        const auto until = Clock::now() + 2500ms;
+        std::vector<int> work;
+        while (Clock::now() < until) {
+            work.assign(64, 1); // heap use, so a wrong jump would show as a leak
+        }
+        return stop->load() != 0 ? 7 : 8;
+    });
+    ASSERT_TRUE(worker.Start());
+    ASSERT_TRUE(waitUntil([&] { return started.load() != 0; }));
+    const double seconds = timedStop(worker);
+    std::printf("[ measured ] stop of a busy thread that checks late: %.3f s\n", seconds);
+    EXPECT_EQ(worker.ExitCode(), 7);
+    EXPECT_FALSE(worker.WasAborted());
+    EXPECT_GE(worker.abortSignalsSeen(), 1);
+    EXPECT_GE(seconds, 2.0);
+    EXPECT_LT(seconds, 5.0);
+}
+
+TEST(WorkerThread, LastResortEndsAThreadThatNeverLooksAtTheFlag)
+{
+    std::atomic<int> started{0};
+    TestWorker worker([&](const Flag*) {
+        started.store(1);
+        // Computing for ever, outside every abort point, holding nothing.
+        volatile std::uint64_t sum = 0;
+        for (;;) {
+            sum = sum + 1;
+            if (kSignalsWaitForLibraryCalls && sum % 4096 == 0) {
+                std::this_thread::sleep_for(1us);
+            }
+        }
+        return 3;
+    });
+    ASSERT_TRUE(worker.Start());
+    ASSERT_TRUE(waitUntil([&] { return started.load() != 0; }));
+    const double seconds = timedStop(worker);
+    std::printf("[ measured ] stop of a thread stuck computing: %.3f s\n", seconds);
+    EXPECT_EQ(worker.ExitCode(), kExitCodeAborted);
+    EXPECT_TRUE(worker.WasAborted());
+    EXPECT_GE(seconds, 3.0);
+    EXPECT_LT(seconds, 5.0);
+}
+
+// Alternates heap work outside abort points with short blocking waits inside them, and
+// never looks at the stop flag, so every stop ends in a forced abort that lands at a
+// random place. A jump outside an abort point would leak the vector or corrupt the heap.
+class RestlessWorker : public WorkerThread
+{
+public:
+    explicit RestlessWorker(int pipeFd, unsigned seed) : m_pipeFd(pipeFd), m_seed(seed) {}
+    ~RestlessWorker() override { Stop(); }
+
+    using WorkerThread::setStopTimings;
+
+private:
+    int Run() override
+    {
+        unsigned state = m_seed;
+        for (;;) {
+            state = state * 1103515245u + 12345u;
+            {
+                std::vector<int> buffer(1024 + state % 16384, 1);
+                int sum = 0;
+                for (int pass = 0; pass < 8; ++pass) {
+                    for (int value : buffer) {
+                        sum += value;
+                    }
+                }
+                m_sink.fetch_add(sum);
+            }
+            AbortPoint abortable;
+            pollfd entry = {m_pipeFd, POLLIN, 0};
+            ::poll(&entry, 1, static_cast<int>(state % 2));
+        }
+        return 1;
+    }
+
+    int m_pipeFd;
+    unsigned m_seed;
+    std::atomic<int> m_sink{0};
+};
+
+TEST(WorkerThread, DestroyWhileRunningAtRandomMoments)
+{
+    std::mt19937 random(20240611);
+    // Cooperative workers, destroyed before, during and after Run.
+    for (int i = 0; i < 300; ++i) {
+        std::atomic<int> dummy{0};
+        auto worker = std::make_unique<TestWorker>([&](const Flag* stop) {
+            std::vector<int> work;
+            for (int step = 0; step < 2000 && stop->load() == 0; ++step) {
+                work.push_back(step);
+                dummy.fetch_add(1);
+            }
+            return 0;
+        });
+        ASSERT_TRUE(worker->Start());
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 2000));
+        const auto start = Clock::now();
+        worker.reset();
+        ASSERT_LT(secondsSince(start), 1.0) << "iteration " << i;
+    }
+
+    // Workers that must be aborted, with the graceful wait shortened so the signals come
+    // at random moments.
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    int aborted = 0;
+    for (int i = 0; i < 150; ++i) {
+        auto worker = std::make_unique<RestlessWorker>(fds[0], static_cast<unsigned>(random()));
+        WorkerThread::StopTimings timings;
+        timings.gracefulWaits = static_cast<int>(random() % 3);
+        timings.gracefulWait = 1ms;
+        timings.resendInterval = 1ms;
+        timings.abortPointWindow = 5000ms;
+        worker->setStopTimings(timings);
+        ASSERT_TRUE(worker->Start());
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+        const auto start = Clock::now();
+        worker->Stop();
+        ASSERT_LT(secondsSince(start), 5.0) << "iteration " << i;
+        EXPECT_EQ(worker->ExitCode(), kExitCodeAborted);
+        aborted += worker->WasAborted() ? 1 : 0;
+        worker.reset();
+    }
+    EXPECT_EQ(aborted, 150);
+    ::close(fds[0]);
+    ::close(fds[1]);
+}
+
+} // namespace
+} // namespace tarvoqc
