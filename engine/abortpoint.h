@@ -14,8 +14,8 @@ namespace tarvoqc {
 class AbortPoint
 {
 public:
-    AbortPoint() noexcept { ++t_depth; }
-    ~AbortPoint() { --t_depth; }
+    AbortPoint() noexcept { t_depth = t_depth + 1; }
+    ~AbortPoint() { t_depth = t_depth - 1; }
     AbortPoint(const AbortPoint&) = delete;
     AbortPoint& operator=(const AbortPoint&) = delete;
 
