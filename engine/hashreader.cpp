@@ -102,15 +102,18 @@ bool HashReader::startBackground()
     return true;
 }
 
-bool HashReader::catchUp(std::uint64_t limit, bool abortable)
+bool HashReader::catchUp(std::uint64_t limit, bool onOwnerThread)
 {
     limit = std::min(limit, m_fileSize);
     while (m_hashed < limit && (limit - m_hashed >= kPieceBytes || limit == m_fileSize)) {
+        if (!onOwnerThread && m_stopping.load(std::memory_order_relaxed)) {
+            return true; // the destructor waits; the thread's loop sees the flag next
+        }
         const std::size_t want =
             static_cast<std::size_t>(std::min<std::uint64_t>(kPieceBytes, limit - m_hashed));
         ssize_t got = 0;
         do {
-            if (abortable) {
+            if (onOwnerThread) {
                 AbortPoint abortPoint;
                 got = ::pread(m_fd, m_buffer.get(), want, static_cast<off_t>(m_hashed));
             } else {
@@ -122,6 +125,7 @@ bool HashReader::catchUp(std::uint64_t limit, bool abortable)
         }
         Sha2Update(m_buffer.get(), static_cast<std::size_t>(got), m_context);
         m_hashed += static_cast<std::uint64_t>(got);
+        m_hashedCount.store(m_hashed, std::memory_order_relaxed);
     }
     return true;
 }

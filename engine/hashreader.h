@@ -33,20 +33,23 @@ namespace tarvoqc {
 // and no error is raised. The file is read with pread, so its file position is neither
 // used nor moved. Nothing past the recorded size is ever hashed, even if the file grows.
 //
-// Abort points (engine/abortpoint.h): the reader holds no lock anywhere. In Inline mode
-// each blocking read runs inside an AbortPoint: it is on the owner's thread, holds no
-// lock and leaves no half-made state (the hash and the byte count move only after the
-// read returns), so a forced abort of the worker during a hung read leaves at once and
-// the reader can still be destroyed. In Background mode the owner's only blocking call,
-// finish()'s wait for the thread (a read on an eventfd, not a condition variable, for
-// exactly this reason), is an AbortPoint. The background thread's own reads are not:
-// the forced abort is aimed at the worker thread alone and this thread has no entry to
-// jump back to; it ends through the stop flag after the read it is in.
+// Abort points (engine/abortpoint.h): the reader takes no lock anywhere; the background
+// thread and its owner meet through atomics, and sleep on eventfds. In Inline mode each
+// blocking read runs inside an AbortPoint: it is on the owner's thread, holds no lock and
+// leaves no half-made state (the hash and the byte count move only after the read
+// returns), so a forced abort of the worker during a hung read leaves at once and the
+// reader can still be destroyed. In Background mode advanceTo never blocks (at most one
+// eventfd write), and the owner's only blocking call, finish()'s wait for the thread, is
+// a read on an eventfd inside an AbortPoint; a condition variable is not used there
+// because leaving its wait by a jump would strand its mutex. The background thread's
+// reads are not abort points: the forced abort is aimed at the worker thread alone, and
+// this thread has no entry to jump back to; it ends through the stop flag instead.
 //
-// Thread-safety: one owner thread makes every call, the constructor and the destructor
-// included; the background thread is internal. The destructor may run at any time
-// (before, during or without finish, also after a forced abort out of finish): it stops
-// and joins the thread, waiting at most for the one read in progress to return.
+// Thread-safety: the owner's calls come from one thread at a time: normally the worker;
+// the destructor may run on another thread once the worker has ended (also after a forced
+// abort out of finish()). bytesHashed() may be read from any thread. The background
+// thread is internal. The destructor may run at any time (before, during or without
+// finish): it stops and joins the thread, waiting at most for the read in progress.
 class HashReader
 {
 public:
@@ -80,13 +83,15 @@ public:
 
     Mode mode() const { return m_mode; }
     std::uint64_t fileSize() const { return m_fileSize; }
-    // The bytes the digest covers; meaningful after finish().
-    std::uint64_t bytesHashed() const { return m_finished ? m_hashed : 0; }
+    // The bytes hashed so far, from offset 0; after finish() the bytes the digest covers.
+    // In Background mode the thread publishes it after each piece.
+    std::uint64_t bytesHashed() const { return m_hashedCount.load(std::memory_order_relaxed); }
 
 private:
     // Reads and hashes pieces while a piece ending at or before limit is ready; false when
-    // a read failed or returned 0 bytes.
-    bool catchUp(std::uint64_t limit, bool abortable);
+    // a read failed or returned 0 bytes. On the owner's thread the reads are abort points;
+    // on the background thread the stop flag is looked at before each piece.
+    bool catchUp(std::uint64_t limit, bool onOwnerThread);
     void runBackground();
     void wakeBackground();
     bool startBackground();
@@ -114,6 +119,7 @@ private:
     std::atomic<bool> m_finishing{false};
     std::atomic<bool> m_stopping{false};
     std::atomic<bool> m_done{false};
+    std::atomic<std::uint64_t> m_hashedCount{0}; // m_hashed, published for bytesHashed()
 };
 
 } // namespace tarvoqc

@@ -336,20 +336,5 @@ TEST(Sha2, FinalEndsTheHash)
     EXPECT_EQ(toHex(digest, 32), digestHex(256, kAbc));
 }
 
-TEST(Sha2, CopiedContextForksTheHash)
-{
-    Sha2Context context;
-    ASSERT_EQ(Sha2Init(512, context), 0);
-    Sha2Update(k896Bits.data(), 100, context);
-    Sha2Context fork = context;
-    Sha2Update(k896Bits.data() + 100, k896Bits.size() - 100, context);
-    Sha2Update(k896Bits.data() + 100, k896Bits.size() - 100, fork);
-    std::uint8_t a[kSha2MaxBytes], b[kSha2MaxBytes];
-    Sha2Final(a, context);
-    Sha2Final(b, fork);
-    EXPECT_EQ(toHex(a, 64), toHex(b, 64));
-    EXPECT_EQ(toHex(a, 64), digestHex(512, k896Bits));
-}
-
 } // namespace
 } // namespace tarvoqc
