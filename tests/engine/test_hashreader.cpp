@@ -1,0 +1,329 @@
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "engine/clipkeys.h"
+#include "engine/hashreader.h"
+#include "engine/sha2.h"
+#include "tests/support/testsupport.h"
+
+namespace tarvoqc {
+namespace {
+
+constexpr std::int64_t kPiece = HashReader::kPieceBytes;
+
+std::string randomText(std::size_t count, std::mt19937& rng)
+{
+    std::string bytes(count, '\0');
+    for (char& c : bytes) {
+        c = static_cast<char>(rng());
+    }
+    return bytes;
+}
+
+std::string hash256Of(std::string_view bytes)
+{
+    FileDigest digest = {};
+    Sha2Digest(256, bytes.data(), bytes.size(), digest.data());
+    return makeHash256(digest);
+}
+
+int openForReading(const std::filesystem::path& path)
+{
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_GE(fd, 0) << path;
+    return fd;
+}
+
+std::string modeName(const ::testing::TestParamInfo<HashReader::Mode>& info)
+{
+    return info.param == HashReader::Mode::Inline ? "Inline" : "Background";
+}
+
+class HashReaderTest : public ::testing::TestWithParam<HashReader::Mode>
+{
+protected:
+    std::unique_ptr<HashReader> openReader(const std::filesystem::path& path)
+    {
+        auto reader = HashReader::open(path.string(), GetParam());
+        EXPECT_NE(reader, nullptr);
+        if (reader != nullptr) {
+            EXPECT_EQ(reader->mode(), GetParam()) << "the thread could not be started";
+        }
+        return reader;
+    }
+
+    test::TempDir m_dir;
+};
+
+TEST_P(HashReaderTest, RandomAdvanceStepsHashTheWholeFile)
+{
+    std::mt19937 rng(static_cast<unsigned>(GetParam() == HashReader::Mode::Inline ? 1 : 2));
+    const std::size_t sizes[] = {0, 1, 63, 65535, 65536, 65537, 3 * 1024 * 1024 + 5};
+    for (std::size_t size : sizes) {
+        const std::string content = randomText(size, rng);
+        test::writeFile(m_dir / "clip.bin", content);
+        const std::string expected = test::sha256sumOf(m_dir / "clip.bin");
+        ASSERT_EQ(expected.size(), 64u) << "sha256sum is needed";
+
+        for (int round = 0; round < 4; ++round) {
+            SCOPED_TRACE("size " + std::to_string(size) + ", round " + std::to_string(round));
+            auto reader = openReader(m_dir / "clip.bin");
+            ASSERT_NE(reader, nullptr);
+            EXPECT_EQ(reader->fileSize(), size);
+            // Positions as a demuxer gives them: mostly forward in uneven steps, some going
+            // back, some without a position, some beyond the end.
+            const auto end = static_cast<std::int64_t>(size);
+            std::int64_t position = 0;
+            for (int step = 0; step < 60; ++step) {
+                switch (rng() % 6) {
+                case 0:
+                    reader->advanceTo(-1);
+                    break;
+                case 1:
+                    reader->advanceTo(end + 1 + static_cast<std::int64_t>(rng() % 100000));
+                    break;
+                case 2:
+                    reader->advanceTo(position / 2);
+                    break;
+                default:
+                    position += static_cast<std::int64_t>(rng() % (3 * kPiece / 2));
+                    reader->advanceTo(std::min(position, end));
+                    break;
+                }
+            }
+            EXPECT_EQ(makeHash256(reader->finish()), expected);
+            EXPECT_EQ(reader->bytesHashed(), size);
+        }
+    }
+}
+
+TEST_P(HashReaderTest, FinishHashesTheWholeFileWhereverTheTargetStopped)
+{
+    std::mt19937 rng(3);
+    const std::string content = randomText(5 * kPiece + 123, rng);
+    test::writeFile(m_dir / "clip.bin", content);
+    const std::string expected = hash256Of(content);
+    const std::int64_t stops[] = {-1, 0, 1, kPiece - 1, kPiece, 2 * kPiece + 7, 5 * kPiece + 122};
+    for (std::int64_t stop : stops) {
+        SCOPED_TRACE(stop);
+        auto reader = openReader(m_dir / "clip.bin");
+        ASSERT_NE(reader, nullptr);
+        reader->advanceTo(stop);
+        EXPECT_EQ(makeHash256(reader->finish()), expected);
+        // finish() is final: later targets and calls change nothing.
+        reader->advanceTo(static_cast<std::int64_t>(content.size()));
+        EXPECT_EQ(makeHash256(reader->finish()), expected);
+        EXPECT_EQ(reader->bytesHashed(), content.size());
+    }
+}
+
+TEST_P(HashReaderTest, FileTruncatedAfterOpenGivesTheHashOfWhatIsLeft)
+{
+    // Another program cuts the file down through its own descriptor while we hash: the
+    // read at the new end returns 0 bytes and ends the reading without an error.
+    std::mt19937 rng(4);
+    const std::string content = randomText(6 * kPiece, rng);
+    struct Case
+    {
+        std::int64_t targetBefore; // advanced before the cut (below the cut)
+        std::int64_t cutTo;
+    };
+    const Case cases[] = {{-1, 0}, {0, 1000}, {kPiece, 3 * kPiece + 17}, {2 * kPiece, 4 * kPiece}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE("cut to " + std::to_string(c.cutTo));
+        test::writeFile(m_dir / "clip.bin", content);
+        auto reader = openReader(m_dir / "clip.bin");
+        ASSERT_NE(reader, nullptr);
+        reader->advanceTo(c.targetBefore);
+        const int writer = ::open((m_dir / "clip.bin").c_str(), O_WRONLY | O_CLOEXEC);
+        ASSERT_GE(writer, 0);
+        ASSERT_EQ(::ftruncate(writer, c.cutTo), 0);
+        ::close(writer);
+        reader->advanceTo(static_cast<std::int64_t>(content.size()));
+        const std::string expected =
+            hash256Of(content.substr(0, static_cast<std::size_t>(c.cutTo)));
+        EXPECT_EQ(makeHash256(reader->finish()), expected);
+        EXPECT_EQ(reader->bytesHashed(), static_cast<std::uint64_t>(c.cutTo));
+    }
+}
+
+TEST_P(HashReaderTest, FileGrownAfterOpenIsHashedToItsRecordedSize)
+{
+    std::mt19937 rng(5);
+    const std::string content = randomText(2 * kPiece + 99, rng);
+    test::writeFile(m_dir / "clip.bin", content);
+    auto reader = openReader(m_dir / "clip.bin");
+    ASSERT_NE(reader, nullptr);
+    test::writeFile(m_dir / "clip.bin", content + randomText(kPiece, rng));
+    reader->advanceTo(static_cast<std::int64_t>(content.size() + 10));
+    EXPECT_EQ(makeHash256(reader->finish()), hash256Of(content));
+}
+
+TEST_P(HashReaderTest, DestroyedAtAnyTime)
+{
+    std::mt19937 rng(6);
+    const std::string content = randomText(8 * 1024 * 1024, rng);
+    test::writeFile(m_dir / "clip.bin", content);
+    const auto size = static_cast<std::int64_t>(content.size());
+    for (int round = 0; round < 40; ++round) {
+        SCOPED_TRACE(round);
+        auto reader = openReader(m_dir / "clip.bin");
+        ASSERT_NE(reader, nullptr);
+        switch (round % 4) {
+        case 0: // never asked for anything
+            break;
+        case 1: // in the middle of a long catching-up
+            reader->advanceTo(size);
+            break;
+        case 2: // several small steps, the thread waking and sleeping
+            for (std::int64_t p = 0; p < size; p += size / 7) {
+                reader->advanceTo(p);
+            }
+            break;
+        case 3: // after the work is done
+            reader->advanceTo(size / 3);
+            EXPECT_EQ(makeHash256(reader->finish()), hash256Of(content));
+            break;
+        }
+        reader.reset();
+    }
+}
+
+TEST_P(HashReaderTest, KeepsUpWithTheTargetBeforeFinish)
+{
+    // The reader follows the target on its own (Background: without finish() waking it),
+    // in whole pieces, and never runs ahead of it.
+    std::mt19937 rng(9);
+    const std::string content = randomText(6 * kPiece + 77, rng);
+    test::writeFile(m_dir / "clip.bin", content);
+    auto reader = openReader(m_dir / "clip.bin");
+    ASSERT_NE(reader, nullptr);
+    struct Step
+    {
+        std::int64_t target;
+        std::uint64_t hashed;
+    };
+    const Step steps[] = {
+        {100, 0},
+        {kPiece, kPiece},
+        {3 * kPiece + 5, 3 * kPiece},
+        {3 * kPiece + 6, 3 * kPiece},
+        {static_cast<std::int64_t>(content.size()), content.size()},
+    };
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.target);
+        reader->advanceTo(step.target);
+        // A liveness bound, not a speed target: a lost wake-up never gets there.
+        const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (reader->bytesHashed() < step.hashed && std::chrono::steady_clock::now() < giveUp) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        EXPECT_EQ(reader->bytesHashed(), step.hashed);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_EQ(reader->bytesHashed(), step.hashed) << "ran ahead of the target";
+    }
+    EXPECT_EQ(makeHash256(reader->finish()), hash256Of(content));
+}
+
+INSTANTIATE_TEST_SUITE_P(HashReader, HashReaderTest,
+                         ::testing::Values(HashReader::Mode::Inline, HashReader::Mode::Background),
+                         modeName);
+
+TEST(HashReader, InlineReadsOnlyWholePiecesBehindTheTarget)
+{
+    // With the file cut to nothing right after advanceTo, the digest shows exactly what was
+    // read inside that call.
+    std::mt19937 rng(7);
+    test::TempDir dir;
+    const std::string content = randomText(4 * kPiece + 500, rng);
+    struct Case
+    {
+        std::int64_t target;
+        std::size_t hashed;
+    };
+    const Case cases[] = {
+        {kPiece - 1, 0},
+        {kPiece, kPiece},
+        {2 * kPiece + 100, 2 * kPiece},
+        {4 * kPiece + 1, 4 * kPiece},
+        {4 * kPiece + 500, content.size()}, // the end of the file is a piece end as well
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.target);
+        test::writeFile(dir / "clip.bin", content);
+        HashReader reader(openForReading(dir / "clip.bin"), content.size(),
+                          HashReader::Mode::Inline);
+        reader.advanceTo(c.target);
+        ASSERT_EQ(::truncate((dir / "clip.bin").c_str(), 0), 0);
+        EXPECT_EQ(makeHash256(reader.finish()), hash256Of(content.substr(0, c.hashed)));
+        EXPECT_EQ(reader.bytesHashed(), c.hashed);
+    }
+}
+
+TEST(HashReader, FailedReadEndsTheCatchingUpAndTheNextOneTriesAgain)
+{
+    // A real read error in the middle of the file: the reader's descriptor is replaced by
+    // one of a folder (dup2), so pread fails with EISDIR; putting the file back lets the
+    // next catching-up go on at the same offset.
+    std::mt19937 rng(8);
+    test::TempDir dir;
+    const std::string content = randomText(5 * kPiece + 3, rng);
+    test::writeFile(dir / "clip.bin", content);
+    const int fd = openForReading(dir / "clip.bin");
+    const int spare = ::dup(fd);
+    const int folder = ::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(spare, 0);
+    ASSERT_GE(folder, 0);
+
+    {
+        SCOPED_TRACE("error, then the file back");
+        HashReader reader(fd, content.size(), HashReader::Mode::Inline);
+        reader.advanceTo(2 * kPiece);
+        ASSERT_EQ(::dup2(folder, fd), fd);
+        reader.advanceTo(3 * kPiece); // fails: nothing more is hashed
+        ASSERT_EQ(::dup2(spare, fd), fd);
+        EXPECT_EQ(makeHash256(reader.finish()), hash256Of(content));
+    } // closes fd
+    {
+        SCOPED_TRACE("error at the finish");
+        const int fd2 = ::dup(spare);
+        ASSERT_GE(fd2, 0);
+        HashReader reader(fd2, content.size(), HashReader::Mode::Inline);
+        reader.advanceTo(3 * kPiece + 1);
+        ASSERT_EQ(::dup2(folder, fd2), fd2);
+        EXPECT_EQ(makeHash256(reader.finish()), hash256Of(content.substr(0, 3 * kPiece)));
+        EXPECT_EQ(reader.bytesHashed(), static_cast<std::uint64_t>(3 * kPiece));
+    }
+    {
+        SCOPED_TRACE("no usable descriptor at all");
+        for (HashReader::Mode mode : {HashReader::Mode::Inline, HashReader::Mode::Background}) {
+            HashReader reader(-1, content.size(), mode);
+            reader.advanceTo(kPiece);
+            EXPECT_EQ(makeHash256(reader.finish()), hash256Of(""));
+            EXPECT_EQ(reader.bytesHashed(), 0u);
+        }
+    }
+    ::close(spare);
+    ::close(folder);
+}
+
+TEST(HashReader, OpenFailsForAMissingFile)
+{
+    test::TempDir dir;
+    EXPECT_EQ(HashReader::open((dir / "missing.bin").string(), HashReader::Mode::Background),
+              nullptr);
+}
+
+} // namespace
+} // namespace tarvoqc

@@ -1,0 +1,340 @@
+#include <algorithm>
+#include <cctype>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "engine/sha2.h"
+#include "engine/sha2blocks.h"
+#include "tests/support/testsupport.h"
+
+namespace tarvoqc {
+namespace {
+
+std::string toHex(const std::uint8_t* bytes, std::size_t count)
+{
+    static const char digits[] = "0123456789ABCDEF";
+    std::string text;
+    for (std::size_t i = 0; i < count; ++i) {
+        text += digits[bytes[i] >> 4];
+        text += digits[bytes[i] & 15];
+    }
+    return text;
+}
+
+std::string digestHex(std::uint32_t size, std::string_view message)
+{
+    std::uint8_t digest[kSha2MaxBytes] = {};
+    Sha2Context context;
+    EXPECT_EQ(Sha2Init(size, context), 0);
+    Sha2Update(message.data(), message.size(), context);
+    const std::uint32_t written = Sha2Final(digest, context);
+    return toHex(digest, written);
+}
+
+std::vector<std::uint8_t> randomBytes(std::size_t count, std::mt19937& rng)
+{
+    std::vector<std::uint8_t> bytes(count);
+    for (auto& b : bytes) {
+        b = static_cast<std::uint8_t>(rng());
+    }
+    return bytes;
+}
+
+// The hash of the whole message fed in pieces cut at the given offsets (ascending).
+std::string digestInPieces(std::uint32_t size, const std::vector<std::uint8_t>& message,
+                           const std::vector<std::size_t>& cuts)
+{
+    Sha2Context context;
+    EXPECT_EQ(Sha2Init(size, context), 0);
+    std::size_t from = 0;
+    for (std::size_t cut : cuts) {
+        Sha2Update(message.data() + from, cut - from, context);
+        from = cut;
+    }
+    Sha2Update(message.data() + from, message.size() - from, context);
+    std::uint8_t digest[kSha2MaxBytes] = {};
+    return toHex(digest, Sha2Final(digest, context));
+}
+
+// The other tools' digest of a file, upper case; empty when the tool is missing.
+std::string toolDigest(const char* tool, const std::filesystem::path& file)
+{
+    const test::CommandResult r = test::runCommand({tool, "-b", file.string()});
+    std::string hex = r.out.substr(0, r.out.find(' '));
+    for (char& c : hex) {
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    }
+    return r.status == 0 ? hex : std::string();
+}
+
+// Runs each SHA-256 test once per path the CPU has, and puts the path back afterwards.
+class Sha256PathTest : public ::testing::TestWithParam<sha2::Sha256Path>
+{
+protected:
+    void SetUp() override
+    {
+        m_before = sha2::sha256Path();
+        if (!sha2::setSha256Path(GetParam())) {
+            GTEST_SKIP() << "this CPU has no SHA extensions";
+        }
+    }
+    void TearDown() override { sha2::setSha256Path(m_before); }
+
+private:
+    sha2::Sha256Path m_before = sha2::Sha256Path::Portable;
+};
+
+std::string pathName(const ::testing::TestParamInfo<sha2::Sha256Path>& info)
+{
+    return info.param == sha2::Sha256Path::Portable ? "Portable" : "ShaExtensions";
+}
+
+const std::string kAbc = "abc";
+const std::string k448Bits = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
+const std::string k896Bits = "abcdefghbcdefghicdefghijdefghijkefghijklfghijklmghijklmn"
+                             "hijklmnoijklmnopjklmnopqklmnopqrlmnopqrsmnopqrstnopqrstu";
+const std::string kMillionA(1'000'000, 'a');
+
+TEST_P(Sha256PathTest, StandardExamples)
+{
+    struct Case
+    {
+        const std::string* message;
+        const char* digest;
+    };
+    const Case cases[] = {
+        {&kAbc, "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD"},
+        {&k448Bits, "248D6A61D20638B8E5C026930C3E6039A33CE45964FF2167F6ECEDD419DB06C1"},
+        {&k896Bits, "CF5B16A778AF8380036CE59E7B0492370B249B11E8F07A51AFAC45037AFEE9D1"},
+        {&kMillionA, "CDC76E5C9914FB9281A1C7E284D73E67F1809A48A497200E046D39CCC7112CD0"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.message->substr(0, 16));
+        EXPECT_EQ(digestHex(256, *c.message), c.digest);
+        EXPECT_EQ(digestHex(32, *c.message), c.digest);
+    }
+    EXPECT_EQ(digestHex(256, ""),
+              "E3B0C44298FC1C149AFBF4C8996FB92427AE41E4649B934CA495991B7852B855");
+}
+
+TEST_P(Sha256PathTest, LongMessageMatchesSha256sum)
+{
+    std::mt19937 rng(256);
+    const std::vector<std::uint8_t> message = randomBytes(5 * 1024 * 1024 + 37, rng);
+    test::TempDir dir;
+    test::writeFile(
+        dir / "long.bin",
+        std::string_view(reinterpret_cast<const char*>(message.data()), message.size()));
+    const std::string expected = test::sha256sumOf(dir / "long.bin");
+    ASSERT_EQ(expected.size(), 64u) << "sha256sum is needed";
+    EXPECT_EQ(digestInPieces(256, message, {}), expected);
+    EXPECT_EQ(digestInPieces(256, message, {1, 65, 65536 * 3 + 5, 4 * 1024 * 1024}), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Sha2, Sha256PathTest,
+                         ::testing::Values(sha2::Sha256Path::Portable,
+                                           sha2::Sha256Path::ShaExtensions),
+                         pathName);
+
+TEST(Sha2, BothSha256PathsAgreeOnRandomMessagesAndSplits)
+{
+    if (!sha2::sha256ShaExtensionsAvailable()) {
+        GTEST_SKIP() << "this CPU has no SHA extensions";
+    }
+    const sha2::Sha256Path before = sha2::sha256Path();
+    std::mt19937 rng(2024);
+    for (int round = 0; round < 400; ++round) {
+        const std::size_t length = rng() % (64 * 9 + 1);
+        const std::vector<std::uint8_t> message = randomBytes(length, rng);
+        std::vector<std::size_t> cuts;
+        for (std::size_t n = rng() % 5; n > 0 && length > 0; --n) {
+            cuts.push_back(rng() % (length + 1));
+        }
+        std::sort(cuts.begin(), cuts.end());
+        SCOPED_TRACE("length " + std::to_string(length) + ", " + std::to_string(cuts.size()) +
+                     " cuts");
+
+        ASSERT_TRUE(sha2::setSha256Path(sha2::Sha256Path::Portable));
+        const std::string portable = digestInPieces(256, message, cuts);
+        const std::string portableWhole = digestInPieces(256, message, {});
+        ASSERT_TRUE(sha2::setSha256Path(sha2::Sha256Path::ShaExtensions));
+        const std::string fast = digestInPieces(256, message, cuts);
+        EXPECT_EQ(portable, fast);
+        EXPECT_EQ(portable, portableWhole);
+    }
+    sha2::setSha256Path(before);
+}
+
+TEST(Sha2, BlockFunctionsAgreeOnManyBlocksAtOddAddresses)
+{
+    if (!sha2::sha256ShaExtensionsAvailable()) {
+        GTEST_SKIP() << "this CPU has no SHA extensions";
+    }
+    std::mt19937 rng(7);
+    const std::vector<std::uint8_t> data = randomBytes(64 * 40 + 3, rng);
+    for (std::size_t offset : {0, 1, 3}) {
+        for (std::size_t blocks : {0, 1, 2, 17, 40}) {
+            SCOPED_TRACE(std::to_string(offset) + " + " + std::to_string(blocks) + " blocks");
+            std::uint32_t a[8], b[8];
+            for (int i = 0; i < 8; ++i) {
+                a[i] = b[i] = static_cast<std::uint32_t>(rng());
+            }
+            sha2::sha256BlocksPortable(a, data.data() + offset, blocks);
+            sha2::sha256BlocksShaExt(b, data.data() + offset, blocks);
+            EXPECT_EQ(0, std::memcmp(a, b, sizeof a));
+        }
+    }
+}
+
+TEST(Sha2, Sha384And512StandardExamples)
+{
+    struct Case
+    {
+        std::uint32_t size;
+        const std::string* message;
+        const char* digest;
+    };
+    const Case cases[] = {
+        {384, &kAbc,
+         "CB00753F45A35E8BB5A03D699AC65007272C32AB0EDED1631A8B605A43FF5BED8086072BA1E7CC2358BAECA1"
+         "34C825A7"},
+        {384, &k448Bits,
+         "3391FDDDFC8DC7393707A65B1B4709397CF8B1D162AF05ABFE8F450DE5F36BC6B0455A8520BC4E6F5FE95B1F"
+         "E3C8452B"},
+        {384, &k896Bits,
+         "09330C33F71147E83D192FC782CD1B4753111B173B3B05D22FA08086E3B0F712FCC7C71A557E2DB966C3E9FA"
+         "91746039"},
+        {384, &kMillionA,
+         "9D0E1809716474CB086E834E310A4A1CED149E9C00F248527972CEC5704C2A5B07B8B3DC38ECC4EBAE97DDD8"
+         "7F3D8985"},
+        {512, &kAbc,
+         "DDAF35A193617ABACC417349AE20413112E6FA4E89A97EA20A9EEEE64B55D39A2192992A274FC1A836BA3C23"
+         "A3FEEBBD454D4423643CE80E2A9AC94FA54CA49F"},
+        {512, &k448Bits,
+         "204A8FC6DDA82F0A0CED7BEB8E08A41657C16EF468B228A8279BE331A703C33596FD15C13B1B07F9AA1D3BEA"
+         "57789CA031AD85C7A71DD70354EC631238CA3445"},
+        {512, &k896Bits,
+         "8E959B75DAE313DA8CF4F72814FC143F8F7779C6EB9F7FA17299AEADB6889018501D289E4900F7E4331B99DE"
+         "C4B5433AC7D329EEB6DD26545E96E55B874BE909"},
+        {512, &kMillionA,
+         "E718483D0CE769644E2E42C7BC15B4638E1F98B13B2044285632A803AFA973EBDE0FF244877EA60A4CB0432C"
+         "E577C31BEB009C5C2C49AA2E4EADB217AD8CC09B"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.size) + " " + c.message->substr(0, 16));
+        EXPECT_EQ(digestHex(c.size, *c.message), c.digest);
+        EXPECT_EQ(digestHex(c.size / 8, *c.message), c.digest);
+    }
+}
+
+TEST(Sha2, Sha384And512MatchCoreutilsOnSplitMessages)
+{
+    std::mt19937 rng(512);
+    test::TempDir dir;
+    // Lengths around the 112-byte point where the length field no longer fits the last block.
+    for (std::size_t length :
+         {0, 1, 111, 112, 113, 127, 128, 129, 255, 256, 1000, 3 * 1024 * 1024 + 7}) {
+        const std::vector<std::uint8_t> message = randomBytes(length, rng);
+        test::writeFile(
+            dir / "m.bin",
+            std::string_view(reinterpret_cast<const char*>(message.data()), message.size()));
+        const std::vector<std::size_t> cuts = {length / 3, length / 2,
+                                               std::min(length, length / 2 + 1)};
+        for (const auto& [size, tool] :
+             {std::pair<std::uint32_t, const char*>{384, "sha384sum"}, {512, "sha512sum"}}) {
+            SCOPED_TRACE(std::string(tool) + " of " + std::to_string(length) + " bytes");
+            const std::string expected = toolDigest(tool, dir / "m.bin");
+            ASSERT_FALSE(expected.empty()) << tool << " is needed";
+            EXPECT_EQ(digestInPieces(size, message, {}), expected);
+            EXPECT_EQ(digestInPieces(size, message, cuts), expected);
+        }
+    }
+}
+
+TEST(Sha2, OneDigestCallEqualsInitUpdateFinal)
+{
+    for (std::uint32_t size : {256u, 384u, 512u, 32u, 48u, 64u}) {
+        SCOPED_TRACE(size);
+        std::uint8_t digest[kSha2MaxBytes] = {};
+        ASSERT_EQ(Sha2Digest(size, k896Bits.data(), k896Bits.size(), digest), 0);
+        EXPECT_EQ(toHex(digest, size > 64 ? size / 8 : size), digestHex(size, k896Bits));
+    }
+    std::uint8_t digest[kSha2MaxBytes] = {};
+    EXPECT_EQ(Sha2Digest(256, nullptr, 0, digest), 0);
+    EXPECT_EQ(toHex(digest, 32), digestHex(256, ""));
+}
+
+TEST(Sha2, InitAcceptsOnlyTheThreeSizesInBitsOrBytes)
+{
+    struct Case
+    {
+        std::uint32_t size;
+        int result;
+        std::uint32_t digestSize;
+    };
+    const Case cases[] = {
+        {256, 0, 32}, {32, 0, 32}, {384, 0, 48}, {48, 0, 48},  {512, 0, 64},
+        {64, 0, 64},  {224, 1, 0}, {28, 1, 0},   {0, 1, 0},    {1, 1, 0},
+        {128, 1, 0},  {160, 1, 0}, {257, 1, 0},  {1024, 1, 0}, {0xFFFFFFFFu, 1, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.size);
+        Sha2Context context;
+        ASSERT_EQ(Sha2Init(256, context), 0); // a refused Init must not leave this variant
+        EXPECT_EQ(Sha2Init(c.size, context), c.result);
+        EXPECT_EQ(context.digestSize, c.digestSize);
+        std::uint8_t digest[kSha2MaxBytes];
+        std::memset(digest, 0xA5, sizeof digest);
+        EXPECT_EQ(Sha2Digest(c.size, kAbc.data(), kAbc.size(), digest), c.result);
+        if (c.result != 0) {
+            for (std::uint8_t b : digest) {
+                ASSERT_EQ(b, 0xA5) << "a refused size wrote a digest";
+            }
+        }
+    }
+}
+
+TEST(Sha2, ContextOfAnotherSizeIsLeftAlone)
+{
+    const std::uint32_t foreignSizes[] = {0, 28, 33, 128, 256};
+    for (std::uint32_t foreign : foreignSizes) {
+        SCOPED_TRACE(foreign);
+        Sha2Context context;
+        ASSERT_EQ(Sha2Init(256, context), 0);
+        Sha2Update(kAbc.data(), kAbc.size(), context);
+        context.digestSize = foreign;
+        const Sha2Context before = context;
+        Sha2Update(k896Bits.data(), k896Bits.size(), context);
+        EXPECT_EQ(0, std::memcmp(&before, &context, sizeof context)) << "Update changed it";
+
+        std::uint8_t digest[kSha2MaxBytes];
+        std::memset(digest, 0x5A, sizeof digest);
+        EXPECT_EQ(Sha2Final(digest, context), 0u);
+        for (std::uint8_t b : digest) {
+            ASSERT_EQ(b, 0x5A) << "Final wrote a digest";
+        }
+    }
+}
+
+TEST(Sha2, FinalEndsTheHash)
+{
+    Sha2Context context;
+    ASSERT_EQ(Sha2Init(256, context), 0);
+    Sha2Update(kAbc.data(), kAbc.size(), context);
+    std::uint8_t digest[kSha2MaxBytes] = {};
+    EXPECT_EQ(Sha2Final(digest, context), kSha256Bytes);
+    EXPECT_EQ(toHex(digest, 32), digestHex(256, kAbc));
+    // A second Final must not pad again and hand out a different "digest".
+    EXPECT_EQ(Sha2Final(digest, context), 0u);
+    EXPECT_EQ(toHex(digest, 32), digestHex(256, kAbc));
+}
+
+} // namespace
+} // namespace tarvoqc
