@@ -177,6 +177,10 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
     m_opened = false;
     m_work = MediaFacts{};
     m_progress.store(0, std::memory_order_relaxed);
+    {
+        const std::lock_guard lock(m_issuesLock);
+        m_issues = QcIssueList{};
+    }
 
     FileInfo info;
     if (!queryFileInfo(m_path, info)) {

@@ -92,6 +92,15 @@ private:
     void checkDecoded(ClipStream& stream);
     // Replaces the QC duration with the latest decoded end of the checked streams.
     void correctDuration();
+    // The packet loop of Run: true when it reached the end of the file.
+    bool readPackets();
+    // Gives every stream the end-of-file flush.
+    void flushDecoders();
+    // The file hash of Run: started on the clip's own read handle (the session owns it),
+    // kept behind the demuxer's position, finished over the whole file into the keys.
+    void startHash(int fd);
+    void advanceHash(std::int64_t position);
+    void finishHash();
 
     std::string m_path;
     CheckLevel m_level = 0;

@@ -5,6 +5,7 @@
 
 #include "engine/clipstream.h"
 #include "engine/ffmpeg.h"
+#include "engine/hashreader.h"
 
 namespace tarvoqc {
 
@@ -29,6 +30,8 @@ struct ClipSession
     std::vector<ClipStream*> videoStreams;
     std::vector<ClipStream*> audioStreams;
     bool wavOrMp3 = false;
+    // The file hash of the read pass: its own read handle, kept just behind the demuxer.
+    std::unique_ptr<HashReader> hash;
 
     // The media libraries read the clip through these, so that every blocking read is
     // one of our abort points and honours the interrupt and cancel flags.

@@ -49,6 +49,78 @@ make cover.png -f lavfi -i "color=c=red:size=64x64:duration=0.04" -frames:v 1 -f
 make cover.mp3 -f lavfi -i "$(tone 2 44100)" -i "$out/cover.png" -map 0:a -map 1:v \
     -c:a libmp3lame -b:a 128k -c:v copy -disposition:v attached_pic -id3v2_version 3 -f mp3
 
+# Time-stamp faults. Two MPEG-TS segments, the second written with its own time offset and
+# appended byte for byte: the demuxer then meets the exact jump between them (90 kHz ticks,
+# so 0.0099 s and 0.01 s are both exact). Video: 2 s of 25 fps from 10 s on; audio: 1.92 s of
+# 48 kHz MP2 (80 frames of 24 ms) from 10 s on.
+video_segment() {
+    make "$1" -f lavfi -i "$(video 2 160x120)" -c:v mpeg2video -g 25 -bf 0 \
+        -muxdelay 0 -muxpreload 0 -output_ts_offset "$2" -f mpegts
+}
+audio_segment() {
+    make "$1" -f lavfi -i "$(tone 1.92 "${3:-48000}")" -c:a mp2 -b:a 128k -ac 1 \
+        -muxdelay 0 -muxpreload 0 -output_ts_offset "$2" -f mpegts
+}
+join_segments() { # NAME FIRST SECOND
+    [[ -e "$out/$1" ]] || { cat "$out/$2" "$out/$3" >"$out/.tmp.$1" && mv "$out/.tmp.$1" "$out/$1"; }
+}
+video_segment .seg_v_first.ts 10
+audio_segment .seg_a_first.ts 10
+for jump in under:0.0099 warning:0.01 low:0.25 high:2 highest:10 \
+            back_under:-0.0099 back_exact:-0.01 back_warning:-0.0101 back_low:-0.5; do
+    label=${jump%%:*}
+    seconds=${jump#*:}
+    video_segment ".seg_v_$label.ts" "$(echo "12 + $seconds" | bc)"
+    audio_segment ".seg_a_$label.ts" "$(echo "11.92 + $seconds" | bc)"
+    join_segments "jump_video_$label.ts" .seg_v_first.ts ".seg_v_$label.ts"
+    join_segments "jump_audio_$label.ts" .seg_a_first.ts ".seg_a_$label.ts"
+done
+# The audio goes on at 44.1 kHz after the first segment.
+audio_segment .seg_a_44k.ts 11.92 44100
+join_segments rate_change.ts .seg_a_first.ts .seg_a_44k.ts
+
+# A 4 s MXF cut in the middle: the header still states the whole duration.
+make .full4s.mxf -f lavfi -i "$(video 4 720x576)" -f lavfi -i "$(tone 4)" \
+    -c:v mpeg2video -pix_fmt yuv422p -b:v 8M -g 12 -bf 0 -c:a pcm_s16le -ar 48000 -ac 1 -f mxf
+[[ -e "$out/truncated.mxf" ]] || head -c "$(($(stat -c %s "$out/.full4s.mxf") / 2))" "$out/.full4s.mxf" >"$out/truncated.mxf"
+# A 4 s TS with 32 KiB of noise written over its middle.
+make .full4s.ts -f lavfi -i "$(video 4)" -f lavfi -i "$(tone 4)" \
+    -c:v mpeg2video -b:v 2M -g 12 -bf 0 -c:a mp2 -b:a 128k -f mpegts
+if [[ ! -e "$out/overwritten.ts" ]]; then
+    cp "$out/.full4s.ts" "$out/.tmp.overwritten.ts"
+    perl -e 'srand(11); print map { chr(int(rand(256))) } 1..32768' |
+        dd of="$out/.tmp.overwritten.ts" bs=1 seek="$(($(stat -c %s "$out/.full4s.ts") * 2 / 5))" conv=notrunc status=none
+    mv "$out/.tmp.overwritten.ts" "$out/overwritten.ts"
+fi
+# Audio that runs 2 s past the end of the video.
+make audio_longer.mp4 -f lavfi -i "$(video 2)" -f lavfi -i "$(tone 4)" \
+    -c:v libx264 -preset veryfast -x264-params threads=1 -pix_fmt yuv420p -g 25 -c:a aac -b:a 96k -f mp4
+# Audio that starts 1 s after the video.
+make late_audio.ts -f lavfi -i "$(video 3)" -itsoffset 1 -f lavfi -i "$(tone 2)" \
+    -c:v mpeg2video -b:v 2M -g 12 -bf 0 -c:a mp2 -b:a 128k -f mpegts
+# H.264 without its parameter sets: the decoder can make nothing of it.
+make nothing_decodes.ts -f lavfi -i "$(video 2 160x120)" -c:v libx264 -x264-params threads=1 \
+    -bsf:v "filter_units=remove_types=7|8" -f mpegts
+# Matroska written to a pipe has no duration in its header.
+if [[ ! -e "$out/no_duration.mkv" ]]; then
+    "${ff[@]}" -f lavfi -i "$(video 2 160x120)" -f lavfi -i "$(tone 2)" -c:v mpeg2video -c:a mp2 \
+        "${exact[@]}" -f matroska pipe:1 >"$out/.tmp.no_duration.mkv" && mv "$out/.tmp.no_duration.mkv" "$out/no_duration.mkv"
+fi
+# WAV headers with impossible formats, patched into the clean WAV: 0 channels (byte 22),
+# 33 bits per sample (byte 34).
+patch_wav() { # NAME OFFSET VALUE
+    [[ -e "$out/$1" ]] && return 0
+    perl -e 'local $/; my ($in, $off, $val) = @ARGV; open my $f, "<:raw", $in or die;
+             my $d = <$f>; substr($d, $off, 2) = pack("v", $val); print $d' \
+        "$out/pcm.wav" "$2" "$3" >"$out/.tmp.$1" && mv "$out/.tmp.$1" "$out/$1"
+}
+patch_wav zero_channels.wav 22 0
+patch_wav bits33.wav 34 33
+
+# A longer clip, so that a check can be stopped while it is still reading.
+make long.ts -f lavfi -i "$(video 30 720x576)" -f lavfi -i "$(tone 30)" \
+    -c:v mpeg2video -b:v 6M -g 12 -bf 2 -c:a mp2 -b:a 192k -f mpegts
+
 # Files that only look like clips.
 [[ -e "$out/text.mov" ]] || printf 'This is a text file, not a clip.\nSecond line.\n' >"$out/text.mov"
 [[ -e "$out/random.mxf" ]] || perl -e 'srand(7); print map { chr(int(rand(256))) } 1..65536' >"$out/random.mxf"

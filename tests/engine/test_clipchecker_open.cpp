@@ -1,0 +1,190 @@
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "engine/clipchecker.h"
+#include "tests/engine/engine_test_util.h"
+#include "tests/support/testsupport.h"
+
+namespace tarvoqc {
+namespace {
+
+using Cat = QcIssueCategory;
+using Sev = QcSeverity;
+using test::ExpectedIssue;
+
+QcResult openOnly(const std::string& path, CheckLevel level, bool* opened = nullptr)
+{
+    ClipChecker checker;
+    const bool ok = checker.Open(path, level, -1);
+    if (opened != nullptr) {
+        *opened = ok;
+    }
+    checker.Close();
+    return checker.result();
+}
+
+struct OpenCase
+{
+    const char* clip;
+    CheckLevel level;
+    bool opens;
+    QcScore score;
+    std::vector<ExpectedIssue> issues; // exactly these, in any order
+};
+
+TEST(ClipCheckerOpen, IssuesOfOpenAndProbeOnRealClips)
+{
+    const OpenCase cases[] = {
+        {"mpeg2_pcm.mxf", 1, true, 5, {}},
+        {"h264_aac.mp4", 1, true, 5, {}},
+        {"prores_pcm.mov", 1, true, 5, {}},
+        {"cover.mp3", 3, true, 5, {}},
+        {"nothere.mov", 1, false, 0, {{Cat::File, Sev::Critical, -1, "Couldn't get file attributes"}}},
+        {"text.mov", 1, false, 0, {{Cat::File, Sev::Critical, -1, "Couldn't open file"}}},
+        {"random.mxf", 1, false, 0, {{Cat::File, Sev::Critical, -1, "Couldn't open file"}}},
+        {"empty.mp4", 1, false, 0, {{Cat::File, Sev::Critical, -1, "Couldn't open file"}}},
+        {"pcm.wav",
+         1,
+         true,
+         1,
+         {{Cat::MediaTime, Sev::Highest, -1, "Couldn't estimate clip start timecode"},
+          {Cat::MediaTime, Sev::High, 0, "Header: Start unknown"}}},
+        {"no_duration.mkv",
+         1,
+         true,
+         1,
+         {{Cat::MediaTime, Sev::Highest, -1, "Couldn't estimate clip duration"},
+          {Cat::MediaTime, Sev::High, 0, "Header: Stream duration unknown"},
+          {Cat::MediaTime, Sev::Warning, 0, "Header: Start time is off from clip by 0.01 sec"},
+          {Cat::MediaTime, Sev::Warning, 1, "Header: Stream duration unknown"}}},
+        {"bits33.wav",
+         1,
+         true,
+         0,
+         {{Cat::Codec, Sev::Critical, 0, "Cannot decode"},
+          {Cat::MediaTime, Sev::Highest, -1, "Couldn't estimate clip start timecode"},
+          {Cat::MediaTime, Sev::High, 0, "Header: Start unknown"}}},
+        // The decoder is only opened for a decoding check.
+        {"zero_channels.wav",
+         3,
+         true,
+         0,
+         {{Cat::Codec, Sev::Critical, 0, "...Could not open codec pcm_s16le\n"},
+          {Cat::MediaTime, Sev::Highest, -1, "Couldn't estimate clip start timecode"},
+          {Cat::MediaTime, Sev::High, 0, "Header: Start unknown"}}},
+        {"zero_channels.wav",
+         2,
+         true,
+         1,
+         {{Cat::MediaTime, Sev::Highest, -1, "Couldn't estimate clip start timecode"},
+          {Cat::MediaTime, Sev::High, 0, "Header: Start unknown"}}},
+        {"audio_longer.mp4",
+         1,
+         true,
+         2,
+         {{Cat::MediaTime, Sev::High, 0, "Header: Stream is shorter than clip duration by 2.00 sec"}}},
+        {"late_audio.ts",
+         1,
+         true,
+         3,
+         {{Cat::MediaTime, Sev::Low, 1, "Header: Start time is off from clip by 0.98 sec"},
+          {Cat::MediaTime, Sev::Warning, 1, "Header: Stream is shorter than clip duration by"}}},
+    };
+    for (const OpenCase& c : cases) {
+        SCOPED_TRACE(std::string(c.clip) + " at level " + std::to_string(c.level));
+        bool opened = false;
+        const QcResult result = openOnly((test::testMediaDir() / c.clip).string(), c.level, &opened);
+        EXPECT_EQ(opened, c.opens);
+        EXPECT_EQ(result.opened, c.opens);
+        EXPECT_EQ(result.score(), c.score) << test::describe(result);
+        EXPECT_EQ(result.issues.size(), c.issues.size()) << test::describe(result);
+        for (const ExpectedIssue& e : c.issues) {
+            EXPECT_EQ(test::countIssues(result, e), 1) << e.textStart << "\n" << test::describe(result);
+        }
+    }
+}
+
+TEST(ClipCheckerOpen, FolderWhereAClipIsExpected)
+{
+    const test::TempDir dir;
+    std::filesystem::create_directory(dir / "clip.mxf");
+    const QcResult result = openOnly((dir / "clip.mxf").string(), 3);
+    ASSERT_EQ(result.issues.size(), 1U);
+    EXPECT_EQ(result.issues.at(0).text, "Couldn't open file");
+    EXPECT_EQ(result.facts.attributes & 0x10U, 0x10U);
+}
+
+TEST(ClipCheckerOpen, FactsOfACleanMxf)
+{
+    const std::string path = test::testClip("mpeg2_pcm.mxf").string();
+    ClipChecker checker;
+    ASSERT_TRUE(checker.Open(path, 3, -1));
+    ASSERT_TRUE(checker.EstimatedDuration().has_value());
+    EXPECT_EQ(*checker.EstimatedDuration(), 2 * kTicksPerSecond);
+    checker.Close();
+    EXPECT_FALSE(checker.EstimatedDuration().has_value());
+
+    const MediaFacts facts = checker.mediaFacts();
+    struct stat st = {};
+    ASSERT_EQ(::stat(path.c_str(), &st), 0);
+    EXPECT_EQ(facts.fileSize, static_cast<std::uint64_t>(st.st_size));
+    EXPECT_EQ(facts.attributes, 0x20U);
+    // Windows file time of the modification time: 100 ns units since 1601.
+    EXPECT_EQ(facts.lastWriteTime / 10'000'000ULL - 11'644'473'600ULL,
+              static_cast<std::uint64_t>(st.st_mtim.tv_sec));
+    EXPECT_EQ(facts.clipStart, 0);
+    EXPECT_EQ(facts.clipDuration, 2 * kTicksPerSecond);
+    EXPECT_EQ(facts.qcDuration, facts.clipDuration);
+    EXPECT_TRUE(facts.hash256.empty());
+    EXPECT_EQ(facts.fkey, 0U);
+    ASSERT_EQ(facts.streams.size(), 2U);
+    const StreamFacts& video = facts.streams[0];
+    EXPECT_EQ(video.type, StreamType::Video);
+    EXPECT_EQ(video.codecName, "mpeg2video");
+    EXPECT_EQ(video.width, 720);
+    EXPECT_EQ(video.height, 576);
+    EXPECT_EQ(video.frameRateNum, 25);
+    EXPECT_EQ(video.frameRateDen, 1);
+    const StreamFacts& audio = facts.streams[1];
+    EXPECT_EQ(audio.type, StreamType::Audio);
+    EXPECT_EQ(audio.codecName, "pcm_s16le");
+    EXPECT_EQ(audio.channels, 1);
+    EXPECT_EQ(audio.sampleRate, 48000);
+    EXPECT_EQ(audio.headerDuration, 2 * kTicksPerSecond);
+}
+
+TEST(ClipCheckerOpen, CoverArtOfAnAudioContainerIsNeverChecked)
+{
+    ClipChecker checker;
+    ASSERT_TRUE(checker.Open(test::testClip("cover.mp3").string(), 3, -1));
+    EXPECT_EQ(checker.Run(nullptr), 1);
+    checker.Close();
+    const QcResult result = checker.result();
+    ASSERT_EQ(result.facts.streams.size(), 2U);
+    EXPECT_EQ(result.facts.streams[1].type, StreamType::Video);
+    EXPECT_EQ(result.facts.streams[1].codecName, "png");
+    // Never decoded: no decoded values, and no issue names the picture stream.
+    EXPECT_EQ(result.facts.streams[1].decodedStart, kNoTime);
+    for (const auto& issue : result.issues.all()) {
+        EXPECT_NE(issue->streamIndex, 1) << issue->text;
+    }
+}
+
+TEST(ClipCheckerOpen, ReopeningForgetsTheEarlierClip)
+{
+    ClipChecker checker;
+    EXPECT_FALSE(checker.Open(test::testClip("text.mov").string(), 1, -1));
+    checker.Close();
+    ASSERT_TRUE(checker.Open(test::testClip("mpeg2_pcm.mxf").string(), 1, -1));
+    EXPECT_EQ(checker.mediaFacts().streams.size(), 2U);
+    EXPECT_TRUE(checker.issues().empty());
+    EXPECT_TRUE(checker.result().opened);
+}
+
+} // namespace
+} // namespace tarvoqc

@@ -1,0 +1,266 @@
+#include <atomic>
+#include <cstdlib>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "engine/clipchecker.h"
+#include "tests/engine/engine_test_util.h"
+#include "tests/support/testsupport.h"
+
+namespace tarvoqc {
+namespace {
+
+using Cat = QcIssueCategory;
+using Sev = QcSeverity;
+using test::ExpectedIssue;
+
+QcResult checkClip(const std::string& name, CheckLevel level,
+                   const std::atomic<std::int32_t>* cancel = nullptr)
+{
+    ClipChecker checker;
+    if (checker.Open(test::testClip(name).string(), level, -1)) {
+        EXPECT_EQ(checker.Run(cancel), 1);
+        EXPECT_EQ(checker.ClipProgress(), kProgressMax);
+    }
+    checker.Close();
+    return checker.result();
+}
+
+int packetIssues(const QcResult& r)
+{
+    return test::countText(r, "Gap in stream TC of") + test::countText(r, "Wrong packet TC of");
+}
+int frameIssues(const QcResult& r)
+{
+    return test::countText(r, "Gap in TC of") + test::countText(r, "Wrong TC of");
+}
+
+// Two segments joined with a jump between them: the boundaries of the severity table, for
+// video and audio, decoded (frame time stamps) and read only (packet time stamps).
+TEST(DecodePass, TimeStampJumpsAtTheSeverityBoundaries)
+{
+    struct Case
+    {
+        const char* label;
+        bool reported;
+        bool forward;
+        Sev severity;
+    };
+    const Case cases[] = {
+        {"under", false, true, Sev::Warning},       // +0.0099 s
+        {"warning", true, true, Sev::Warning},      // +0.01 s
+        {"low", true, true, Sev::Low},              // +0.25 s
+        {"high", true, true, Sev::High},            // +2 s
+        {"highest", true, true, Sev::Highest},      // +10 s
+        {"back_under", false, false, Sev::Warning}, // -0.0099 s
+        {"back_exact", false, false, Sev::Warning}, // -0.01 s: a step back of exactly 0.01 s is fine
+        {"back_warning", true, false, Sev::Warning}, // -0.0101 s
+        {"back_low", true, false, Sev::Low},        // -0.5 s
+    };
+    for (const char* kind : {"video", "audio"}) {
+        for (const Case& c : cases) {
+            const std::string clip = std::string("jump_") + kind + "_" + c.label + ".ts";
+            SCOPED_TRACE(clip);
+            const QcResult decoded = checkClip(clip, 3);
+            const QcResult packets = checkClip(clip, 2);
+            EXPECT_EQ(packetIssues(decoded), 0) << test::describe(decoded);
+            EXPECT_EQ(frameIssues(packets), 0) << test::describe(packets);
+            EXPECT_EQ(test::countText(packets, "Decoded"), 0) << test::describe(packets);
+            if (!c.reported) {
+                EXPECT_EQ(frameIssues(decoded), 0) << test::describe(decoded);
+                EXPECT_EQ(packetIssues(packets), 0) << test::describe(packets);
+                EXPECT_EQ(decoded.score(), 5) << test::describe(decoded);
+                continue;
+            }
+            const ExpectedIssue frame{Cat::Frames, c.severity, 0, c.forward ? "Gap in TC of" : "Wrong TC of"};
+            const ExpectedIssue packet{Cat::Frames, c.severity, 0,
+                                       c.forward ? "Gap in stream TC of" : "Wrong packet TC of"};
+            EXPECT_EQ(test::countIssues(decoded, frame), 1) << test::describe(decoded);
+            EXPECT_EQ(frameIssues(decoded), 1) << test::describe(decoded);
+            EXPECT_EQ(test::countIssues(packets, packet), 1) << test::describe(packets);
+            EXPECT_EQ(packetIssues(packets), 1) << test::describe(packets);
+            EXPECT_EQ(decoded.score(), 4 - static_cast<int>(c.severity)) << test::describe(decoded);
+        }
+    }
+}
+
+TEST(DecodePass, TextsOfAJumpCarryTheDifferenceAndThePosition)
+{
+    // Video from 10 s: 50 frames, then the second segment 2 s late at 14 s, i.e. 4.00 s
+    // after the stream's start.
+    const QcResult r = checkClip("jump_video_high.ts", 3);
+    ASSERT_EQ(r.issues.size(), 1U) << test::describe(r);
+    EXPECT_EQ(r.issues.at(0).text, "Gap in TC of 2.00 at 4.00");
+    EXPECT_EQ(r.issues.at(0).streamKind, QcStreamKind::Video);
+
+    const QcResult back = checkClip("jump_audio_back_low.ts", 3);
+    ASSERT_EQ(back.issues.size(), 1U) << test::describe(back);
+    EXPECT_EQ(back.issues.at(0).text, "Wrong TC of -0.50 at 1.42");
+    EXPECT_EQ(back.issues.at(0).streamKind, QcStreamKind::Audio);
+}
+
+TEST(DecodePass, CleanClipsScoreOk)
+{
+    for (const char* clip : {"mpeg2_pcm.mxf", "h264_aac.mp4", "prores_pcm.mov"}) {
+        for (CheckLevel level : {2, 3}) {
+            SCOPED_TRACE(std::string(clip) + " level " + std::to_string(level));
+            const QcResult r = checkClip(clip, level);
+            EXPECT_TRUE(r.issues.empty()) << test::describe(r);
+            EXPECT_EQ(r.facts.hash256, test::sha256sumOf(test::testClip(clip)));
+            EXPECT_NE(r.facts.fkey, 0U);
+            for (const StreamFacts& s : r.facts.streams) {
+                EXPECT_GT(s.byteCount, 0);
+                if (level == 3) {
+                    // Within the reporting threshold (AAC priming makes the audio 5 ms longer).
+                    EXPECT_LT(std::abs(s.decodedStart - s.headerStart), 100'000);
+                    EXPECT_LT(std::abs(s.decodedEnd - s.decodedStart - s.headerDuration), 100'000);
+                } else {
+                    EXPECT_EQ(s.decodedStart, kNoTime);
+                }
+            }
+        }
+    }
+}
+
+TEST(DecodePass, DamagedClipsAndTheirScores)
+{
+    struct Case
+    {
+        const char* clip;
+        QcScore score;
+        std::vector<ExpectedIssue> issues; // each present exactly once
+    };
+    const Case cases[] = {
+        {"truncated.mxf",
+         3,
+         {{Cat::MediaTime, Sev::Low, 0, "Gap at end: last decoded is 1.96 sec before clip end"},
+          {Cat::MediaTime, Sev::Low, 1, "Gap at end: last decoded is 1.96 sec before clip end"},
+          {Cat::MediaTime, Sev::Low, 0, "Decoded duration 1.96 sec under the one reported from header"},
+          {Cat::MediaTime, Sev::Warning, -1, "QC: Clip duration must be fixed from 4.00 to 2.08"}}},
+        {"audio_longer.mp4",
+         2,
+         {{Cat::MediaTime, Sev::High, 0, "Header: Stream is shorter than clip duration by 2.00 sec"},
+          {Cat::MediaTime, Sev::High, 0,
+           "Gap at end: last decoded is 2.00 sec before clip end. Last position 2.00"}}},
+        {"late_audio.ts",
+         3,
+         {{Cat::MediaTime, Sev::Low, 1, "Header: Start time is off from clip by 0.98 sec"},
+          {Cat::MediaTime, Sev::Low, 1, "Decoded start difference from clip start of 0.98"}}},
+        {"rate_change.ts", 1, {{Cat::Frames, Sev::Highest, 0, "Codec/data format mismatch at 1.91: 1x44100 vs 1x48000"}}},
+        {"overwritten.ts", 4, {{Cat::Frames, Sev::Warning, 0, "Gap in TC of 0.16 at 1.88"}}},
+        {"nothing_decodes.ts",
+         1,
+         {{Cat::MediaTime, Sev::Highest, 0, "Decoded data have no start timecode"},
+          {Cat::MediaTime, Sev::Highest, 0, "Decoded data have no end timecode"}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.clip);
+        const QcResult r = checkClip(c.clip, 3);
+        EXPECT_EQ(r.score(), c.score) << test::describe(r);
+        for (const ExpectedIssue& e : c.issues) {
+            EXPECT_EQ(test::countIssues(r, e), 1) << e.textStart << "\n" << test::describe(r);
+        }
+    }
+}
+
+TEST(DecodePass, StreamThatDecodesNothingGetsOnlyTheTwoMissingTimecodeIssues)
+{
+    const QcResult r = checkClip("nothing_decodes.ts", 3);
+    int decodedChecks = 0;
+    for (const auto& issue : r.issues.all()) {
+        if (issue->category == Cat::MediaTime && issue->streamIndex == 0 &&
+            !issue->text.starts_with("Header:")) {
+            ++decodedChecks;
+        }
+    }
+    EXPECT_EQ(decodedChecks, 2) << test::describe(r);
+    EXPECT_GT(test::countText(r, "Error decoding packet at"), 0) << test::describe(r);
+    EXPECT_EQ(r.facts.streams.at(0).decodedStart, kNoTime);
+    EXPECT_EQ(r.facts.streams.at(0).decodedEnd, kNoTime);
+}
+
+TEST(DecodePass, DurationIsCorrectedToTheLatestDecodedEnd)
+{
+    const QcResult r = checkClip("truncated.mxf", 3);
+    EXPECT_EQ(r.facts.clipDuration, 4 * kTicksPerSecond);
+    ClipTicks latest = 0;
+    for (const StreamFacts& s : r.facts.streams) {
+        latest = std::max(latest, s.decodedEnd - r.facts.clipStart);
+    }
+    EXPECT_EQ(r.facts.qcDuration, latest);
+    EXPECT_NEAR(static_cast<double>(r.facts.qcDuration), 2.08e7, 1e5);
+}
+
+TEST(DecodePass, LevelOneReadsNothingAndMakesNoKeys)
+{
+    const QcResult r = checkClip("mpeg2_pcm.mxf", 1);
+    EXPECT_TRUE(r.facts.hash256.empty());
+    EXPECT_EQ(r.facts.fkey, 0U);
+    EXPECT_EQ(r.facts.streams.at(0).byteCount, 0);
+}
+
+TEST(DecodePass, CancelledRunStillHashesTheWholeFileAndEndsAtFullProgress)
+{
+    const std::string path = test::testClip("long.ts").string();
+    std::atomic<std::int32_t> cancel{0};
+    ClipChecker checker;
+    ASSERT_TRUE(checker.Open(path, 3, -1));
+    std::atomic<bool> done{false};
+    std::thread watcher([&] {
+        // Stop once the read is well under way but far from its end.
+        while (!done.load() && checker.ClipProgress() < 20000) {
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        cancel.store(1);
+    });
+    EXPECT_EQ(checker.Run(&cancel), 1);
+    done.store(true);
+    watcher.join();
+    EXPECT_EQ(checker.ClipProgress(), kProgressMax);
+    checker.Close();
+    const QcResult r = checker.result();
+    EXPECT_EQ(r.facts.hash256, test::sha256sumOf(path));
+    // The decoded checks still ran, on what was decoded before the stop.
+    const StreamFacts& video = r.facts.streams.at(0);
+    ASSERT_NE(video.decodedEnd, kNoTime);
+    EXPECT_LT(video.decodedEnd - video.decodedStart, 25 * kTicksPerSecond);
+    EXPECT_EQ(test::countText(r, "Gap at end: last decoded is"), 2) << test::describe(r);
+    EXPECT_EQ(test::countText(r, "QC: Clip duration must be fixed"), 1) << test::describe(r);
+}
+
+TEST(DecodePass, CancelBeforeTheFirstPacket)
+{
+    std::atomic<std::int32_t> cancel{1};
+    const QcResult r = checkClip("mpeg2_pcm.mxf", 3, &cancel);
+    EXPECT_EQ(r.facts.hash256, test::sha256sumOf(test::testClip("mpeg2_pcm.mxf")));
+    EXPECT_EQ(test::countText(r, "Decoded data have no start timecode"), 2) << test::describe(r);
+    EXPECT_EQ(r.facts.streams.at(0).byteCount, 0);
+}
+
+TEST(DecodePass, WriteLockedClipIsNotRead)
+{
+    const test::TempDir dir;
+    const auto copy = dir / "locked.mxf";
+    test::writeFile(copy, test::readFile(test::testClip("mpeg2_pcm.mxf")));
+    ClipChecker checker;
+    ASSERT_TRUE(checker.Open(copy.string(), 3, -1));
+    // Another program still writing the clip holds it open for writing.
+    FILE* writer = std::fopen(copy.c_str(), "r+");
+    ASSERT_NE(writer, nullptr);
+    EXPECT_EQ(checker.Run(nullptr), -9);
+    std::fclose(writer);
+    EXPECT_EQ(checker.ClipProgress(), 0);
+    const QcResult r = checker.result();
+    ASSERT_EQ(r.issues.size(), 1U) << test::describe(r);
+    EXPECT_EQ(r.issues.at(0).text, "Couldn't open, file is write locked");
+    EXPECT_EQ(r.issues.at(0).severity, Sev::Critical);
+    EXPECT_TRUE(r.facts.hash256.empty());
+    EXPECT_EQ(r.facts.fkey, 0U);
+}
+
+} // namespace
+} // namespace tarvoqc
