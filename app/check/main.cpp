@@ -1,12 +1,16 @@
+#include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <unistd.h>
 
 #include "app/check/checkoptions.h"
 #include "app/check/checkoutput.h"
-#include "engine/clipchecker.h"
+#include "batch/runcontroller.h"
+#include "batch/tasklist.h"
 #include "tarvoqc/version.h"
 
 using namespace tarvoqc;
@@ -16,6 +20,73 @@ namespace {
 constexpr int kExitPass = 0;
 constexpr int kExitBelowThreshold = 1;
 constexpr int kExitUsage = 2;
+// The command line polls its runners more often than the window's 100 ms: with many short
+// clips the wait between two clips would otherwise dominate.
+constexpr auto kTickInterval = std::chrono::milliseconds(10);
+
+// Fills the list from the command line's paths: a folder adds the clips found in it (each
+// once), anything else is checked as a clip, whatever its name.
+void fillTaskList(const std::vector<std::string>& paths, TaskList& list)
+{
+    for (const std::string& path : paths) {
+        std::error_code ec;
+        if (std::filesystem::is_directory(path, ec)) {
+            std::string folder = path;
+            while (folder.size() > 1 && folder.back() == '/') {
+                folder.pop_back();
+            }
+            std::vector<std::string> found;
+            list.ScanFolder(folder, found);
+            for (const std::string& clip : found) {
+                list.AppendFromJob(clip);
+            }
+        } else {
+            list.AppendFromCommandLine(path);
+        }
+    }
+}
+
+// One line on standard error, redrawn in place: done/total, the mean progress of the
+// running checks, and the clip being checked.
+class ProgressBar
+{
+public:
+    explicit ProgressBar(bool enabled) : m_enabled(enabled) {}
+
+    void show(std::size_t done, std::size_t total, std::int32_t progress, const std::string& path)
+    {
+        if (!m_enabled) {
+            return;
+        }
+        constexpr int kWidth = 30;
+        const double fraction = total == 0 ? 1.0 : (static_cast<double>(done) + progress / 100000.0) /
+                                                       static_cast<double>(total);
+        const int filled = static_cast<int>(fraction * kWidth);
+        std::string bar(static_cast<std::size_t>(filled), '#');
+        bar.resize(kWidth, '-');
+        std::string name = std::filesystem::path(path).filename().string();
+        if (name.size() > 40) {
+            name = name.substr(0, 37) + "...";
+        }
+        std::fprintf(stderr, "\r[%s] %3d%% %zu/%zu %-40s", bar.c_str(),
+                     static_cast<int>(fraction * 100), done, total, name.c_str());
+        std::fflush(stderr);
+        m_shown = true;
+    }
+
+    void clear()
+    {
+        if (m_shown) {
+            std::fprintf(stderr, "\r%*s\r", 90, "");
+            std::fflush(stderr);
+            m_shown = false;
+        }
+    }
+
+private:
+    bool m_enabled;
+    bool m_shown = false;
+};
 
 } // namespace
 
@@ -37,31 +108,60 @@ int main(int argc, char** argv)
         return kExitPass;
     }
 
-    if (options->level > 1) {
-        std::fprintf(stderr, "tarvoqc-check: check levels 2 and 3 (the read and decode pass) are not "
-                             "built yet; use --level 1\n");
+    TaskList list;
+    fillTaskList(options->paths, list);
+    if (list.empty()) {
+        std::fprintf(stderr, "tarvoqc-check: no clips found in the given paths\n");
         return kExitUsage;
     }
 
-    int below = 0;
-    for (const std::string& path : options->paths) {
-        ClipChecker checker;
-        checker.Open(path, options->level, -1);
-        checker.Close();
-        const QcResult result = checker.result();
-        if (result.score() < options->threshold) {
-            ++below;
+    RunControllerOptions runOptions;
+    runOptions.level = options->level;
+    runOptions.decoderThreadOption = -1; // one decoder thread per clip; --jobs spreads clips
+    runOptions.maxRunners = options->jobs > 0 ? static_cast<std::size_t>(options->jobs)
+                                              : std::max(1U, std::thread::hardware_concurrency());
+    RunController controller(list, runOptions);
+    controller.CheckAll();
+
+    ProgressBar progress(!options->quiet && ::isatty(STDERR_FILENO) != 0);
+    std::size_t printed = 0;
+    std::size_t below = 0;
+    while (true) {
+        const TickReport report = controller.tick();
+        // Results appear in list order, whatever order the checks end in.
+        bool cleared = false;
+        while (printed < list.size() && list.item(printed).finished()) {
+            if (!cleared) {
+                progress.clear();
+                cleared = true;
+            }
+            const QcResult& result = *list.item(printed).result();
+            if (result.score() < options->threshold) {
+                ++below;
+            }
+            if (options->json) {
+                std::puts(check::jsonReport(result).dump().c_str());
+            } else if (!options->quiet) {
+                std::fputs(check::humanReport(result, false).c_str(), stdout);
+            }
+            std::fflush(stdout);
+            ++printed;
         }
-        if (options->json) {
-            std::puts(check::jsonReport(result).dump().c_str());
-        } else if (!options->quiet) {
-            std::fputs(check::humanReport(result, false).c_str(), stdout);
+        if (report.allDone || controller.state() == RunState::Idle) {
+            break;
         }
+        if (!controller.runners().empty()) {
+            progress.show(printed, list.size(), report.progress.value_or(0),
+                          controller.runners().front()->path());
+        }
+        std::this_thread::sleep_for(kTickInterval);
     }
-    const std::size_t count = options->paths.size();
+    progress.clear();
+
+    const std::size_t count = list.size();
     std::fprintf(options->json ? stderr : stdout,
-                 "%zu clip%s checked at level %d: %zu at or above \"%s\", %d below\n", count,
-                 count == 1 ? "" : "s", options->level, count - static_cast<std::size_t>(below),
+                 "%zu clip%s checked at level %d: %zu at or above \"%s\", %zu below\n", count,
+                 count == 1 ? "" : "s", options->level, count - below,
                  scoreText(options->threshold).data(), below);
     return below > 0 ? kExitBelowThreshold : kExitPass;
 }

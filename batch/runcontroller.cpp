@@ -1,0 +1,123 @@
+#include "batch/runcontroller.h"
+
+#include <algorithm>
+
+namespace tarvoqc {
+
+RunController::RunController(TaskList& list, RunControllerOptions options)
+    : m_list(list), m_options(options)
+{
+}
+
+RunController::~RunController() = default;
+
+bool RunController::CheckAll()
+{
+    if (m_state != RunState::Idle || m_list.empty()) {
+        return false;
+    }
+    m_state = RunState::All;
+    return true;
+}
+
+bool RunController::CheckSelected(std::int64_t row)
+{
+    if (row < 0 || static_cast<std::size_t>(row) >= m_list.size() || m_state != RunState::Idle) {
+        return false;
+    }
+    m_runners.clear();
+    startRunner(m_list.item(static_cast<std::size_t>(row)));
+    m_state = RunState::Single;
+    return true;
+}
+
+void RunController::startRunner(TaskItem& item)
+{
+    auto runner = std::make_unique<CheckRunner>(item, m_options.level, m_options.decoderThreadOption);
+    runner->StartCheck();
+    m_runners.push_back(std::move(runner));
+}
+
+bool RunController::beingChecked(const TaskItem& item) const
+{
+    return std::any_of(m_runners.begin(), m_runners.end(),
+                       [&](const auto& r) { return r->itemId() == item.id(); });
+}
+
+TaskItem* RunController::nextUnchecked()
+{
+    for (std::size_t i = 0; i < m_list.size(); ++i) {
+        TaskItem& item = m_list.item(i);
+        if (!item.finished() && !beingChecked(item)) {
+            return &item;
+        }
+    }
+    return nullptr;
+}
+
+TickReport RunController::tick()
+{
+    TickReport report;
+
+    // Progress.
+    if (!m_runners.empty()) {
+        std::int64_t sum = 0;
+        for (const auto& runner : m_runners) {
+            sum += runner->progress();
+        }
+        report.progress = static_cast<std::int32_t>(sum / static_cast<std::int64_t>(m_runners.size()));
+    }
+
+    // Harvest every runner whose check has ended. An item removed from the list meanwhile
+    // ("Clear all") loses its result silently.
+    if (m_state != RunState::Idle) {
+        std::vector<std::uint64_t> harvested;
+        for (auto it = m_runners.begin(); it != m_runners.end();) {
+            if (!(*it)->finished()) {
+                ++it;
+                continue;
+            }
+            const std::size_t row = m_list.indexOfId((*it)->itemId());
+            if (row != TaskList::npos) {
+                m_list.item(row).setResult(std::make_unique<QcResult>((*it)->result()));
+                harvested.push_back((*it)->itemId());
+            }
+            it = m_runners.erase(it);
+        }
+        for (const std::uint64_t id : harvested) {
+            const std::size_t row = m_list.indexOfId(id);
+            if (row != TaskList::npos) {
+                report.harvestedRows.push_back(row);
+            }
+        }
+        std::sort(report.harvestedRows.begin(), report.harvestedRows.end());
+    }
+
+    // Next.
+    if (m_state == RunState::All) {
+        while (m_runners.size() < std::max<std::size_t>(1, m_options.maxRunners)) {
+            TaskItem* next = nextUnchecked();
+            if (next == nullptr) {
+                break;
+            }
+            startRunner(*next);
+        }
+        if (m_runners.empty()) {
+            m_state = RunState::Idle;
+            report.allDone = true;
+        }
+    } else if (m_state == RunState::Single && m_runners.empty()) {
+        m_state = RunState::Idle;
+    }
+
+    // Status.
+    const int isBusy = busy() ? 1 : 0;
+    if (isBusy != m_lastBusy && !(isBusy == 0 && m_lastBusy == -1)) {
+        m_lastBusy = isBusy;
+        report.status = isBusy != 0 ? kStatusWorking : kStatusFinished;
+        report.statusBusy = isBusy != 0;
+    }
+    return report;
+}
+
+} // namespace tarvoqc
