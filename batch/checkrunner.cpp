@@ -4,10 +4,12 @@
 
 namespace tarvoqc {
 
-CheckRunner::CheckRunner(const TaskItem& item, CheckLevel level, int decoderThreadOption)
+CheckRunner::CheckRunner(const TaskItem& item, CheckLevel level, int decoderThreadOption,
+                         int priority)
     : m_itemId(item.id()), m_path(item.path()), m_level(level),
-      m_decoderThreadOption(decoderThreadOption)
+      m_decoderThreadOption(decoderThreadOption), m_priority(priority)
 {
+    setStartPriority(priority);
 }
 
 CheckRunner::~CheckRunner()
@@ -20,7 +22,7 @@ void CheckRunner::StartCheck()
 {
     m_checker.setInterruptFlag(stopFlag());
     if (Start()) {
-        SetPriority(kThreadPriorityIdle);
+        SetPriority(m_priority);
         return;
     }
     m_checker.Open(m_path, m_level, m_decoderThreadOption);

@@ -23,7 +23,9 @@ class CheckRunner : public WorkerThread
 public:
     // Remembers the item by its id and copies its path; the item is not kept.
     // decoderThreadOption: below 0 single-threaded decoding, otherwise the library's choice.
-    CheckRunner(const TaskItem& item, CheckLevel level, int decoderThreadOption);
+    // priority: the worker's priority (kThreadPriority...), idle for the window.
+    CheckRunner(const TaskItem& item, CheckLevel level, int decoderThreadOption,
+                int priority = kThreadPriorityIdle);
     // Stops the check (stop flag, up to 2 s, then the forced abort) and releases the
     // checker and its media library objects on the calling thread.
     ~CheckRunner() override;
@@ -48,6 +50,7 @@ private:
     const std::string m_path;
     const CheckLevel m_level;
     const int m_decoderThreadOption;
+    const int m_priority;
     ClipChecker m_checker;
 };
 

@@ -26,6 +26,9 @@ struct RunControllerOptions
     CheckLevel level = 3;
     int decoderThreadOption = 2; // the window's choice; batch runs pass -1
     std::size_t maxRunners = 1;  // clips checked at once: 1 in the window
+    // The checks' thread priority: idle in the window, so the desktop never waits for a
+    // check; the command line runs in the foreground at the caller's priority.
+    int priority = kThreadPriorityIdle;
 };
 
 // What one tick did, for the window (or the command line) to show.

@@ -133,7 +133,7 @@ void WorkerThread::entry()
     ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 
     const pid_t tid = ::gettid();
-    applyPriority(tid, kThreadPriorityIdle);
+    applyPriority(tid, m_startPriority);
     {
         std::lock_guard lock(m_lock);
         m_tid.store(tid, std::memory_order_release);

@@ -71,7 +71,8 @@ public:
     WorkerThread(const WorkerThread&) = delete;
     WorkerThread& operator=(const WorkerThread&) = delete;
 
-    // Clears the stop flag and runs Run() on a new thread at idle priority. False when the
+    // Clears the stop flag and runs Run() on a new thread at idle priority (see
+    // setStartPriority). False when the
     // thread cannot be created or a thread of this object is still running. A thread that
     // has ended is joined first, so an object can be started again.
     virtual bool Start();
@@ -123,6 +124,9 @@ protected:
     // For tests and special owners: shorter or longer stop stages. Owning thread only,
     // not while Stop runs.
     void setStopTimings(const StopTimings& timings) { m_timings = timings; }
+    // The priority the next Start gives the thread: idle unless an owner that runs in the
+    // foreground (the command-line checker) asks for another. Owning thread only.
+    void setStartPriority(int level) { m_startPriority = level; }
 
 private:
     static void onAbortSignal(int signal);
@@ -136,6 +140,7 @@ private:
     std::thread m_thread;
     std::atomic<std::int32_t> m_stopFlag{0};
     StopTimings m_timings;
+    int m_startPriority = kThreadPriorityIdle;
 
     // Ended and exit code are written by the worker under m_lock, last thing before it
     // returns; SetPriority holds m_lock while it uses the kernel id, so that id cannot

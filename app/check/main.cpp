@@ -118,6 +118,8 @@ int main(int argc, char** argv)
     RunControllerOptions runOptions;
     runOptions.level = options->level;
     runOptions.decoderThreadOption = -1; // one decoder thread per clip; --jobs spreads clips
+    // A script or a server job runs the checker in the foreground; `nice` lowers it.
+    runOptions.priority = kThreadPriorityNormal;
     runOptions.maxRunners = options->jobs > 0 ? static_cast<std::size_t>(options->jobs)
                                               : std::max(1U, std::thread::hardware_concurrency());
     RunController controller(list, runOptions);

@@ -1,0 +1,264 @@
+#include <chrono>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "batch/runcontroller.h"
+#include "tests/support/testsupport.h"
+
+namespace tarvoqc {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::string clip(const char* name) { return test::testClip(name).string(); }
+
+// Ticks until the controller is idle (or the time is up) and keeps every report.
+std::vector<TickReport> runUntilIdle(RunController& controller,
+                                     std::chrono::seconds limit = std::chrono::seconds(120))
+{
+    std::vector<TickReport> reports;
+    const auto end = Clock::now() + limit;
+    while (Clock::now() < end) {
+        reports.push_back(controller.tick());
+        if (controller.state() == RunState::Idle) {
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return reports;
+}
+
+std::vector<std::string_view> statusTexts(const std::vector<TickReport>& reports)
+{
+    std::vector<std::string_view> texts;
+    for (const TickReport& r : reports) {
+        if (r.status) {
+            texts.push_back(*r.status);
+        }
+    }
+    return texts;
+}
+
+TEST(RunController, CheckAllGivesEveryItemAResultAndMovesPastAClipThatCannotOpen)
+{
+    for (std::size_t runners : {1U, 2U}) {
+        SCOPED_TRACE(runners);
+        TaskList list;
+        for (const char* name : {"mpeg2_pcm.mxf", "text.mov", "nothere.mxf", "h264_aac.mp4"}) {
+            list.AppendFromCommandLine((test::testMediaDir() / name).string());
+        }
+        RunController controller(list, {3, -1, runners, kThreadPriorityNormal});
+        EXPECT_EQ(controller.state(), RunState::Idle);
+        ASSERT_TRUE(controller.CheckAll());
+        EXPECT_FALSE(controller.CheckAll()) << "only from Idle";
+        EXPECT_EQ(controller.state(), RunState::All);
+
+        const auto reports = runUntilIdle(controller);
+        ASSERT_EQ(controller.state(), RunState::Idle);
+        EXPECT_TRUE(reports.back().allDone);
+        const QcScore expected[] = {5, 0, 0, 5};
+        std::size_t harvested = 0;
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            ASSERT_TRUE(list.item(i).finished()) << list.item(i).path();
+            EXPECT_EQ(list.item(i).result()->score(), expected[i]) << list.item(i).path();
+            EXPECT_EQ(list.item(i).result()->path, list.item(i).path());
+        }
+        for (const TickReport& r : reports) {
+            harvested += r.harvestedRows.size();
+        }
+        EXPECT_EQ(harvested, list.size());
+        EXPECT_EQ(list.item(1).result()->issues.at(0).text, "Couldn't open file");
+        EXPECT_EQ(list.item(2).result()->issues.at(0).text, "Couldn't get file attributes");
+        // Statuses: nothing before the first runner, then busy, and "Finished" at the end.
+        const auto texts = statusTexts(reports);
+        ASSERT_GE(texts.size(), 2U);
+        EXPECT_EQ(texts.front(), kStatusWorking);
+        EXPECT_EQ(texts.back(), kStatusFinished);
+        for (std::size_t i = 1; i < texts.size(); ++i) {
+            EXPECT_NE(texts[i], texts[i - 1]) << "a status is only reported when it changes";
+        }
+    }
+}
+
+TEST(RunController, CheckAllOnAFinishedListReturnsToIdleAtTheNextTick)
+{
+    TaskList list;
+    list.AppendFromCommandLine(clip("mpeg2_pcm.mxf"));
+    list.item(0).setResult(std::make_unique<QcResult>());
+    RunController controller(list, {});
+    ASSERT_TRUE(controller.CheckAll());
+    const TickReport r = controller.tick();
+    EXPECT_TRUE(r.allDone);
+    EXPECT_EQ(controller.state(), RunState::Idle);
+    EXPECT_FALSE(r.status) << "nothing was ever shown, so nothing changes";
+
+    TaskList empty;
+    RunController idle(empty, {});
+    EXPECT_FALSE(idle.CheckAll());
+}
+
+TEST(RunController, CheckSelectedChecksAFinishedItemAgainAndReplacesItsResult)
+{
+    TaskList list;
+    list.AppendFromCommandLine(clip("mpeg2_pcm.mxf"));
+    list.AppendFromCommandLine(clip("text.mov"));
+    auto old = std::make_unique<QcResult>();
+    old->issues.add(QcIssueCategory::File, QcSeverity::Critical, QcStreamKind::None, -1, "stale");
+    list.item(0).setResult(std::move(old));
+
+    RunController controller(list, {3, -1, 1, kThreadPriorityNormal});
+    EXPECT_FALSE(controller.CheckSelected(-1));
+    EXPECT_FALSE(controller.CheckSelected(2));
+    ASSERT_TRUE(controller.CheckSelected(0));
+    EXPECT_EQ(controller.state(), RunState::Single);
+    EXPECT_FALSE(controller.CheckAll()) << "ignored while a single check runs";
+    EXPECT_FALSE(controller.CheckSelected(1)) << "ignored while a single check runs";
+    runUntilIdle(controller);
+    EXPECT_EQ(controller.state(), RunState::Idle);
+    ASSERT_TRUE(list.item(0).finished());
+    EXPECT_EQ(list.item(0).result()->score(), 5);
+    EXPECT_TRUE(list.item(0).result()->issues.empty());
+    EXPECT_FALSE(list.item(1).finished()) << "only the selected item was checked";
+}
+
+TEST(RunController, CheckSelectedWhileCheckAllRunsIsIgnored)
+{
+    TaskList list;
+    list.AppendFromCommandLine(clip("long.ts"));
+    list.AppendFromCommandLine(clip("mpeg2_pcm.mxf"));
+    RunController controller(list, {3, -1, 1, kThreadPriorityNormal});
+    ASSERT_TRUE(controller.CheckAll());
+    controller.tick();
+    EXPECT_FALSE(controller.CheckSelected(1));
+    EXPECT_EQ(controller.state(), RunState::All);
+}
+
+TEST(RunController, ClearAllDuringACheckDiscardsItsResult)
+{
+    TaskList list;
+    list.AppendFromCommandLine(clip("long.ts"));
+    list.AppendFromCommandLine(clip("mpeg2_pcm.mxf"));
+    RunController controller(list, {3, -1, 1, kThreadPriorityNormal});
+    ASSERT_TRUE(controller.CheckAll());
+    const TickReport first = controller.tick();
+    ASSERT_TRUE(controller.busy());
+    EXPECT_EQ(first.status, kStatusWorking);
+    list.ClearAll();
+    // The check goes on; when it ends its result has nowhere to go and the run is over.
+    const auto reports = runUntilIdle(controller);
+    EXPECT_EQ(controller.state(), RunState::Idle);
+    EXPECT_TRUE(list.empty());
+    for (const TickReport& r : reports) {
+        EXPECT_TRUE(r.harvestedRows.empty());
+    }
+    EXPECT_TRUE(reports.back().allDone);
+    EXPECT_EQ(statusTexts(reports).back(), kStatusFinished);
+
+    // A new item added later is not mistaken for the cleared one.
+    list.AppendFromCommandLine(clip("text.mov"));
+    EXPECT_FALSE(list.item(0).finished());
+}
+
+TEST(RunController, ProgressComesFromTheRunningCheck)
+{
+    TaskList list;
+    list.AppendFromCommandLine(clip("long.ts"));
+    RunController controller(list, {3, -1, 1, kThreadPriorityNormal});
+    ASSERT_TRUE(controller.CheckAll());
+    bool sawMiddle = false;
+    for (const TickReport& r : runUntilIdle(controller)) {
+        if (r.progress) {
+            EXPECT_GE(*r.progress, 0);
+            EXPECT_LE(*r.progress, kProgressMax);
+            sawMiddle = sawMiddle || (*r.progress > 0 && *r.progress < kProgressMax);
+        }
+    }
+    EXPECT_TRUE(sawMiddle);
+}
+
+TEST(CheckRunner, WindowChecksRunAtIdlePriority)
+{
+    TaskList list;
+    list.AppendFromCommandLine(clip("long.ts"));
+    CheckRunner runner(list.item(0), 3, -1);
+    runner.StartCheck();
+    const pid_t tid = runner.threadId();
+    ASSERT_NE(tid, 0);
+    const int policy = ::sched_getscheduler(tid);
+    EXPECT_TRUE(policy == SCHED_IDLE || ::getpriority(PRIO_PROCESS, static_cast<id_t>(tid)) == 19)
+        << "policy " << policy;
+}
+
+// A clip whose open never returns by itself: a FIFO that nobody writes to. Destroying
+// the runner waits the graceful 2 s, then the forced abort ends the thread.
+TEST(CheckRunner, ForcedAbortOfAnOpenThatNeverReturns)
+{
+    const test::TempDir dir;
+    const std::string fifo = (dir / "stuck.mxf").string();
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    TaskList list;
+    list.AppendFromCommandLine(fifo);
+
+    auto runner = std::make_unique<CheckRunner>(list.item(0), 3, -1);
+    runner->StartCheck();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(runner->finished());
+    const auto start = Clock::now();
+    runner->Stop();
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    EXPECT_GE(seconds, 1.9);
+    EXPECT_LT(seconds, 3.0) << "about 2.2 s are allowed";
+    EXPECT_TRUE(runner->WasAborted());
+    EXPECT_EQ(runner->ExitCode(), kExitCodeAborted);
+    const QcResult result = runner->result();
+    EXPECT_FALSE(result.opened);
+    runner.reset(); // releases the checker on this thread: no leak, no hang
+}
+
+TEST(CheckRunner, DestroyedAtRandomMomentsOfARealCheck)
+{
+    std::mt19937 random(20261122);
+    std::uniform_int_distribution<int> delayMs(0, 400);
+    TaskList list;
+    list.AppendFromCommandLine(clip("long.ts"));
+    for (int round = 0; round < 12; ++round) {
+        const int delay = delayMs(random);
+        SCOPED_TRACE(delay);
+        const auto start = Clock::now();
+        {
+            CheckRunner runner(list.item(0), 3, -1, kThreadPriorityNormal);
+            runner.StartCheck();
+            std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+        }
+        // Whatever the moment, the runner is gone within the bound of its stop stages.
+        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), delay / 1000.0 + 3.5);
+    }
+}
+
+TEST(RunController, DestroyedWhileCheckingStopsItsRunners)
+{
+    TaskList list;
+    list.AppendFromCommandLine(clip("long.ts"));
+    list.AppendFromCommandLine(clip("long.ts"));
+    const auto start = Clock::now();
+    {
+        RunController controller(list, {3, -1, 2, kThreadPriorityNormal});
+        ASSERT_TRUE(controller.CheckAll());
+        controller.tick();
+        EXPECT_EQ(controller.runners().size(), 2U);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 3.5);
+    EXPECT_FALSE(list.item(0).finished()) << "an interrupted check keeps no result";
+}
+
+} // namespace
+} // namespace tarvoqc
