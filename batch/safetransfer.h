@@ -83,8 +83,9 @@ private:
 // destination: the full path of the new file; its folder is the text up to and including
 // the last "/" (no "/" at all means the current folder). A destination ending in "/" names
 // no file and is refused like an empty one. Paths are UTF-8.
-// finalPath (optional): set to the path that holds the copy after a result of 0 without
-// cancellation, which differs from destination when TransferUnique picked a free name.
+// finalPath (optional): set to the path that holds the copy once it has its final name,
+// which differs from destination when TransferUnique picked a free name; left alone when
+// the transfer fails earlier or is cancelled.
 //
 // Blocks the calling thread for the whole copy; runs on a worker, never on a window thread.
 // Several transfers may run at the same time, into the same folder too.
@@ -100,7 +101,9 @@ private:
 //   -5  "Cannot generate output temp filename"   -6  "Cannot open output temp file %s"
 //   -7, -8  "Cannot rename temp file %s": the folder does not allow renames
 //   -9  "Cannot open output file %s"
-//  -21  "Cannot write to output file" (also: the copy cannot be flushed to disk)
+//  -21  "Cannot write to output file"; also when the copy cannot be flushed to disk, and
+//       when its folder cannot be flushed after the rename: the copy then stays under its
+//       final name (finalPath says which) and the caller keeps the source
 //  -22  "Cannot read input file %s": the source fails to read during the copy
 //  -51  "Error writing to output file": a block is stored only in part (disk full)
 //  -30  "Memory alloc failed, exiting."   -31  "Cannot read output file"
@@ -109,7 +112,7 @@ private:
 //  -41  "Cannot delete %s", -42 "Cannot rename out %s to %s" (TransferOverwrite)
 //  -43  "Cannot generate output filename", -44 "Cannot rename temp file %s" (TransferUnique)
 //  -45  "Cannot rename temp file %s to %s" (destination appeared during the copy)
-// On every failure no temp file is left behind and the destination is not touched.
+// Every other failure leaves no temp file behind and does not touch the destination.
 std::int32_t SafeTransfer(const std::string& destination, const std::string& source,
                           std::uint32_t flags, TransferProgress* progress,
                           std::string* finalPath = nullptr);
@@ -120,9 +123,9 @@ std::int32_t SafeTransfer(const std::string& destination, const std::string& sou
 bool FileExists(const std::string& path);
 
 // Leaves a path for which FileExists is false as it is; otherwise replaces it with the first
-// free "base (n).ext" for n = 1 to 999 (ext: from the last "." of the file name on; a name
-// whose only "." leads it has none). False, path unchanged, for an empty path or when all
-// 999 names are taken.
+// free "base (n).ext" for n = 1 to 999 (ext: from the last "." of the file name on; none
+// when that "." is the name's first character, as in ".profile"). False, path unchanged, for an
+// empty path or when all 999 names are taken.
 bool UniqueFileName(std::string& path);
 
 } // namespace tarvoqc

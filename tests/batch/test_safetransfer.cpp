@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -205,6 +206,24 @@ bool dropToNobody()
            ::setresuid(65534, 65534, 65534) == 0;
 }
 
+// text equals pattern with "{dir}" standing for dir and each "#" for one digit.
+bool matchesPattern(const std::string& text, std::string pattern, const fs::path& dir)
+{
+    for (auto at = pattern.find("{dir}"); at != std::string::npos; at = pattern.find("{dir}")) {
+        pattern.replace(at, 5, dir.string());
+    }
+    return text.size() == pattern.size() &&
+           std::equal(text.begin(), text.end(), pattern.begin(),
+                      [](char t, char p) { return p == '#' ? t >= '0' && t <= '9' : t == p; });
+}
+
+void fillNumberedNames(const fs::path& folder)
+{
+    for (int n = 1; n <= 999; ++n) {
+        writeFile(folder / ("clip (" + std::to_string(n) + ").mxf"), "taken");
+    }
+}
+
 TEST(SafeTransfer, CopiesEverySizeWithAndWithoutVerify)
 {
     struct Case
@@ -315,15 +334,17 @@ TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
     struct Case
     {
         std::uint32_t flags;
+        bool allNumbersTaken; // "clip (1).mxf" to "clip (999).mxf" are there too
         std::int32_t code;
-        const char* landsIn; // file holding the copy afterwards, or "" for none
+        const char* landsIn; // file holding the copy afterwards, or error text
     };
     const Case cases[] = {
-        {0, -4, ""},
-        {TransferVerify, -4, ""},
-        {TransferUnique | TransferVerify, 0, "clip (1).mxf"},
-        {TransferOverwrite, 0, "clip.mxf"},
-        {TransferOverwrite | TransferUnique, 0, "clip.mxf"},
+        {0, false, -4, "Cannot copy, output exists"},
+        {TransferVerify, false, -4, "Cannot copy, output exists"},
+        {TransferUnique, true, -3, "Cannot generate output filename"},
+        {TransferUnique | TransferVerify, false, 0, "clip (1).mxf"},
+        {TransferOverwrite, false, 0, "clip.mxf"},
+        {TransferOverwrite | TransferUnique, true, 0, "clip.mxf"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << "flags " << c.flags);
@@ -332,6 +353,9 @@ TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
         writeFile(dir / "in.mxf", bytes);
         fs::create_directory(dir / "out");
         writeFile(dir / "out" / "clip.mxf", "older clip");
+        if (c.allNumbersTaken) {
+            fillNumberedNames(dir / "out");
+        }
         const fs::path dest = dir / "out" / "clip.mxf";
         const CreationWatch watch(dir / "out");
 
@@ -342,8 +366,8 @@ TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
             c.code);
         EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
         EXPECT_TRUE(tempFilesIn(dir / "out").empty());
-        if (c.code == -4) {
-            EXPECT_EQ(record.error(), "Cannot copy, output exists");
+        if (c.code != 0) {
+            EXPECT_EQ(record.error(), c.landsIn);
             EXPECT_EQ(record.status(), "Output exists " + dest.string());
             EXPECT_TRUE(watch.created().empty()) << "a temp file was made";
             EXPECT_EQ(readFile(dest), "older clip");
@@ -357,7 +381,7 @@ TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
             EXPECT_EQ(readFile(dest), "older clip");
         }
         EXPECT_EQ(std::distance(fs::directory_iterator(dir / "out"), fs::directory_iterator()),
-                  (c.flags & TransferOverwrite) != 0 ? 1 : 2);
+                  ((c.flags & TransferOverwrite) != 0 ? 1 : 2) + (c.allNumbersTaken ? 999 : 0));
     }
 }
 
@@ -385,207 +409,125 @@ TEST(SafeTransfer, OverwriteNeverReplacesTheSourceOrAFolder)
     EXPECT_TRUE(tempFilesIn(dir.path()).empty());
 }
 
-TEST(SafeTransfer, UniqueFindsNoFreeNameEarlyOrAtTheEnd)
+// Something happens to the destination or the source at a chosen point of the transfer.
+TEST(SafeTransfer, EventsDuringTheTransfer)
 {
-    TempDir dir;
-    const fs::path out = dir / "out";
-    fs::create_directory(out);
-    for (int n = 1; n <= 999; ++n) {
-        writeFile(out / ("clip (" + std::to_string(n) + ").mxf"), "taken");
-    }
-    const fs::path dest = out / "clip.mxf";
-    const fs::path src = dir / "in.mxf";
-
-    // Early: the destination is there before the transfer starts.
-    writeFile(dest, "taken");
-    writeFile(src, makeBytes(1000));
-    {
-        const CreationWatch watch(out);
-        TransferProgress record;
-        EXPECT_EQ(SafeTransfer(dest.string(), src.string(), TransferUnique, &record), -3);
-        EXPECT_EQ(record.error(), "Cannot generate output filename");
-        EXPECT_TRUE(watch.created().empty());
-    }
-    fs::remove(dest);
-
-    // At the end: the destination appears while the data is being copied.
-    for (const std::size_t size : kRaceSizes) {
-        const std::string bytes = makeBytes(size);
-        writeFile(src, bytes);
-        const RaceOutcome r = transferWhile(dest, src, TransferUnique | TransferVerify, copying,
-                                            [&] { writeFile(dest, "taken"); });
-        fs::remove(dest);
-        if (!r.acted) {
-            continue;
-        }
-        EXPECT_EQ(r.code, -43);
-        EXPECT_EQ(r.state.error, "Cannot generate output filename");
-        EXPECT_EQ(readFile(src), bytes);
-        EXPECT_TRUE(tempFilesIn(out).empty());
-        EXPECT_EQ(std::distance(fs::directory_iterator(out), fs::directory_iterator()), 999);
-        return;
-    }
-    FAIL() << "every transfer ended before the destination could appear";
-}
-
-TEST(SafeTransfer, DestinationAppearingDuringTheCopy)
-{
+    enum class Event { Appear, Cancel, Rewrite, Grow, Shrink };
     struct Case
     {
+        const char* name;
         std::uint32_t flags;
+        bool allNumbersTaken;
+        bool (*when)(const TransferProgress::State&);
+        Event event;
         std::int32_t code;
-        const char* landsIn;
+        const char* error; // see matchesPattern
+        const char* copyIn;
     };
+    const char* kVerifyFailed = "Verify proces failed.";
     const Case cases[] = {
-        {0, -45, ""},
-        {TransferUnique, 0, "clip (1).mxf"},
-        {TransferOverwrite | TransferVerify, 0, "clip.mxf"},
+        {"destination appears", 0, false, copying, Event::Appear, -45,
+         "Cannot rename temp file {dir}/##-##-#### ######.tmp to {dir}/clip.mxf", ""},
+        {"appears, unique", TransferUnique, false, copying, Event::Appear, 0, "", "clip (1).mxf"},
+        {"appears, unique, no free name", TransferUnique | TransferVerify, true, copying,
+         Event::Appear, -43, "Cannot generate output filename", ""},
+        {"appears, overwrite", TransferOverwrite | TransferVerify, false, copying, Event::Appear, 0,
+         "", "clip.mxf"},
+        {"cancel in copy", 0, false, copying, Event::Cancel, 0, "", ""},
+        {"cancel in copy before verify", TransferVerify, false, copying, Event::Cancel, 0, "", ""},
+        {"cancel in verify", TransferVerify, false, verifyingFirstHalf, Event::Cancel, 0, "", ""},
+        {"source rewritten", TransferVerify, false, verifyingFirstHalf, Event::Rewrite, -32,
+         kVerifyFailed, ""},
+        {"source grown", TransferVerify, false, verifyingFirstHalf, Event::Grow, -32, kVerifyFailed,
+         ""},
+        {"source shrunk", TransferVerify, false, verifyingFirstHalf, Event::Shrink, -32,
+         kVerifyFailed, ""},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << "flags " << c.flags);
+        SCOPED_TRACE(c.name);
         bool raced = false;
         for (const std::size_t size : kRaceSizes) {
             TempDir dir;
             const fs::path dest = dir / "clip.mxf";
-            const std::string bytes = makeBytes(size, c.flags);
-            writeFile(dir / "in.mxf", bytes);
-            const RaceOutcome r = transferWhile(dest, dir / "in.mxf", c.flags, copying,
-                                                [&] { writeFile(dest, "late arrival"); });
+            const fs::path src = dir / "in.mxf";
+            std::string bytes = makeBytes(size, c.flags);
+            writeFile(src, bytes);
+            if (c.allNumbersTaken) {
+                fillNumberedNames(dir.path());
+            }
+            std::atomic<std::int32_t> cancel{0};
+            const RaceOutcome r = transferWhile(
+                dest, src, c.flags, c.when,
+                [&] {
+                    switch (c.event) {
+                    case Event::Appear:
+                        writeFile(dest, "late arrival");
+                        break;
+                    case Event::Cancel:
+                        cancel = 1;
+                        break;
+                    case Event::Rewrite:
+                        bytes[bytes.size() - 10] ^= 0x55;
+                        writeFile(src, bytes);
+                        break;
+                    case Event::Grow:
+                        bytes += "tail";
+                        writeFile(src, bytes);
+                        break;
+                    case Event::Shrink:
+                        bytes.pop_back();
+                        fs::resize_file(src, bytes.size());
+                        break;
+                    }
+                },
+                &cancel);
             if (!r.acted) {
-                continue;
+                continue; // the transfer outran the watcher: try a bigger one
             }
             raced = true;
             EXPECT_EQ(r.code, c.code) << r.state.error;
-            EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
+            EXPECT_TRUE(matchesPattern(r.state.error, c.error, dir.path())) << r.state.error;
+            EXPECT_EQ(readFile(src), bytes);
             EXPECT_TRUE(tempFilesIn(dir.path()).empty());
-            if (c.code == -45) {
-                const std::string prefix = "Cannot rename temp file " + slashed(dir.path());
-                EXPECT_TRUE(r.state.error.starts_with(prefix)) << r.state.error;
-                EXPECT_TRUE(r.state.error.ends_with(".tmp to " + dest.string()));
+            if (*c.copyIn != '\0') {
+                EXPECT_EQ(r.finalPath, (dir / c.copyIn).string());
+                EXPECT_EQ(readFile(r.finalPath), bytes);
+            } else if (c.event == Event::Appear) {
                 EXPECT_EQ(readFile(dest), "late arrival");
             } else {
-                EXPECT_EQ(r.finalPath, (dir / c.landsIn).string());
-                EXPECT_EQ(readFile(r.finalPath), bytes);
+                EXPECT_FALSE(fs::exists(dest));
+            }
+            if (c.event == Event::Cancel) {
+                EXPECT_EQ(r.state.status, kCancelStatus);
             }
             break;
         }
-        EXPECT_TRUE(raced) << "every transfer ended before the destination could appear";
+        EXPECT_TRUE(raced) << "every transfer ended before the watcher could act";
     }
 }
 
-TEST(SafeTransfer, CancelLeavesNothingBehind)
+TEST(SafeTransfer, CancelFlagSetBeforeTheStart)
 {
-    {
-        SCOPED_TRACE("flag already set");
-        TempDir dir;
-        writeFile(dir / "in.mxf", makeBytes(100'000));
-        std::atomic<std::int32_t> cancel{1};
-        TransferProgress record(&cancel);
-        EXPECT_EQ(SafeTransfer((dir / "clip.mxf").string(), (dir / "in.mxf").string(),
-                               TransferVerify, &record),
-                  0);
-        EXPECT_EQ(record.status(), kCancelStatus);
-        EXPECT_FALSE(fs::exists(dir / "clip.mxf"));
-        EXPECT_TRUE(tempFilesIn(dir.path()).empty());
-    }
-    struct Case
-    {
-        const char* phase;
-        std::uint32_t flags;
-        std::function<bool(const TransferProgress::State&)> when;
-    };
-    const Case cases[] = {
-        {"copy", 0, copying},
-        {"copy before verify", TransferVerify, copying},
-        {"verify", TransferVerify, verifyingFirstHalf},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.phase);
-        bool raced = false;
-        for (const std::size_t size : kRaceSizes) {
-            TempDir dir;
-            const fs::path dest = dir / "clip.mxf";
-            const std::string bytes = makeBytes(size);
-            writeFile(dir / "in.mxf", bytes);
-            std::atomic<std::int32_t> cancel{0};
-            const RaceOutcome r = transferWhile(
-                dest, dir / "in.mxf", c.flags, c.when, [&] { cancel = 1; }, &cancel);
-            if (!r.acted) {
-                continue;
-            }
-            raced = true;
-            EXPECT_EQ(r.code, 0);
-            EXPECT_EQ(r.state.status, kCancelStatus);
-            EXPECT_EQ(r.state.error, "");
-            EXPECT_FALSE(fs::exists(dest));
-            EXPECT_TRUE(tempFilesIn(dir.path()).empty());
-            EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
-            break;
-        }
-        EXPECT_TRUE(raced) << "every transfer ended before the cancel";
-    }
+    TempDir dir;
+    writeFile(dir / "in.mxf", makeBytes(100'000));
+    std::atomic<std::int32_t> cancel{1};
+    TransferProgress record(&cancel);
+    EXPECT_EQ(SafeTransfer((dir / "clip.mxf").string(), (dir / "in.mxf").string(), TransferVerify,
+                           &record),
+              0);
+    EXPECT_EQ(record.status(), kCancelStatus);
+    EXPECT_FALSE(fs::exists(dir / "clip.mxf"));
+    EXPECT_TRUE(tempFilesIn(dir.path()).empty());
 }
 
-TEST(SafeTransfer, VerifyCatchesASourceChangedUnderTheCopy)
-{
-    struct Case
-    {
-        const char* change;
-        std::function<void(const fs::path&, std::string&)> apply;
-    };
-    const Case cases[] = {
-        {"last block rewritten",
-         [](const fs::path& src, std::string& bytes) {
-             const int fd = ::open(src.c_str(), O_WRONLY);
-             bytes[bytes.size() - 10] ^= 0x55;
-             ASSERT_EQ(::pwrite(fd, bytes.data() + bytes.size() - 10, 1,
-                                static_cast<off_t>(bytes.size() - 10)),
-                       1);
-             ::close(fd);
-         }},
-        {"grown",
-         [](const fs::path& src, std::string& bytes) {
-             bytes += "tail";
-             writeFile(src, bytes);
-         }},
-        {"shrunk",
-         [](const fs::path& src, std::string& bytes) {
-             bytes.resize(bytes.size() - 1);
-             fs::resize_file(src, bytes.size());
-         }},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.change);
-        bool raced = false;
-        for (const std::size_t size : kRaceSizes) {
-            TempDir dir;
-            const fs::path src = dir / "in.mxf";
-            std::string bytes = makeBytes(size);
-            writeFile(src, bytes);
-            const RaceOutcome r = transferWhile(dir / "clip.mxf", src, TransferVerify,
-                                                verifyingFirstHalf, [&] { c.apply(src, bytes); });
-            if (!r.acted) {
-                continue;
-            }
-            raced = true;
-            EXPECT_EQ(r.code, -32);
-            EXPECT_EQ(r.state.error, "Verify proces failed.");
-            EXPECT_FALSE(fs::exists(dir / "clip.mxf"));
-            EXPECT_TRUE(tempFilesIn(dir.path()).empty());
-            EXPECT_EQ(readFile(src), bytes);
-            break;
-        }
-        EXPECT_TRUE(raced) << "every transfer ended before the change";
-    }
-}
-
-// The temp names of the current second and the next two, so a transfer started now
+// The temp names of the current second and the next four, so a transfer started now
 // surely falls on one of them.
+constexpr int kPreparedSeconds = 5;
 std::vector<std::string> tempNamesFromNow(std::time_t& first)
 {
     first = std::time(nullptr);
     std::vector<std::string> names;
-    for (std::time_t t = first; t < first + 3; ++t) {
+    for (std::time_t t = first; t < first + kPreparedSeconds; ++t) {
         std::tm local = {};
         ::localtime_r(&t, &local);
         char stamp[64];
@@ -595,65 +537,57 @@ std::vector<std::string> tempNamesFromNow(std::time_t& first)
     return names;
 }
 
-TEST(SafeTransfer, SecondTransferInTheSameSecondGetsTheNumberedTempName)
+TEST(SafeTransfer, TempNamesTakenInTheSameSecond)
 {
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        TempDir dir;
-        writeFile(dir / "in.mxf", makeBytes(5000));
-        std::time_t first = 0;
-        const std::vector<std::string> stamps = tempNamesFromNow(first);
-        for (const std::string& stamp : stamps) {
-            // "stamp.tmp" stands for the first transfer's temp file; the non-empty folder
-            // under the second one's probe name makes that transfer stop and name its temp.
-            writeFile(dir / (stamp + ".tmp"), "first transfer");
-            fs::create_directories(dir / (stamp + " (1).tmp-") / "x");
-        }
-        TransferProgress record;
-        const std::int32_t rc =
-            SafeTransfer((dir / "clip.mxf").string(), (dir / "in.mxf").string(), 0, &record);
-        if (std::time(nullptr) >= first + 3) {
-            continue; // the clock ran past the prepared names
-        }
-        EXPECT_EQ(rc, -7);
-        bool named = false;
-        for (const std::string& stamp : stamps) {
-            named |=
-                record.error() == "Cannot rename temp file " + (dir / stamp).string() + " (1).tmp";
-            EXPECT_EQ(readFile(dir / (stamp + ".tmp")), "first transfer");
-            EXPECT_FALSE(fs::exists(dir / (stamp + " (1).tmp")));
-        }
-        EXPECT_TRUE(named) << record.error();
-        EXPECT_FALSE(fs::exists(dir / "clip.mxf"));
-        return;
-    }
-    FAIL() << "the clock outran every attempt";
-}
-
-TEST(SafeTransfer, NoFreeTempName)
-{
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        TempDir dir;
-        writeFile(dir / "in.mxf", "data");
-        std::time_t first = 0;
-        for (const std::string& stamp : tempNamesFromNow(first)) {
-            writeFile(dir / (stamp + ".tmp"), "");
-            for (int n = 1; n <= 999; ++n) {
-                writeFile(dir / (stamp + " (" + std::to_string(n) + ").tmp"), "");
+    struct Case
+    {
+        const char* name;
+        int taken; // "stamp.tmp", then "stamp (1).tmp" ... for each prepared second
+        std::int32_t code;
+    };
+    const Case cases[] = {
+        // "stamp.tmp" stands for a first transfer's temp file; a non-empty folder under the
+        // second transfer's probe name stops that one at its probe, which names its temp.
+        {"second transfer in the same second", 1, -7},
+        {"no free temp name", 1000, -5},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        bool inTime = false;
+        for (int attempt = 0; attempt < 3 && !inTime; ++attempt) {
+            TempDir dir;
+            writeFile(dir / "in.mxf", makeBytes(5000));
+            std::time_t first = 0;
+            const std::vector<std::string> stamps = tempNamesFromNow(first);
+            for (const std::string& stamp : stamps) {
+                writeFile(dir / (stamp + ".tmp"), "first transfer");
+                for (int n = 1; n < c.taken; ++n) {
+                    const fs::path name = dir / (stamp + " (" + std::to_string(n) + ").tmp");
+                    ::close(::creat(name.c_str(), 0644));
+                }
+                fs::create_directories(dir / (stamp + " (1).tmp-") / "x");
             }
+            TransferProgress record;
+            const std::int32_t rc =
+                SafeTransfer((dir / "clip.mxf").string(), (dir / "in.mxf").string(), 0, &record);
+            inTime = std::time(nullptr) < first + kPreparedSeconds;
+            if (!inTime) {
+                continue; // the clock ran past the prepared names
+            }
+            EXPECT_EQ(rc, c.code);
+            bool named = false;
+            for (const std::string& stamp : stamps) {
+                named |= record.error() == (c.code == -5 ? "Cannot generate output temp filename"
+                                                         : "Cannot rename temp file " +
+                                                               (dir / stamp).string() + " (1).tmp");
+                EXPECT_EQ(readFile(dir / (stamp + ".tmp")), "first transfer");
+            }
+            EXPECT_TRUE(named) << record.error();
+            EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()),
+                      kPreparedSeconds * (c.taken + 1) + 1);
         }
-        TransferProgress record;
-        const std::int32_t rc =
-            SafeTransfer((dir / "clip.mxf").string(), (dir / "in.mxf").string(), 0, &record);
-        if (std::time(nullptr) >= first + 3) {
-            continue;
-        }
-        EXPECT_EQ(rc, -5);
-        EXPECT_EQ(record.error(), "Cannot generate output temp filename");
-        EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()),
-                  3 * 1000 + 1);
-        return;
+        EXPECT_TRUE(inTime) << "the clock outran every attempt";
     }
-    FAIL() << "the clock outran every attempt";
 }
 
 TEST(SafeTransfer, TwoTransfersIntoOneFolderAtOnce)
