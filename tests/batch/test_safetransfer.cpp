@@ -1,0 +1,786 @@
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <signal.h>
+#include <sys/inotify.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "batch/safetransfer.h"
+#include "tests/support/testsupport.h"
+
+namespace tarvoqc {
+namespace {
+
+namespace fs = std::filesystem;
+using test::readFile;
+using test::TempDir;
+using test::writeFile;
+
+constexpr const char* kCancelStatus = "Exit signal, cleaning up.";
+
+// Bytes that differ from block to block, so a block written twice or out of place shows.
+std::string makeBytes(std::size_t size, std::uint32_t seed = 1)
+{
+    std::string bytes(size, '\0');
+    std::uint32_t x = seed * 2654435761U + 1;
+    for (char& c : bytes) {
+        x ^= x << 13;
+        x ^= x >> 17;
+        x ^= x << 5;
+        c = static_cast<char>(x);
+    }
+    return bytes;
+}
+
+// Temp files of a transfer ("....tmp", or "....tmp-" during the rename probe).
+std::vector<std::string> tempFilesIn(const fs::path& folder)
+{
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        const std::string name = entry.path().filename().string();
+        if (name.ends_with(".tmp") || name.ends_with(".tmp-")) {
+            names.push_back(name);
+        }
+    }
+    return names;
+}
+
+std::string slashed(const fs::path& folder)
+{
+    return folder.string() + "/";
+}
+
+// Names created in a folder while it is watched.
+class CreationWatch
+{
+public:
+    explicit CreationWatch(const fs::path& folder) : m_fd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
+    {
+        ::inotify_add_watch(m_fd, folder.c_str(), IN_CREATE | IN_MOVED_TO);
+    }
+    ~CreationWatch() { ::close(m_fd); }
+    std::vector<std::string> created() const
+    {
+        std::vector<std::string> names;
+        alignas(inotify_event) char buffer[8192];
+        ssize_t n = 0;
+        while ((n = ::read(m_fd, buffer, sizeof buffer)) > 0) {
+            for (char* p = buffer; p < buffer + n;) {
+                const auto* event = reinterpret_cast<const inotify_event*>(p);
+                names.emplace_back(event->len > 0 ? event->name : "");
+                p += sizeof(inotify_event) + event->len;
+            }
+        }
+        return names;
+    }
+
+private:
+    int m_fd;
+};
+
+// Runs SafeTransfer while a second thread watches the progress record and, at the first
+// report where `when` holds, runs `action` under the record's lock: the transfer is held at
+// that exact point until the action is done.
+struct RaceOutcome
+{
+    std::int32_t code = 0;
+    bool acted = false;
+    TransferProgress::State state;
+    std::string finalPath;
+};
+
+RaceOutcome transferWhile(const fs::path& dest, const fs::path& src, std::uint32_t flags,
+                          const std::function<bool(const TransferProgress::State&)>& when,
+                          const std::function<void()>& action,
+                          std::atomic<std::int32_t>* cancel = nullptr)
+{
+    TransferProgress record(cancel);
+    std::atomic<bool> ended{false};
+    std::atomic<bool> acted{false};
+    std::thread watcher([&] {
+        while (!ended.load()) {
+            const bool done = record.withLock([&](const TransferProgress::State& s) {
+                if (!when(s)) {
+                    return false;
+                }
+                action();
+                return true;
+            });
+            if (done) {
+                acted = true;
+                return;
+            }
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+    });
+    RaceOutcome out;
+    out.code = SafeTransfer(dest.string(), src.string(), flags, &record, &out.finalPath);
+    ended = true;
+    watcher.join();
+    out.acted = acted;
+    out.state = record.snapshot();
+    return out;
+}
+
+bool copying(const TransferProgress::State& s)
+{
+    return s.status.starts_with("Open input") && s.ratio > 0.0 && s.ratio < 1.0;
+}
+bool verifyingFirstHalf(const TransferProgress::State& s)
+{
+    return s.status == "Verifying" && s.ratio > 0.5 && s.ratio < 0.75;
+}
+
+// Sources big enough for the watcher to catch the transfer in the wanted phase; a transfer
+// that outran it is repeated with a bigger one.
+const std::size_t kRaceSizes[] = {8u << 20, 32u << 20, 128u << 20};
+
+// Runs SafeTransfer in a child process after setup (which may drop privileges or lower
+// limits for that process only); gives the child's result code and error text.
+struct ChildOutcome
+{
+    std::int32_t code = 1;
+    std::string error;
+};
+
+ChildOutcome transferInChild(const fs::path& dest, const fs::path& src, std::uint32_t flags,
+                             const std::function<bool()>& setup)
+{
+    int fds[2];
+    if (::pipe(fds) != 0) {
+        ADD_FAILURE() << "pipe";
+        return {};
+    }
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::close(fds[0]);
+        std::int32_t code = 1;
+        std::string error = "child setup failed";
+        if (setup()) {
+            TransferProgress record;
+            code = SafeTransfer(dest.string(), src.string(), flags, &record);
+            error = record.error();
+        }
+        [[maybe_unused]] ssize_t n = ::write(fds[1], &code, sizeof code);
+        n = ::write(fds[1], error.data(), error.size());
+        ::_exit(0);
+    }
+    ::close(fds[1]);
+    std::string bytes;
+    char buffer[4096];
+    ssize_t n = 0;
+    while ((n = ::read(fds[0], buffer, sizeof buffer)) > 0) {
+        bytes.append(buffer, static_cast<std::size_t>(n));
+    }
+    ::close(fds[0]);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    ChildOutcome out;
+    if (bytes.size() >= sizeof out.code) {
+        std::memcpy(&out.code, bytes.data(), sizeof out.code);
+        out.error = bytes.substr(sizeof out.code);
+    }
+    return out;
+}
+
+bool dropToNobody()
+{
+    return ::setgroups(0, nullptr) == 0 && ::setresgid(65534, 65534, 65534) == 0 &&
+           ::setresuid(65534, 65534, 65534) == 0;
+}
+
+// text equals pattern with "{dir}" standing for dir and each "#" for one digit.
+bool matchesPattern(const std::string& text, std::string pattern, const fs::path& dir)
+{
+    for (auto at = pattern.find("{dir}"); at != std::string::npos; at = pattern.find("{dir}")) {
+        pattern.replace(at, 5, dir.string());
+    }
+    return text.size() == pattern.size() &&
+           std::equal(text.begin(), text.end(), pattern.begin(),
+                      [](char t, char p) { return p == '#' ? t >= '0' && t <= '9' : t == p; });
+}
+
+void fillNumberedNames(const fs::path& folder)
+{
+    for (int n = 1; n <= 999; ++n) {
+        writeFile(folder / ("clip (" + std::to_string(n) + ").mxf"), "taken");
+    }
+}
+
+TEST(SafeTransfer, CopiesEverySizeWithAndWithoutVerify)
+{
+    struct Case
+    {
+        std::size_t size;
+        std::uint32_t flags;
+        bool withRecord;
+    };
+    const Case cases[] = {
+        {0, 0, true},       {0, TransferVerify, true},        {1, TransferVerify, true},
+        {65'535, 0, true},  {65'536, TransferVerify, true},   {65'537, 0, false},
+        {200'003, 0, true}, {200'003, TransferVerify, false}, {1 << 20, TransferVerify, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "size " << c.size << " flags " << c.flags);
+        TempDir dir;
+        const std::string bytes = makeBytes(c.size, static_cast<std::uint32_t>(c.size));
+        writeFile(dir / "in.mxf", bytes);
+        fs::create_directory(dir / "out");
+        const fs::path dest = dir / "out" / "clip.mxf";
+
+        TransferProgress record;
+        std::string finalPath;
+        const std::int32_t rc = SafeTransfer(dest.string(), (dir / "in.mxf").string(), c.flags,
+                                             c.withRecord ? &record : nullptr, &finalPath);
+        EXPECT_EQ(rc, 0) << record.error();
+        EXPECT_EQ(finalPath, dest.string());
+        EXPECT_EQ(readFile(dest), bytes);
+        EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
+        EXPECT_TRUE(tempFilesIn(dir / "out").empty());
+        if (c.withRecord) {
+            EXPECT_EQ(record.status(), (c.flags & TransferVerify) != 0
+                                           ? std::string("Verifying")
+                                           : "Open input " + (dir / "in.mxf").string());
+            EXPECT_EQ(record.error(), "");
+            EXPECT_DOUBLE_EQ(record.ratio(), c.size == 0 ? 0.0 : 1.0);
+        }
+    }
+}
+
+TEST(SafeTransfer, RefusesBadNamesAndSourcesWithoutLeavingAnything)
+{
+    TempDir dir;
+    fs::create_directory(dir / "out");
+    const std::string dest = (dir / "out" / "clip.mxf").string();
+    const std::string src = (dir / "in.mxf").string();
+    writeFile(src, "source bytes");
+    fs::create_directory(dir / "folder.mxf");
+    ASSERT_EQ(::mkfifo((dir / "fifo.mxf").c_str(), 0644), 0);
+
+    struct Case
+    {
+        std::string dest;
+        std::string src;
+        std::string error;
+    };
+    const Case cases[] = {
+        {"", "", "Invalid input name"},
+        {dest, "", "Invalid input name"},
+        {dest, std::string(src + '\0' + "x", src.size() + 2), "Invalid input name"},
+        {"", src, "Invalid output name"},
+        {slashed(dir / "out"), src, "Invalid output name"},
+        {dest, (dir / "missing.mxf").string(), "Cannot check " + (dir / "missing.mxf").string()},
+        {dest, (dir / "folder.mxf").string(), "Cannot open input " + (dir / "folder.mxf").string()},
+        {dest, (dir / "fifo.mxf").string(), "Cannot open input " + (dir / "fifo.mxf").string()},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.error);
+        TransferProgress record;
+        EXPECT_EQ(SafeTransfer(c.dest, c.src, TransferVerify, &record), -1);
+        EXPECT_EQ(record.error(), c.error);
+        EXPECT_TRUE(fs::is_empty(dir / "out"));
+        EXPECT_EQ(readFile(src), "source bytes");
+    }
+}
+
+TEST(SafeTransfer, RefusesASourceThatIsStillBeingWritten)
+{
+    TempDir dir;
+    const fs::path src = dir / "in.mxf";
+    writeFile(src, makeBytes(100'000));
+    {
+        // Leases are what tells a file being written; without them there is nothing to test.
+        const int probe = ::open(src.c_str(), O_RDONLY);
+        if (::fcntl(probe, F_SETLEASE, F_RDLCK) != 0) {
+            ::close(probe);
+            GTEST_SKIP() << "no file leases here";
+        }
+        ::fcntl(probe, F_SETLEASE, F_UNLCK);
+        ::close(probe);
+    }
+    const int writer = ::open(src.c_str(), O_WRONLY | O_APPEND);
+    ASSERT_GE(writer, 0);
+    TransferProgress record;
+    EXPECT_EQ(SafeTransfer((dir / "out.mxf").string(), src.string(), TransferVerify, &record), -1);
+    EXPECT_EQ(record.error(), "Cannot open input " + src.string());
+    EXPECT_TRUE(tempFilesIn(dir.path()).empty());
+    EXPECT_FALSE(fs::exists(dir / "out.mxf"));
+
+    // Once the writer is done the same transfer goes through.
+    ::close(writer);
+    EXPECT_EQ(SafeTransfer((dir / "out.mxf").string(), src.string(), TransferVerify, &record), 0);
+    EXPECT_EQ(readFile(dir / "out.mxf"), readFile(src));
+}
+
+TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
+{
+    struct Case
+    {
+        std::uint32_t flags;
+        bool allNumbersTaken; // "clip (1).mxf" to "clip (999).mxf" are there too
+        std::int32_t code;
+        const char* landsIn; // file holding the copy afterwards, or error text
+    };
+    const Case cases[] = {
+        {0, false, -4, "Cannot copy, output exists"},
+        {TransferVerify, false, -4, "Cannot copy, output exists"},
+        {TransferUnique, true, -3, "Cannot generate output filename"},
+        {TransferUnique | TransferVerify, false, 0, "clip (1).mxf"},
+        {TransferOverwrite, false, 0, "clip.mxf"},
+        {TransferOverwrite | TransferUnique, true, 0, "clip.mxf"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "flags " << c.flags);
+        TempDir dir;
+        const std::string bytes = makeBytes(150'000, c.flags);
+        writeFile(dir / "in.mxf", bytes);
+        fs::create_directory(dir / "out");
+        writeFile(dir / "out" / "clip.mxf", "older clip");
+        if (c.allNumbersTaken) {
+            fillNumberedNames(dir / "out");
+        }
+        const fs::path dest = dir / "out" / "clip.mxf";
+        const CreationWatch watch(dir / "out");
+
+        TransferProgress record;
+        std::string finalPath;
+        EXPECT_EQ(
+            SafeTransfer(dest.string(), (dir / "in.mxf").string(), c.flags, &record, &finalPath),
+            c.code);
+        EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
+        EXPECT_TRUE(tempFilesIn(dir / "out").empty());
+        if (c.code != 0) {
+            EXPECT_EQ(record.error(), c.landsIn);
+            EXPECT_EQ(record.status(), "Output exists " + dest.string());
+            EXPECT_TRUE(watch.created().empty()) << "a temp file was made";
+            EXPECT_EQ(readFile(dest), "older clip");
+            continue;
+        }
+        EXPECT_EQ(finalPath, (dir / "out" / c.landsIn).string());
+        EXPECT_EQ(readFile(finalPath), bytes);
+        if ((c.flags & TransferOverwrite) != 0) {
+            EXPECT_EQ(record.status(), "Overwriting dest " + dest.string());
+        } else {
+            EXPECT_EQ(readFile(dest), "older clip");
+        }
+        EXPECT_EQ(std::distance(fs::directory_iterator(dir / "out"), fs::directory_iterator()),
+                  ((c.flags & TransferOverwrite) != 0 ? 1 : 2) + (c.allNumbersTaken ? 999 : 0));
+    }
+}
+
+TEST(SafeTransfer, OverwriteNeverReplacesTheSourceOrAFolder)
+{
+    TempDir dir;
+    const std::string bytes = makeBytes(70'000);
+    writeFile(dir / "clip.mxf", bytes);
+    fs::create_directories(dir / "busy.mxf" / "inside");
+
+    TransferProgress record;
+    // The same entry by another spelling: replacing it would delete the clip once the
+    // caller removes the source of the move.
+    EXPECT_EQ(SafeTransfer(slashed(dir.path()) + "./clip.mxf", (dir / "clip.mxf").string(),
+                           TransferOverwrite, &record),
+              -4);
+    EXPECT_EQ(record.error(), "Cannot copy, output exists");
+
+    EXPECT_EQ(SafeTransfer((dir / "busy.mxf").string(), (dir / "clip.mxf").string(),
+                           TransferOverwrite | TransferVerify, &record),
+              -41);
+    EXPECT_EQ(record.error(), "Cannot delete " + (dir / "busy.mxf").string());
+    EXPECT_TRUE(fs::is_directory(dir / "busy.mxf" / "inside"));
+    EXPECT_EQ(readFile(dir / "clip.mxf"), bytes);
+    EXPECT_TRUE(tempFilesIn(dir.path()).empty());
+}
+
+// Something happens to the destination or the source at a chosen point of the transfer.
+TEST(SafeTransfer, EventsDuringTheTransfer)
+{
+    enum class Event { Appear, Cancel, Rewrite, Grow, Shrink };
+    struct Case
+    {
+        const char* name;
+        std::uint32_t flags;
+        bool allNumbersTaken;
+        bool (*when)(const TransferProgress::State&);
+        Event event;
+        std::int32_t code;
+        const char* error; // see matchesPattern
+        const char* copyIn;
+    };
+    const char* kVerifyFailed = "Verify proces failed.";
+    const Case cases[] = {
+        {"destination appears", 0, false, copying, Event::Appear, -45,
+         "Cannot rename temp file {dir}/##-##-#### ######.tmp to {dir}/clip.mxf", ""},
+        {"appears, unique", TransferUnique, false, copying, Event::Appear, 0, "", "clip (1).mxf"},
+        {"appears, unique, no free name", TransferUnique | TransferVerify, true, copying,
+         Event::Appear, -43, "Cannot generate output filename", ""},
+        {"appears, overwrite", TransferOverwrite | TransferVerify, false, copying, Event::Appear, 0,
+         "", "clip.mxf"},
+        {"cancel in copy", 0, false, copying, Event::Cancel, 0, "", ""},
+        {"cancel in copy before verify", TransferVerify, false, copying, Event::Cancel, 0, "", ""},
+        {"cancel in verify", TransferVerify, false, verifyingFirstHalf, Event::Cancel, 0, "", ""},
+        {"source rewritten", TransferVerify, false, verifyingFirstHalf, Event::Rewrite, -32,
+         kVerifyFailed, ""},
+        {"source grown", TransferVerify, false, verifyingFirstHalf, Event::Grow, -32, kVerifyFailed,
+         ""},
+        {"source shrunk", TransferVerify, false, verifyingFirstHalf, Event::Shrink, -32,
+         kVerifyFailed, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        bool raced = false;
+        for (const std::size_t size : kRaceSizes) {
+            TempDir dir;
+            const fs::path dest = dir / "clip.mxf";
+            const fs::path src = dir / "in.mxf";
+            std::string bytes = makeBytes(size, c.flags);
+            writeFile(src, bytes);
+            if (c.allNumbersTaken) {
+                fillNumberedNames(dir.path());
+            }
+            std::atomic<std::int32_t> cancel{0};
+            const RaceOutcome r = transferWhile(
+                dest, src, c.flags, c.when,
+                [&] {
+                    switch (c.event) {
+                    case Event::Appear:
+                        writeFile(dest, "late arrival");
+                        break;
+                    case Event::Cancel:
+                        cancel = 1;
+                        break;
+                    case Event::Rewrite:
+                        bytes[bytes.size() - 10] ^= 0x55;
+                        writeFile(src, bytes);
+                        break;
+                    case Event::Grow:
+                        bytes += "tail";
+                        writeFile(src, bytes);
+                        break;
+                    case Event::Shrink:
+                        bytes.pop_back();
+                        fs::resize_file(src, bytes.size());
+                        break;
+                    }
+                },
+                &cancel);
+            if (!r.acted) {
+                continue; // the transfer outran the watcher: try a bigger one
+            }
+            raced = true;
+            EXPECT_EQ(r.code, c.code) << r.state.error;
+            EXPECT_TRUE(matchesPattern(r.state.error, c.error, dir.path())) << r.state.error;
+            EXPECT_EQ(readFile(src), bytes);
+            EXPECT_TRUE(tempFilesIn(dir.path()).empty());
+            if (*c.copyIn != '\0') {
+                EXPECT_EQ(r.finalPath, (dir / c.copyIn).string());
+                EXPECT_EQ(readFile(r.finalPath), bytes);
+            } else if (c.event == Event::Appear) {
+                EXPECT_EQ(readFile(dest), "late arrival");
+            } else {
+                EXPECT_FALSE(fs::exists(dest));
+            }
+            if (c.event == Event::Cancel) {
+                EXPECT_EQ(r.state.status, kCancelStatus);
+            }
+            break;
+        }
+        EXPECT_TRUE(raced) << "every transfer ended before the watcher could act";
+    }
+}
+
+TEST(SafeTransfer, CancelFlagSetBeforeTheStart)
+{
+    TempDir dir;
+    writeFile(dir / "in.mxf", makeBytes(100'000));
+    std::atomic<std::int32_t> cancel{1};
+    TransferProgress record(&cancel);
+    EXPECT_EQ(SafeTransfer((dir / "clip.mxf").string(), (dir / "in.mxf").string(), TransferVerify,
+                           &record),
+              0);
+    EXPECT_EQ(record.status(), kCancelStatus);
+    EXPECT_FALSE(fs::exists(dir / "clip.mxf"));
+    EXPECT_TRUE(tempFilesIn(dir.path()).empty());
+}
+
+// The temp names of the current second and the next four, so a transfer started now
+// surely falls on one of them.
+constexpr int kPreparedSeconds = 5;
+std::vector<std::string> tempNamesFromNow(std::time_t& first)
+{
+    first = std::time(nullptr);
+    std::vector<std::string> names;
+    for (std::time_t t = first; t < first + kPreparedSeconds; ++t) {
+        std::tm local = {};
+        ::localtime_r(&t, &local);
+        char stamp[64];
+        std::strftime(stamp, sizeof stamp, "%d-%m-%Y %H%M%S", &local);
+        names.emplace_back(stamp);
+    }
+    return names;
+}
+
+TEST(SafeTransfer, TempNamesTakenInTheSameSecond)
+{
+    struct Case
+    {
+        const char* name;
+        int taken; // "stamp.tmp", then "stamp (1).tmp" ... for each prepared second
+        std::int32_t code;
+    };
+    const Case cases[] = {
+        // "stamp.tmp" stands for a first transfer's temp file; a non-empty folder under the
+        // second transfer's probe name stops that one at its probe, which names its temp.
+        {"second transfer in the same second", 1, -7},
+        {"no free temp name", 1000, -5},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        bool inTime = false;
+        for (int attempt = 0; attempt < 3 && !inTime; ++attempt) {
+            TempDir dir;
+            writeFile(dir / "in.mxf", makeBytes(5000));
+            std::time_t first = 0;
+            const std::vector<std::string> stamps = tempNamesFromNow(first);
+            for (const std::string& stamp : stamps) {
+                writeFile(dir / (stamp + ".tmp"), "first transfer");
+                for (int n = 1; n < c.taken; ++n) {
+                    const fs::path name = dir / (stamp + " (" + std::to_string(n) + ").tmp");
+                    ::close(::creat(name.c_str(), 0644));
+                }
+                fs::create_directories(dir / (stamp + " (1).tmp-") / "x");
+            }
+            TransferProgress record;
+            const std::int32_t rc =
+                SafeTransfer((dir / "clip.mxf").string(), (dir / "in.mxf").string(), 0, &record);
+            inTime = std::time(nullptr) < first + kPreparedSeconds;
+            if (!inTime) {
+                continue; // the clock ran past the prepared names
+            }
+            EXPECT_EQ(rc, c.code);
+            bool named = false;
+            for (const std::string& stamp : stamps) {
+                named |= record.error() == (c.code == -5 ? "Cannot generate output temp filename"
+                                                         : "Cannot rename temp file " +
+                                                               (dir / stamp).string() + " (1).tmp");
+                EXPECT_EQ(readFile(dir / (stamp + ".tmp")), "first transfer");
+            }
+            EXPECT_TRUE(named) << record.error();
+            EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()),
+                      kPreparedSeconds * (c.taken + 1) + 1);
+        }
+        EXPECT_TRUE(inTime) << "the clock outran every attempt";
+    }
+}
+
+TEST(SafeTransfer, TwoTransfersIntoOneFolderAtOnce)
+{
+    TempDir dir;
+    const std::string a = makeBytes(4u << 20, 1);
+    const std::string b = makeBytes(4u << 20, 2);
+    writeFile(dir / "a.in", a);
+    writeFile(dir / "b.in", b);
+    fs::create_directory(dir / "out");
+    std::int32_t rcA = 1;
+    std::int32_t rcB = 1;
+    std::thread other([&] {
+        rcB = SafeTransfer((dir / "out" / "b.mxf").string(), (dir / "b.in").string(),
+                           TransferVerify, nullptr);
+    });
+    rcA = SafeTransfer((dir / "out" / "a.mxf").string(), (dir / "a.in").string(), TransferVerify,
+                       nullptr);
+    other.join();
+    EXPECT_EQ(rcA, 0);
+    EXPECT_EQ(rcB, 0);
+    EXPECT_EQ(readFile(dir / "out" / "a.mxf"), a);
+    EXPECT_EQ(readFile(dir / "out" / "b.mxf"), b);
+    EXPECT_TRUE(tempFilesIn(dir / "out").empty());
+}
+
+TEST(SafeTransfer, ReadOnlyDestinationFolder)
+{
+    TempDir dir;
+    const std::string bytes = makeBytes(10'000);
+    writeFile(dir / "in.mxf", bytes);
+    fs::create_directory(dir / "out");
+    // The child may run as nobody: it must reach the source, and only the folder is closed.
+    fs::permissions(dir.path(),
+                    fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec);
+    fs::permissions(dir / "in.mxf", fs::perms::owner_read | fs::perms::others_read);
+    fs::permissions(dir / "out", fs::perms::owner_read | fs::perms::owner_exec |
+                                     fs::perms::others_read | fs::perms::others_exec);
+    // Folder permissions do not bind root: run the transfer as nobody then.
+    const bool root = ::geteuid() == 0;
+    const ChildOutcome r = transferInChild(dir / "out" / "clip.mxf", dir / "in.mxf", TransferVerify,
+                                           [root] { return !root || dropToNobody(); });
+    EXPECT_EQ(r.code, -6);
+    EXPECT_TRUE(r.error.starts_with("Cannot open output temp file " + slashed(dir / "out")))
+        << r.error;
+    EXPECT_TRUE(fs::is_empty(dir / "out"));
+    EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
+}
+
+TEST(SafeTransfer, FullDiskStopsTheCopyAndRemovesTheTemp)
+{
+    // A file size limit makes the temp file full at a chosen byte, as a full disk would.
+    struct Case
+    {
+        rlim_t limit;
+        std::int32_t code;
+        const char* error;
+    };
+    const Case cases[] = {
+        {100'000, -51, "Error writing to output file"},   // the second block fits in part
+        {2 * 65'536, -21, "Cannot write to output file"}, // the third block fits not at all
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.error);
+        TempDir dir;
+        const std::string bytes = makeBytes(200'000);
+        writeFile(dir / "in.mxf", bytes);
+        const ChildOutcome r =
+            transferInChild(dir / "clip.mxf", dir / "in.mxf", TransferVerify, [&] {
+                const rlimit limit{c.limit, c.limit};
+                return ::signal(SIGXFSZ, SIG_IGN) != SIG_ERR &&
+                       ::setrlimit(RLIMIT_FSIZE, &limit) == 0;
+            });
+        EXPECT_EQ(r.code, c.code);
+        EXPECT_EQ(r.error, c.error);
+        EXPECT_FALSE(fs::exists(dir / "clip.mxf"));
+        EXPECT_TRUE(tempFilesIn(dir.path()).empty());
+        EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
+    }
+}
+
+TEST(SafeTransfer, LongPathsWork)
+{
+    TempDir dir;
+    fs::path deep = dir.path();
+    for (int i = 0; i < 4; ++i) {
+        deep /= std::string(90, static_cast<char>('a' + i));
+    }
+    fs::create_directories(deep);
+    const fs::path dest = deep / "clip.mxf";
+    ASSERT_GT(dest.string().size(), 260u);
+    writeFile(dest, "older");
+    const std::string bytes = makeBytes(70'000);
+    writeFile(dir / "in.mxf", bytes);
+    std::string finalPath;
+    EXPECT_EQ(SafeTransfer(dest.string(), (dir / "in.mxf").string(),
+                           TransferUnique | TransferVerify, nullptr, &finalPath),
+              0);
+    EXPECT_EQ(finalPath, (deep / "clip (1).mxf").string());
+    EXPECT_EQ(readFile(finalPath), bytes);
+}
+
+TEST(UniqueFileName, NumbersTakenNamesFromOneTo999)
+{
+    TempDir dir;
+    const std::string d = slashed(dir.path());
+    fs::create_directory(dir / "v1.2");
+    for (const char* name :
+         {"clip.mxf", "clip", "v1.2/clip", ".profile", "a.tar.gz", "two (1).ts", "two.ts"}) {
+        writeFile(d + name, "x");
+    }
+    fs::create_symlink(d + "nowhere", d + "dangling.mxf");
+    fs::create_directory(d + "folder.mxf");
+
+    struct Case
+    {
+        std::string in;
+        bool ok;
+        std::string out;
+    };
+    const Case cases[] = {
+        {"", false, ""},
+        {d + "free.mxf", true, d + "free.mxf"},
+        {d + "clip.mxf", true, d + "clip (1).mxf"},
+        {d + "clip", true, d + "clip (1)"},
+        {d + "v1.2/clip", true, d + "v1.2/clip (1)"},
+        {d + ".profile", true, d + ".profile (1)"},
+        {d + "a.tar.gz", true, d + "a.tar (1).gz"},
+        {d + "two.ts", true, d + "two (2).ts"},
+        {d + "dangling.mxf", true, d + "dangling (1).mxf"},
+        {d + "folder.mxf", true, d + "folder (1).mxf"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.in);
+        std::string path = c.in;
+        EXPECT_EQ(UniqueFileName(path), c.ok);
+        EXPECT_EQ(path, c.out);
+    }
+
+    // 999 is the last number tried; there is no 1000.
+    for (int n = 1; n <= 998; ++n) {
+        writeFile(d + "full (" + std::to_string(n) + ").mxf", "x");
+    }
+    writeFile(d + "full.mxf", "x");
+    std::string path = d + "full.mxf";
+    EXPECT_TRUE(UniqueFileName(path));
+    EXPECT_EQ(path, d + "full (999).mxf");
+    writeFile(path, "x");
+    path = d + "full.mxf";
+    EXPECT_FALSE(UniqueFileName(path));
+    EXPECT_EQ(path, d + "full.mxf");
+}
+
+TEST(FileExists, AnythingUnderTheNameCounts)
+{
+    TempDir dir;
+    writeFile(dir / "clip.mxf", "x");
+    writeFile(dir / "locked.mxf", "x");
+    fs::permissions(dir / "locked.mxf", fs::perms::none);
+    fs::create_symlink(dir / "nowhere", dir / "dangling");
+    const int writer = ::open((dir / "clip.mxf").c_str(), O_WRONLY);
+
+    EXPECT_TRUE(FileExists((dir / "clip.mxf").string())); // held open for writing
+    EXPECT_TRUE(FileExists((dir / "locked.mxf").string()));
+    EXPECT_TRUE(FileExists((dir / "dangling").string()));
+    EXPECT_TRUE(FileExists(dir.path().string()));
+    EXPECT_FALSE(FileExists((dir / "missing").string()));
+    EXPECT_FALSE(FileExists((dir / "clip.mxf" / "below").string()));
+    EXPECT_FALSE(FileExists(""));
+    ::close(writer);
+}
+
+TEST(TransferProgress, AbsentRecordIsSkippedAndCancelFlagIsRead)
+{
+    TransferProgress::setStatus(nullptr, "Open input %s", "x");
+    TransferProgress::setError(nullptr, "Cannot check %s", "x");
+    EXPECT_EQ(TransferProgress::reportProgress(nullptr, 1, 2), 0);
+
+    std::atomic<std::int32_t> cancel{0};
+    TransferProgress record(&cancel);
+    TransferProgress::setStatus(&record, "Open input %s", "/in/clip.mxf");
+    TransferProgress::setError(&record, "Cannot rename out %s to %s", "a.tmp", "b.mxf");
+    EXPECT_EQ(TransferProgress::reportProgress(&record, 1, 4), 0);
+    EXPECT_DOUBLE_EQ(record.ratio(), 0.25);
+    EXPECT_EQ(TransferProgress::reportProgress(&record, 9, 0), 0); // total 0 keeps the ratio
+    EXPECT_DOUBLE_EQ(record.ratio(), 0.25);
+    cancel = 7;
+    EXPECT_EQ(TransferProgress::reportProgress(&record, 5, 4), 7);
+    const TransferProgress::State s = record.snapshot();
+    EXPECT_DOUBLE_EQ(s.ratio, 1.0);
+    EXPECT_EQ(s.status, "Open input /in/clip.mxf");
+    EXPECT_EQ(s.error, "Cannot rename out a.tmp to b.mxf");
+}
+
+} // namespace
+} // namespace tarvoqc
