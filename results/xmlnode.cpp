@@ -18,7 +18,7 @@
 // - A tag starts at the next "<". Spaces may follow; a "/" there or inside the name makes
 //   it a closing tag and is dropped from the name, except a "/" right before ">", which
 //   ends an empty-element tag ("<a/>" is element a, so a child may share its parent's
-//   name). The name ends at a space, ">", CR or LF and is cut to kMaxXmlNameChars.
+//   name). The name ends at a space, tab, ">", CR or LF and is cut to kMaxXmlNameChars.
 // - An attribute name runs from its first non-space character to "=" (spaces before the
 //   "=" stay in it); after the "=", the first quote of either kind opens the value, which
 //   runs to the same quote. A ">" met first ends the list; a name without "=" is ignored.
@@ -37,7 +37,7 @@ namespace tarvoqc {
 
 namespace {
 
-constexpr std::string_view kRefusedNameChars = " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~\r\n";
+constexpr std::string_view kRefusedNameChars = " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~\t\r\n";
 constexpr char32_t kReplacement = 0xFFFD;
 
 bool isSpace(char c)
@@ -532,7 +532,7 @@ private:
         bool hasSlash = false;
         while (!atEnd()) {
             const char c = m_s[m_pos];
-            if (c == ' ' || c == '>' || c == '\r' || c == '\n') {
+            if (isSpace(c) || c == '>') {
                 break;
             }
             if (c == '/') {

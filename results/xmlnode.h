@@ -52,8 +52,9 @@ public:
 
     // Appends a new child and returns it (owned by this node), or nullptr when the name is
     // refused: empty, first character "-", "." or a digit, or holding any of
-    // " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~", CR or LF (a name with a line break could not be
-    // read back). The name is cut to kMaxXmlNameChars characters before the test.
+    // " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~", tab, CR or LF (white space ends a name when read,
+    // so such a name could not be read back). The name is cut to kMaxXmlNameChars characters before
+    // the test.
     XmlNode* AddChild(std::string_view name);
 
     // First direct child whose name equals name, ignoring ASCII case; nullptr when none.

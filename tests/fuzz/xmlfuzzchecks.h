@@ -13,23 +13,37 @@
 
 namespace tarvoqc::fuzz {
 
+// Parsed and decoded text is always valid UTF-8 (shortest forms, no surrogates, nothing
+// past U+10FFFF) without zero characters.
 inline bool isValidUtf8Text(std::string_view text)
 {
-    // Parsed and decoded text is always valid UTF-8 without zero characters.
     for (std::size_t i = 0; i < text.size();) {
         const auto b = static_cast<unsigned char>(text[i]);
-        std::size_t len = b < 0x80                 ? 1
-                          : b >= 0xC2 && b <= 0xDF ? 2
-                          : b >= 0xE0 && b <= 0xEF ? 3
-                          : b >= 0xF0 && b <= 0xF4 ? 4
-                                                   : 0;
-        if (b == 0 || len == 0 || text.size() - i < len) {
+        if (b == 0) {
             return false;
         }
+        if (b < 0x80) {
+            ++i;
+            continue;
+        }
+        const std::size_t len = b >= 0xC2 && b <= 0xDF   ? 2
+                                : b >= 0xE0 && b <= 0xEF ? 3
+                                : b >= 0xF0 && b <= 0xF4 ? 4
+                                                         : 0;
+        if (len == 0 || text.size() - i < len) {
+            return false;
+        }
+        char32_t cp = b & (0xFF >> (len + 1));
         for (std::size_t k = 1; k < len; ++k) {
-            if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) {
+            const auto c = static_cast<unsigned char>(text[i + k]);
+            if ((c & 0xC0) != 0x80) {
                 return false;
             }
+            cp = (cp << 6) | (c & 0x3F);
+        }
+        const char32_t minimum = len == 2 ? 0x80 : len == 3 ? 0x800 : 0x10000;
+        if (cp < minimum || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+            return false;
         }
         i += len;
     }
