@@ -123,7 +123,9 @@ public:
 
     // Writes the children of this node (the whole document when called on the document)
     // as the file bytes, replacing any existing file. False when the file could not be
-    // created or written.
+    // created or written. Texts follow the format's own escaping: "&" stays bare and a
+    // leading space becomes "&nbsp;", so a text with either is not well-formed for strict
+    // XML parsers (attribute values always are).
     bool Save(const std::string& path) const;
     // The exact bytes Save writes.
     std::string saveBytes() const;
