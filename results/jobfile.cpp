@@ -1,0 +1,86 @@
+#include "results/jobfile.h"
+
+#include <unordered_set>
+
+namespace tarvoqc {
+
+namespace {
+
+constexpr std::string_view kJobExtension = ".qcin";
+
+char lowerAscii(char c)
+{
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool equalsIgnoreCase(std::string_view a, std::string_view b)
+{
+    if (a.size() != b.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (lowerAscii(a[i]) != lowerAscii(b[i])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+bool isJobFile(std::string_view path)
+{
+    // The extension is ASCII, so its five characters are its last five bytes.
+    return path.size() >= kJobExtension.size() &&
+           equalsIgnoreCase(path.substr(path.size() - kJobExtension.size()), kJobExtension);
+}
+
+int loadJob(const XmlNode& document, Job& job)
+{
+    const XmlNode* root = document.FindChild("Tarvo_QC");
+    if (root == nullptr) {
+        return 0;
+    }
+    job.hide = root->GetInt("Hide", 0);
+    // A set keeps the duplicate test linear for job files of many thousand clips.
+    std::unordered_set<std::string> known;
+    for (const JobClip& clip : job.clips) {
+        known.insert(clip.clipPath);
+    }
+    for (const auto& child : root->children()) {
+        if (!equalsIgnoreCase(child->name(), "Clip")) {
+            continue;
+        }
+        std::string path = child->GetString("File", "");
+        if (path.empty() || !known.insert(path).second) {
+            continue;
+        }
+        job.clips.push_back(JobClip{std::move(path)});
+    }
+    return 1;
+}
+
+std::string jobResultPath(std::string_view jobFilePath)
+{
+    const std::size_t folderEnd = jobFilePath.find_last_of("/\\");
+    const std::size_t nameStart = folderEnd == std::string_view::npos ? 0 : folderEnd + 1;
+    const std::size_t dot = jobFilePath.rfind('.');
+    const std::size_t baseEnd =
+        (dot != std::string_view::npos && dot >= nameStart) ? dot : jobFilePath.size();
+    std::string path(jobFilePath.substr(0, baseEnd));
+    path += ".qcout";
+    return path;
+}
+
+bool readJobFile(const std::string& jobFilePath, Job& job)
+{
+    job.resultPath = jobResultPath(jobFilePath);
+    XmlNode document;
+    if (!document.Load(jobFilePath)) {
+        return false;
+    }
+    loadJob(document, job);
+    return true;
+}
+
+} // namespace tarvoqc

@@ -1,0 +1,1165 @@
+#include "results/xmlnode.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <limits>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "results/qcissue.h"
+
+// Reading rules (a forgiving reader, not a validating one):
+// - A tag starts at the next "<". Spaces may follow; a "/" there or inside the name makes
+//   it a closing tag and is dropped from the name, except a "/" right before ">", which
+//   ends an empty-element tag ("<a/>" is element a, so a child may share its parent's
+//   name). The name ends at a space, tab, ">", CR or LF and is cut to kMaxXmlNameChars.
+// - An attribute name runs from its first non-space character to "=" (spaces before the
+//   "=" stay in it); after the "=", the first quote of either kind opens the value, which
+//   runs to the same quote. A ">" met first ends the list; a name without "=" is ignored.
+//   Values decode &quot; &apos; &lt; &amp; only.
+// - An element whose last non-space character before ">" is "/" is empty and closed.
+//   "img", "hr" and "!--" elements have no content and are never closed.
+// - Text is what precedes the first child: leading spaces, tabs and line breaks are
+//   skipped; a CDATA section is kept as it stands (delimiters included); other text is
+//   decoded for &quot; &amp; &lt; &gt; &nbsp; (a space) &apos;. Text after a child is
+//   skipped.
+// - A closing tag of the element's own name (case-sensitive) ends it, closed when ">"
+//   follows (after optional spaces); a closing tag of another name adds an empty, closed
+//   child; a refused name skips its tag.
+
+namespace tarvoqc {
+
+namespace {
+
+constexpr std::string_view kRefusedNameChars = " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~\t\r\n";
+constexpr char32_t kReplacement = 0xFFFD;
+
+bool isSpace(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
+char lowerAscii(char c)
+{
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool equalsIgnoreCase(std::string_view a, std::string_view b)
+{
+    if (a.size() != b.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (lowerAscii(a[i]) != lowerAscii(b[i])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool startsWithIgnoreCase(std::string_view text, std::string_view prefix)
+{
+    return text.size() >= prefix.size() && equalsIgnoreCase(text.substr(0, prefix.size()), prefix);
+}
+
+// Texts end at their first zero character, as in the file format.
+std::string_view untilZero(std::string_view text)
+{
+    const std::size_t zero = text.find('\0');
+    return zero == std::string_view::npos ? text : text.substr(0, zero);
+}
+
+// ---- UTF-8 / UTF-16 ----------------------------------------------------------------
+
+void appendUtf8(std::string& out, char32_t cp)
+{
+    if (cp < 0x80) {
+        out += static_cast<char>(cp);
+    } else if (cp < 0x800) {
+        out += static_cast<char>(0xC0 | (cp >> 6));
+        out += static_cast<char>(0x80 | (cp & 0x3F));
+    } else if (cp < 0x10000) {
+        out += static_cast<char>(0xE0 | (cp >> 12));
+        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (cp & 0x3F));
+    } else {
+        out += static_cast<char>(0xF0 | (cp >> 18));
+        out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (cp & 0x3F));
+    }
+}
+
+// Decodes the character at text[i]; returns the bytes it takes (at least 1). Anything
+// that is not a shortest-form encoding of a scalar value is one byte of U+FFFD.
+std::size_t nextUtf8(std::string_view text, std::size_t i, char32_t& cp)
+{
+    const auto b0 = static_cast<unsigned char>(text[i]);
+    if (b0 < 0x80) {
+        cp = b0;
+        return 1;
+    }
+    std::size_t len = 0;
+    char32_t value = 0;
+    char32_t minimum = 0;
+    if (b0 >= 0xC2 && b0 <= 0xDF) {
+        len = 2;
+        value = b0 & 0x1F;
+        minimum = 0x80;
+    } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+        len = 3;
+        value = b0 & 0x0F;
+        minimum = 0x800;
+    } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+        len = 4;
+        value = b0 & 0x07;
+        minimum = 0x10000;
+    } else {
+        cp = kReplacement;
+        return 1;
+    }
+    if (text.size() - i < len) {
+        cp = kReplacement;
+        return 1;
+    }
+    for (std::size_t k = 1; k < len; ++k) {
+        const auto b = static_cast<unsigned char>(text[i + k]);
+        if ((b & 0xC0) != 0x80) {
+            cp = kReplacement;
+            return 1;
+        }
+        value = (value << 6) | (b & 0x3F);
+    }
+    if (value < minimum || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) {
+        cp = kReplacement;
+        return 1;
+    }
+    cp = value;
+    return len;
+}
+
+bool isValidUtf8(std::string_view text)
+{
+    char32_t cp = 0;
+    for (std::size_t i = 0; i < text.size();) {
+        const auto b = static_cast<unsigned char>(text[i]);
+        if (b < 0x80) {
+            ++i;
+            continue;
+        }
+        const std::size_t len = nextUtf8(text, i, cp);
+        if (cp == kReplacement && len == 1) {
+            return false;
+        }
+        i += len;
+    }
+    return true;
+}
+
+std::string sanitizeUtf8(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    char32_t cp = 0;
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t len = nextUtf8(text, i, cp);
+        if (cp == kReplacement && len == 1) {
+            appendUtf8(out, kReplacement);
+        } else {
+            out.append(text.substr(i, len));
+        }
+        i += len;
+    }
+    return out;
+}
+
+std::string utf16leToUtf8(std::string_view bytes)
+{
+    std::string out;
+    out.reserve(bytes.size());
+    const std::size_t units = bytes.size() / 2;
+    auto unitAt = [&](std::size_t u) {
+        return static_cast<char16_t>(static_cast<unsigned char>(bytes[2 * u]) |
+                                     (static_cast<unsigned char>(bytes[2 * u + 1]) << 8));
+    };
+    for (std::size_t u = 0; u < units; ++u) {
+        const char16_t unit = unitAt(u);
+        if (unit >= 0xD800 && unit <= 0xDBFF && u + 1 < units) {
+            const char16_t low = unitAt(u + 1);
+            if (low >= 0xDC00 && low <= 0xDFFF) {
+                appendUtf8(out, 0x10000 + ((static_cast<char32_t>(unit) - 0xD800) << 10) +
+                                    (static_cast<char32_t>(low) - 0xDC00));
+                ++u;
+                continue;
+            }
+        }
+        appendUtf8(out, (unit >= 0xD800 && unit <= 0xDFFF) ? kReplacement : char32_t{unit});
+    }
+    if (bytes.size() % 2 != 0) {
+        appendUtf8(out, kReplacement);
+    }
+    return out;
+}
+
+// Windows-1252, the "ANSI" code page of western systems. Its five unassigned bytes map to
+// the C1 controls of the same value, as Windows itself maps them.
+constexpr std::array<char16_t, 32> kCp1252High = {
+    0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
+    0x2039, 0x0152, 0x008D, 0x017D, 0x008F, 0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
+    0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
+
+std::string cp1252ToUtf8(std::string_view bytes)
+{
+    std::string out;
+    out.reserve(bytes.size() + bytes.size() / 2);
+    for (const char c : bytes) {
+        const auto b = static_cast<unsigned char>(c);
+        if (b >= 0x80 && b < 0xA0) {
+            appendUtf8(out, kCp1252High[b - 0x80]);
+        } else {
+            appendUtf8(out, b);
+        }
+    }
+    return out;
+}
+
+void appendUtf16le(std::string& out, char16_t unit)
+{
+    out += static_cast<char>(unit & 0xFF);
+    out += static_cast<char>(unit >> 8);
+}
+
+std::string utf8ToUtf16le(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size() * 2 + 4);
+    char32_t cp = 0;
+    for (std::size_t i = 0; i < text.size();) {
+        i += nextUtf8(text, i, cp);
+        if (cp >= 0x10000) {
+            const char32_t v = cp - 0x10000;
+            appendUtf16le(out, static_cast<char16_t>(0xD800 + (v >> 10)));
+            appendUtf16le(out, static_cast<char16_t>(0xDC00 + (v & 0x3FF)));
+        } else {
+            appendUtf16le(out, static_cast<char16_t>(cp));
+        }
+    }
+    return out;
+}
+
+// ---- entities ------------------------------------------------------------------------
+
+struct Entity
+{
+    std::string_view code;
+    char value;
+};
+constexpr std::array<Entity, 4> kAttributeEntities = {
+    {{"&quot;", '"'}, {"&apos;", '\''}, {"&lt;", '<'}, {"&amp;", '&'}}};
+constexpr std::array<Entity, 6> kTextEntities = {{{"&quot;", '"'},
+                                                  {"&amp;", '&'},
+                                                  {"&lt;", '<'},
+                                                  {"&gt;", '>'},
+                                                  {"&nbsp;", ' '},
+                                                  {"&apos;", '\''}}};
+
+template <std::size_t N>
+std::string decodeEntities(std::string_view text, const std::array<Entity, N>& entities)
+{
+    if (text.find('&') == std::string_view::npos) {
+        return std::string(text);
+    }
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size();) {
+        if (text[i] == '&') {
+            const std::string_view rest = text.substr(i);
+            const auto hit = std::find_if(entities.begin(), entities.end(), [&](const Entity& e) {
+                return rest.substr(0, e.code.size()) == e.code;
+            });
+            if (hit != entities.end()) {
+                out += hit->value;
+                i += hit->code.size();
+                continue;
+            }
+        }
+        out += text[i++];
+    }
+    return out;
+}
+
+void appendAttributeValue(std::string& out, std::string_view value)
+{
+    for (const char c : value) {
+        switch (c) {
+        case '"':
+            out += "&quot;";
+            break;
+        case '&':
+            out += "&amp;";
+            break;
+        case '\'':
+            out += "&apos;";
+            break;
+        case '<':
+            out += "&lt;";
+            break;
+        default:
+            out += c;
+        }
+    }
+}
+
+// The ampersand stays as it is in text, and only a leading space is protected: that is
+// the file format the readers of these documents expect.
+void appendText(std::string& out, std::string_view text)
+{
+    if (text.starts_with("<![CDATA[")) {
+        out += text;
+        return;
+    }
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        switch (text[i]) {
+        case '"':
+            out += "&quot;";
+            break;
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        case '\'':
+            out += "&apos;";
+            break;
+        case ' ':
+            out += i == 0 ? "&nbsp;" : " ";
+            break;
+        default:
+            out += text[i];
+        }
+    }
+}
+
+template <typename T> std::string decimal(T value)
+{
+    std::array<char, 24> buffer{};
+    const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
+    return std::string(buffer.data(), result.ptr);
+}
+
+std::string hex(std::uint64_t value, bool plain, int width)
+{
+    std::array<char, 20> buffer{};
+    const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, 16);
+    std::string digits(buffer.data(), result.ptr);
+    if (plain) {
+        return digits;
+    }
+    std::transform(digits.begin(), digits.end(), digits.begin(),
+                   [](char c) { return (c >= 'a' && c <= 'f') ? static_cast<char>(c - 32) : c; });
+    if (digits.size() < static_cast<std::size_t>(width)) {
+        digits.insert(0, static_cast<std::size_t>(width) - digits.size(), '0');
+    }
+    return digits;
+}
+
+// Reads a whole regular file of at most kMaxXmlFileBytes. O_NONBLOCK keeps a FIFO given
+// as the path from blocking the open; non-regular files are refused right after. The
+// cap is checked while reading too, since the file may grow meanwhile.
+bool readWholeFile(const std::string& path, std::string& bytes)
+{
+    bytes.clear();
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat st
+    {};
+    bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+              static_cast<std::uint64_t>(st.st_size) <= kMaxXmlFileBytes;
+    if (ok) {
+        bytes.reserve(static_cast<std::size_t>(st.st_size));
+        std::array<char, 65536> chunk{};
+        for (;;) {
+            const ssize_t got = ::read(fd, chunk.data(), chunk.size());
+            if (got < 0 && errno == EINTR) {
+                continue;
+            }
+            if (got < 0 || bytes.size() + static_cast<std::size_t>(got) > kMaxXmlFileBytes) {
+                ok = false;
+                break;
+            }
+            if (got == 0) {
+                break;
+            }
+            bytes.append(chunk.data(), static_cast<std::size_t>(got));
+        }
+    }
+    ::close(fd);
+    if (!ok) {
+        bytes.clear();
+    }
+    return ok;
+}
+
+bool writeWholeFile(const std::string& path, std::string_view bytes)
+{
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        return false;
+    }
+    bool ok = true;
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t put = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (put < 0 && errno == EINTR) {
+            continue;
+        }
+        if (put <= 0) {
+            ok = false;
+            break;
+        }
+        done += static_cast<std::size_t>(put);
+    }
+    if (::close(fd) != 0) {
+        ok = false;
+    }
+    return ok;
+}
+
+} // namespace
+
+// ---- reader --------------------------------------------------------------------------
+
+namespace detail {
+
+class XmlReader
+{
+public:
+    explicit XmlReader(std::string_view text) : m_s(text) {}
+
+    bool parseDocument(XmlNode& document)
+    {
+        m_baseDepth = document.m_depth;
+        document.Clear();
+        Tag tag;
+        for (;;) {
+            tag = readTag();
+            if (!tag.found) {
+                return false;
+            }
+            if (startsWithIgnoreCase(tag.name, "?xml") || tag.name.starts_with("!--")) {
+                readAttributes(&document);
+                if (m_failed) {
+                    return false;
+                }
+                continue;
+            }
+            break;
+        }
+        // The declarations' attributes do not belong to the document.
+        document.Clear();
+        XmlNode* root = addChild(document, tag.name);
+        if (root == nullptr) {
+            return false;
+        }
+        parseElement(*root);
+        if (m_failed) {
+            return false;
+        }
+        if (m_s.find('>', m_pos) != std::string_view::npos) {
+            document.m_flags |= kXmlClosed;
+        }
+        return allClosed(document);
+    }
+
+    // The "encoding" attribute of the leading declarations.
+    std::string detectEncoding()
+    {
+        XmlNode declarations;
+        for (;;) {
+            const Tag tag = readTag();
+            if (!tag.found || m_failed) {
+                break;
+            }
+            if (startsWithIgnoreCase(tag.name, "?xml")) {
+                readAttributes(&declarations);
+            } else if (tag.name.starts_with("!--")) {
+                readAttributes(nullptr);
+            } else {
+                break;
+            }
+        }
+        return declarations.GetString("encoding", "");
+    }
+
+private:
+    struct Tag
+    {
+        std::string name;
+        bool closing = false;
+        bool found = false;
+    };
+
+    bool atEnd() const { return m_pos >= m_s.size(); }
+
+    void skipSpaces()
+    {
+        while (!atEnd() && isSpace(m_s[m_pos])) {
+            ++m_pos;
+        }
+    }
+
+    Tag readTag()
+    {
+        Tag tag;
+        const std::size_t lt = m_s.find('<', m_pos);
+        if (lt == std::string_view::npos) {
+            m_pos = m_s.size();
+            return tag;
+        }
+        tag.found = true;
+        m_pos = lt + 1;
+        skipSpaces();
+        const std::size_t start = m_pos;
+        bool hasSlash = false;
+        while (!atEnd()) {
+            const char c = m_s[m_pos];
+            if (isSpace(c) || c == '>') {
+                break;
+            }
+            if (c == '/') {
+                if (m_pos + 1 < m_s.size() && m_s[m_pos + 1] == '>') {
+                    break;
+                }
+                tag.closing = true;
+                hasSlash = true;
+            }
+            ++m_pos;
+        }
+        const std::string_view raw = m_s.substr(start, m_pos - start);
+        if (!hasSlash) {
+            tag.name = cutUtf8(raw, kMaxXmlNameChars);
+        } else {
+            std::string name;
+            name.reserve(raw.size());
+            for (const char c : raw) {
+                if (c != '/') {
+                    name += c;
+                }
+            }
+            tag.name = cutUtf8(name, kMaxXmlNameChars);
+        }
+        return tag;
+    }
+
+    // Reads the attributes up to the ">" that ends the tag, into node unless it is
+    // nullptr. True when that ">" was found; the position is then on it and m_selfClosed
+    // tells whether the last non-space character before it was "/".
+    bool readAttributes(XmlNode* node)
+    {
+        char last = m_pos > 0 ? m_s[m_pos - 1] : '\0';
+        m_selfClosed = false;
+        for (;;) {
+            skipSpaces();
+            if (atEnd()) {
+                return false;
+            }
+            if (m_s[m_pos] == '>') {
+                m_selfClosed = last == '/';
+                return true;
+            }
+            const std::size_t nameStart = m_pos;
+            while (!atEnd() && m_s[m_pos] != '=' && m_s[m_pos] != '>') {
+                if (!isSpace(m_s[m_pos])) {
+                    last = m_s[m_pos];
+                }
+                ++m_pos;
+            }
+            if (atEnd()) {
+                return false;
+            }
+            if (m_s[m_pos] == '>') {
+                continue; // a name without "=" is ignored
+            }
+            const std::string_view name = m_s.substr(nameStart, m_pos - nameStart);
+            last = '=';
+            ++m_pos;
+            while (!atEnd() && m_s[m_pos] != '"' && m_s[m_pos] != '\'' && m_s[m_pos] != '>') {
+                if (!isSpace(m_s[m_pos])) {
+                    last = m_s[m_pos];
+                }
+                ++m_pos;
+            }
+            if (atEnd()) {
+                return false;
+            }
+            if (m_s[m_pos] == '>') {
+                m_selfClosed = last == '/';
+                return true;
+            }
+            const char quote = m_s[m_pos];
+            const std::size_t valueStart = m_pos + 1;
+            const std::size_t valueEnd = m_s.find(quote, valueStart);
+            const std::string_view value =
+                m_s.substr(valueStart, valueEnd == std::string_view::npos ? std::string_view::npos
+                                                                          : valueEnd - valueStart);
+            if (node != nullptr && !addAttribute(*node, name, value)) {
+                return false;
+            }
+            if (valueEnd == std::string_view::npos) {
+                m_pos = m_s.size();
+                return false;
+            }
+            m_pos = valueEnd + 1;
+            last = quote;
+        }
+    }
+
+    bool countItem()
+    {
+        if (++m_items > kMaxXmlItems) {
+            m_failed = true;
+        }
+        return !m_failed;
+    }
+
+    bool addAttribute(XmlNode& node, std::string_view name, std::string_view value)
+    {
+        if (node.m_attributes.size() >= kMaxXmlAttributes) {
+            m_failed = true;
+        }
+        if (!countItem()) {
+            return false;
+        }
+        // Read attributes are appended without a test for duplicates.
+        node.m_attributes.push_back({std::string(name), decodeEntities(value, kAttributeEntities)});
+        return true;
+    }
+
+    XmlNode* addChild(XmlNode& parent, std::string_view name)
+    {
+        if (!isValidXmlName(name)) {
+            return nullptr;
+        }
+        if (parent.m_depth - m_baseDepth >= kMaxXmlDepth) {
+            m_failed = true;
+        }
+        if (!countItem()) {
+            return nullptr;
+        }
+        return parent.AddChild(name);
+    }
+
+    void parseElement(XmlNode& element)
+    {
+        if (!readAttributes(&element) || m_failed) {
+            return;
+        }
+        if (m_selfClosed) {
+            element.m_flags |= kXmlClosed;
+            return;
+        }
+        const std::string& name = element.m_name;
+        if (equalsIgnoreCase(name, "img") || equalsIgnoreCase(name, "hr") ||
+            equalsIgnoreCase(name, "!--")) {
+            return;
+        }
+        ++m_pos; // past ">"
+        readText(element);
+        for (;;) {
+            if (m_failed) {
+                return;
+            }
+            const Tag tag = readTag();
+            if (!tag.found) {
+                return;
+            }
+            if (tag.closing) {
+                if (tag.name == element.m_name) {
+                    skipSpaces();
+                    if (!atEnd() && m_s[m_pos] == '>') {
+                        element.m_flags |= kXmlClosed;
+                    }
+                    return;
+                }
+                if (XmlNode* empty = addChild(element, tag.name)) {
+                    empty->m_flags |= kXmlClosed;
+                }
+                continue;
+            }
+            XmlNode* child = addChild(element, tag.name);
+            if (child == nullptr) {
+                if (!m_failed) {
+                    readAttributes(nullptr);
+                }
+                continue;
+            }
+            parseElement(*child);
+        }
+    }
+
+    void readText(XmlNode& element)
+    {
+        skipSpaces();
+        const std::string_view rest = m_s.substr(m_pos);
+        if (rest.starts_with("<![CDATA[")) {
+            const std::size_t end = rest.find("]]>", 9);
+            const std::size_t length = end == std::string_view::npos ? rest.size() : end + 3;
+            element.SetText(rest.substr(0, length));
+            m_pos += length;
+            return;
+        }
+        const std::size_t lt = rest.find('<');
+        const std::size_t length = lt == std::string_view::npos ? rest.size() : lt;
+        element.SetText(decodeEntities(rest.substr(0, length), kTextEntities));
+        m_pos += length;
+    }
+
+    static bool allClosed(const XmlNode& top)
+    {
+        std::vector<const XmlNode*> pending{&top};
+        while (!pending.empty()) {
+            const XmlNode* node = pending.back();
+            pending.pop_back();
+            if (!node->isClosed()) {
+                return false;
+            }
+            for (const auto& c : node->children()) {
+                pending.push_back(c.get());
+            }
+        }
+        return true;
+    }
+
+    std::string_view m_s;
+    std::size_t m_pos = 0;
+    std::size_t m_items = 0;
+    std::int32_t m_baseDepth = 0;
+    bool m_selfClosed = false;
+    bool m_failed = false;
+};
+
+} // namespace detail
+
+// ---- XmlNode -------------------------------------------------------------------------
+
+bool isValidXmlName(std::string_view name)
+{
+    const std::string cut = cutUtf8(untilZero(name), kMaxXmlNameChars);
+    if (cut.empty() || cut[0] == '-' || cut[0] == '.' || (cut[0] >= '0' && cut[0] <= '9')) {
+        return false;
+    }
+    return cut.find_first_of(kRefusedNameChars) == std::string::npos;
+}
+
+XmlNode::XmlNode() = default;
+
+XmlNode::~XmlNode()
+{
+    // Unlink the subtree level by level so that a deep tree never recurses in the
+    // destructors of its children.
+    std::vector<std::unique_ptr<XmlNode>> pending = std::move(m_children);
+    while (!pending.empty()) {
+        std::unique_ptr<XmlNode> node = std::move(pending.back());
+        pending.pop_back();
+        for (auto& c : node->m_children) {
+            pending.push_back(std::move(c));
+        }
+        node->m_children.clear();
+    }
+}
+
+void XmlNode::Clear()
+{
+    m_attributes.clear();
+    std::vector<std::unique_ptr<XmlNode>> old = std::move(m_children);
+    m_children.clear();
+    m_text.clear();
+    m_flags = 0;
+    // A holder node takes the old children so that their subtrees die without recursion.
+    XmlNode holder;
+    holder.m_children = std::move(old);
+}
+
+XmlNode* XmlNode::AddChild(std::string_view name)
+{
+    if (!isValidXmlName(name)) {
+        return nullptr;
+    }
+    auto node = std::make_unique<XmlNode>();
+    node->m_name = cutUtf8(untilZero(name), kMaxXmlNameChars);
+    node->m_parent = this;
+    node->m_depth = m_depth + 1;
+    m_children.push_back(std::move(node));
+    return m_children.back().get();
+}
+
+const XmlNode* XmlNode::FindChild(std::string_view name) const
+{
+    for (const auto& c : m_children) {
+        if (equalsIgnoreCase(c->m_name, name)) {
+            return c.get();
+        }
+    }
+    return nullptr;
+}
+
+XmlNode* XmlNode::FindChild(std::string_view name)
+{
+    return const_cast<XmlNode*>(std::as_const(*this).FindChild(name));
+}
+
+const XmlNode* XmlNode::FindDeep(std::string_view name) const
+{
+    std::vector<const XmlNode*> pending{this};
+    while (!pending.empty()) {
+        const XmlNode* node = pending.back();
+        pending.pop_back();
+        if (equalsIgnoreCase(node->m_name, name)) {
+            return node;
+        }
+        for (auto it = node->m_children.rbegin(); it != node->m_children.rend(); ++it) {
+            pending.push_back(it->get());
+        }
+    }
+    return nullptr;
+}
+
+XmlNode* XmlNode::FindDeep(std::string_view name)
+{
+    return const_cast<XmlNode*>(std::as_const(*this).FindDeep(name));
+}
+
+void XmlNode::RemoveChild(std::ptrdiff_t index)
+{
+    if (index < 0 || static_cast<std::size_t>(index) >= m_children.size()) {
+        return;
+    }
+    std::unique_ptr<XmlNode> removed = std::move(m_children[static_cast<std::size_t>(index)]);
+    m_children.erase(m_children.begin() + index);
+}
+
+void XmlNode::SetAttribute(std::string_view name, std::string_view value)
+{
+    name = untilZero(name);
+    value = untilZero(value);
+    for (auto& a : m_attributes) {
+        if (a.name == name) {
+            a.value = value;
+            return;
+        }
+    }
+    m_attributes.push_back({std::string(name), std::string(value)});
+}
+
+void XmlNode::setInt(std::string_view name, std::int32_t value)
+{
+    SetAttribute(name, decimal(value));
+}
+
+void XmlNode::setUInt(std::string_view name, std::uint32_t value)
+{
+    SetAttribute(name, decimal(value));
+}
+
+void XmlNode::setInt64(std::string_view name, std::int64_t value)
+{
+    SetAttribute(name, decimal(value));
+}
+
+void XmlNode::setUInt64(std::string_view name, std::uint64_t value)
+{
+    SetAttribute(name, decimal(value));
+}
+
+void XmlNode::setHex32(std::string_view name, std::uint32_t value, bool plain)
+{
+    SetAttribute(name, hex(value, plain, 8));
+}
+
+void XmlNode::setHex64(std::string_view name, std::uint64_t value, bool plain)
+{
+    SetAttribute(name, hex(value, plain, 16));
+}
+
+void XmlNode::setReal(std::string_view name, double value, int fractionDigits)
+{
+    SetAttribute(name, formatReal(value, fractionDigits));
+}
+
+void XmlNode::setSeconds(std::string_view name, ClipTicks value)
+{
+    SetAttribute(name, formatSeconds(value));
+}
+
+const std::string* XmlNode::GetAttribute(std::string_view name) const
+{
+    for (const auto& a : m_attributes) {
+        if (a.name == name) {
+            return &a.value;
+        }
+    }
+    return nullptr;
+}
+
+std::string XmlNode::GetString(std::string_view name, std::string_view fallback) const
+{
+    const std::string* value = GetAttribute(name);
+    return value != nullptr ? *value : std::string(fallback);
+}
+
+std::int32_t XmlNode::GetInt(std::string_view name, std::int32_t fallback) const
+{
+    const std::string* value = GetAttribute(name);
+    if (value == nullptr) {
+        return fallback;
+    }
+    std::size_t i = 0;
+    const std::string& v = *value;
+    while (i < v.size() && (isSpace(v[i]) || v[i] == '\v' || v[i] == '\f')) {
+        ++i;
+    }
+    bool negative = false;
+    if (i < v.size() && (v[i] == '+' || v[i] == '-')) {
+        negative = v[i] == '-';
+        ++i;
+    }
+    std::int64_t magnitude = 0;
+    for (; i < v.size() && v[i] >= '0' && v[i] <= '9'; ++i) {
+        magnitude =
+            std::min<std::int64_t>(magnitude * 10 + (v[i] - '0'), std::int64_t{INT32_MAX} + 1);
+    }
+    const std::int64_t result = negative ? -magnitude : magnitude;
+    return static_cast<std::int32_t>(std::clamp<std::int64_t>(result, INT32_MIN, INT32_MAX));
+}
+
+void XmlNode::SetText(std::string_view text)
+{
+    m_text = untilZero(text);
+}
+
+bool XmlNode::GetByPath(std::string_view path, std::string& value) const
+{
+    const XmlNode* node = this;
+    std::size_t pos = 0;
+    for (;;) {
+        const std::size_t nameEnd = path.find_first_of("<>", pos);
+        const std::string_view name = path.substr(pos, nameEnd - pos);
+        pos = nameEnd;
+        std::size_t index = 0;
+        if (pos != std::string_view::npos && path[pos] == '<') {
+            const std::size_t close = path.find('>', pos + 1);
+            if (close == std::string_view::npos || close == pos + 1) {
+                return false;
+            }
+            for (std::size_t i = pos + 1; i < close; ++i) {
+                if (path[i] < '0' || path[i] > '9') {
+                    return false;
+                }
+                index = std::min<std::size_t>(index * 10 + static_cast<std::size_t>(path[i] - '0'),
+                                              std::numeric_limits<std::uint32_t>::max());
+            }
+            pos = close + 1;
+            if (pos == path.size()) {
+                pos = std::string_view::npos;
+            } else if (path[pos] != '>') {
+                return false; // the closing bracket ends the segment
+            }
+        }
+        if (pos == std::string_view::npos) {
+            const std::string* attribute = node->GetAttribute(name);
+            if (attribute == nullptr) {
+                return false;
+            }
+            value = *attribute;
+            return true;
+        }
+        // path[pos] is ">": step to the index-th child of exactly that name.
+        const XmlNode* next = nullptr;
+        std::size_t seen = 0;
+        for (const auto& c : node->m_children) {
+            if (c->m_name == name && seen++ == index) {
+                next = c.get();
+                break;
+            }
+        }
+        if (next == nullptr) {
+            return false;
+        }
+        node = next;
+        ++pos;
+        if (pos == path.size()) {
+            value = node->m_text;
+            return true;
+        }
+    }
+}
+
+bool XmlNode::Parse(std::string_view text)
+{
+    text = untilZero(text);
+    if (isValidUtf8(text)) {
+        return detail::XmlReader(text).parseDocument(*this);
+    }
+    const std::string clean = sanitizeUtf8(text);
+    return detail::XmlReader(clean).parseDocument(*this);
+}
+
+bool XmlNode::loadBytes(std::string_view fileBytes)
+{
+    return Parse(decodeXmlFileBytes(fileBytes));
+}
+
+bool XmlNode::Load(const std::string& path)
+{
+    Clear();
+    std::string bytes;
+    if (!readWholeFile(path, bytes)) {
+        return false;
+    }
+    return loadBytes(bytes);
+}
+
+std::string XmlNode::saveText() const
+{
+    std::string out;
+    struct Frame
+    {
+        const XmlNode* node;
+        std::size_t next; // index of the next child to write
+    };
+    std::vector<Frame> stack;
+    auto indent = [&](std::size_t level) { out.append(2 * level, ' '); };
+    auto open = [&](const XmlNode& node, std::size_t level) {
+        indent(level);
+        out += '<';
+        out += node.m_name;
+        for (const auto& a : node.m_attributes) {
+            out += ' ';
+            out += a.name;
+            out += "=\"";
+            appendAttributeValue(out, a.value);
+            out += '"';
+        }
+        if (node.m_children.empty() && node.m_text.empty()) {
+            out += "/>\r\n";
+            return false;
+        }
+        out += '>';
+        if (!node.m_children.empty()) {
+            out += "\r\n";
+        }
+        return true;
+    };
+    stack.push_back({this, 0});
+    while (!stack.empty()) {
+        Frame& top = stack.back();
+        if (top.next < top.node->m_children.size()) {
+            const XmlNode& child = *top.node->m_children[top.next++];
+            // Level of the child: the node saved is the document and writes nothing itself.
+            const std::size_t level = stack.size() - 1;
+            if (open(child, level)) {
+                stack.push_back({&child, 0});
+            }
+            continue;
+        }
+        const XmlNode& node = *top.node;
+        stack.pop_back();
+        if (stack.empty()) {
+            break; // the document node writes nothing of its own
+        }
+        appendText(out, node.m_text);
+        if (!node.m_children.empty()) {
+            indent(stack.size() - 1);
+        }
+        out += "</";
+        out += node.m_name;
+        out += ">\r\n";
+    }
+    return out;
+}
+
+std::string XmlNode::saveBytes() const
+{
+    std::string bytes = "\xFF\xFE";
+    bytes += utf8ToUtf16le(saveText());
+    bytes.append(2, '\0');
+    return bytes;
+}
+
+bool XmlNode::Save(const std::string& path) const
+{
+    return writeWholeFile(path, saveBytes());
+}
+
+std::string XmlNode::DetectEncoding(std::string_view text)
+{
+    text = untilZero(text);
+    if (isValidUtf8(text)) {
+        return detail::XmlReader(text).detectEncoding();
+    }
+    const std::string clean = sanitizeUtf8(text);
+    return detail::XmlReader(clean).detectEncoding();
+}
+
+// ---- free functions ------------------------------------------------------------------
+
+std::string decodeXmlFileBytes(std::string_view fileBytes)
+{
+    if (fileBytes.starts_with("\xFF\xFE")) {
+        return utf16leToUtf8(fileBytes.substr(2));
+    }
+    if (fileBytes.starts_with("\xEF\xBB\xBF")) {
+        return sanitizeUtf8(fileBytes.substr(3));
+    }
+    // Without a mark the text is in the "ANSI" code page. Text that is valid UTF-8 is
+    // taken as such (the usual encoding of a hand-written file here); anything else is
+    // taken as Windows-1252, which every byte sequence is.
+    if (isValidUtf8(fileBytes)) {
+        return std::string(fileBytes);
+    }
+    return cp1252ToUtf8(fileBytes);
+}
+
+std::string formatReal(double value, int fractionDigits)
+{
+    fractionDigits = std::clamp(fractionDigits, 0, 17);
+    // Enough for the largest double in fixed notation.
+    std::array<char, 400> buffer{};
+    const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value,
+                                      std::chars_format::fixed, fractionDigits);
+    if (result.ec != std::errc{}) {
+        return {};
+    }
+    return std::string(buffer.data(), result.ptr);
+}
+
+std::string formatSeconds(ClipTicks value)
+{
+    if (value == kNoTime) {
+        return "NA";
+    }
+    // Work on the magnitude in unsigned arithmetic: -INT64_MIN is not representable, but
+    // INT64_MIN is the marker and never gets here.
+    const bool negative = value < 0;
+    const std::uint64_t magnitude =
+        negative ? static_cast<std::uint64_t>(-value) : static_cast<std::uint64_t>(value);
+    const auto perSecond = static_cast<std::uint64_t>(kTicksPerSecond);
+    std::string fraction = decimal(magnitude % perSecond);
+    fraction.insert(0, 7 - fraction.size(), '0');
+    std::string text = negative ? "-" : "";
+    text += decimal(magnitude / perSecond);
+    text += '.';
+    text += fraction;
+    return text;
+}
+
+} // namespace tarvoqc
