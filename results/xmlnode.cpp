@@ -1,6 +1,7 @@
 #include "results/xmlnode.h"
 
 #include <algorithm>
+#include <atomic>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -409,9 +410,14 @@ bool readWholeFile(const std::string& path, std::string& bytes)
     return ok;
 }
 
+// Writes the bytes to a temp file beside path and renames it over path, so that a failed
+// write (a full disk, a lost mount) leaves the earlier file whole instead of truncated.
 bool writeWholeFile(const std::string& path, std::string_view bytes)
 {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    static std::atomic<unsigned> counter{0};
+    const std::string temp = path + ".tmp-" + std::to_string(::getpid()) + "-" +
+                             std::to_string(counter.fetch_add(1));
+    const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (fd < 0) {
         return false;
     }
@@ -428,8 +434,11 @@ bool writeWholeFile(const std::string& path, std::string_view bytes)
         }
         done += static_cast<std::size_t>(put);
     }
-    if (::close(fd) != 0) {
-        ok = false;
+    ok = ::fsync(fd) == 0 && ok;
+    ok = ::close(fd) == 0 && ok;
+    ok = ok && ::rename(temp.c_str(), path.c_str()) == 0;
+    if (!ok) {
+        ::unlink(temp.c_str());
     }
     return ok;
 }

@@ -11,6 +11,9 @@
 #include "app/check/checkoutput.h"
 #include "batch/runcontroller.h"
 #include "batch/tasklist.h"
+#include "results/jobfile.h"
+#include "results/resultfile.h"
+#include "results/xmlnode.h"
 #include "tarvoqc/version.h"
 
 using namespace tarvoqc;
@@ -24,13 +27,23 @@ constexpr int kExitUsage = 2;
 // clips the wait between two clips would otherwise dominate.
 constexpr auto kTickInterval = std::chrono::milliseconds(10);
 
-// Fills the list from the command line's paths: a folder adds the clips found in it (each
-// once), anything else is checked as a clip, whatever its name.
-void fillTaskList(const std::vector<std::string>& paths, TaskList& list)
+// Fills the list from the command line's paths: a job file adds its clips (each once), a
+// folder adds the clips found in it (each once), anything else is checked as a clip,
+// whatever its name. Job files that cannot be read are named in unreadableJobs.
+void fillTaskList(const std::vector<std::string>& paths, TaskList& list,
+                  std::vector<std::string>& unreadableJobs)
 {
     for (const std::string& path : paths) {
         std::error_code ec;
-        if (std::filesystem::is_directory(path, ec)) {
+        if (isJobFile(path)) {
+            Job job;
+            if (!readJobFile(path, job)) {
+                unreadableJobs.push_back(path);
+            }
+            for (const JobClip& clip : job.clips) {
+                list.AppendFromJob(clip.clipPath);
+            }
+        } else if (std::filesystem::is_directory(path, ec)) {
             std::string folder = path;
             while (folder.size() > 1 && folder.back() == '/') {
                 folder.pop_back();
@@ -44,6 +57,19 @@ void fillTaskList(const std::vector<std::string>& paths, TaskList& list)
             list.AppendFromCommandLine(path);
         }
     }
+}
+
+// Where the result document goes: --output when given; otherwise, as in the window
+// program, beside the job file when the last path is a job file; otherwise nowhere.
+std::string resultDocumentPath(const check::CheckOptions& options)
+{
+    if (!options.output.empty()) {
+        return options.output;
+    }
+    if (!options.paths.empty() && isJobFile(options.paths.back())) {
+        return jobResultPath(options.paths.back());
+    }
+    return {};
 }
 
 // One line on standard error, redrawn in place: done/total, the mean progress of the
@@ -109,8 +135,14 @@ int main(int argc, char** argv)
     }
 
     TaskList list;
-    fillTaskList(options->paths, list);
-    if (list.empty()) {
+    std::vector<std::string> unreadableJobs;
+    fillTaskList(options->paths, list, unreadableJobs);
+    for (const std::string& job : unreadableJobs) {
+        std::fprintf(stderr, "tarvoqc-check: job file '%s' could not be read; its clips are skipped\n",
+                     job.c_str());
+    }
+    const std::string documentPath = resultDocumentPath(*options);
+    if (list.empty() && documentPath.empty()) {
         std::fprintf(stderr, "tarvoqc-check: no clips found in the given paths\n");
         return kExitUsage;
     }
@@ -123,7 +155,7 @@ int main(int argc, char** argv)
     runOptions.maxRunners = options->jobs > 0 ? static_cast<std::size_t>(options->jobs)
                                               : std::max(1U, std::thread::hardware_concurrency());
     RunController controller(list, runOptions);
-    controller.CheckAll();
+    controller.CheckAll(); // an empty list (a job without clips) stays idle
 
     ProgressBar progress(!options->quiet && ::isatty(STDERR_FILENO) != 0);
     std::size_t printed = 0;
@@ -165,5 +197,23 @@ int main(int argc, char** argv)
                  "%zu clip%s checked at level %d: %zu at or above \"%s\", %zu below\n", count,
                  count == 1 ? "" : "s", options->level, count - below,
                  scoreText(options->threshold).data(), below);
+
+    bool ioError = !unreadableJobs.empty();
+    if (!documentPath.empty()) {
+        std::vector<ResultDocumentEntry> entries;
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            entries.push_back({list.item(i).path(), list.item(i).result()});
+        }
+        XmlNode document;
+        buildResultDocument(document, entries);
+        if (!document.Save(documentPath)) {
+            std::fprintf(stderr, "tarvoqc-check: cannot write the result document '%s'\n",
+                         documentPath.c_str());
+            ioError = true;
+        }
+    }
+    if (ioError) {
+        return kExitUsage;
+    }
     return below > 0 ? kExitBelowThreshold : kExitPass;
 }

@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -148,6 +149,148 @@ TEST(CheckCli, JsonLinesDescribeEachClip)
     EXPECT_EQ(wav["issues"][1]["stream"], 0);
     // The summary stays off standard output.
     EXPECT_NE(r.err.find("3 clips checked"), std::string::npos);
+}
+
+} // namespace
+} // namespace tarvoqc
+
+namespace tarvoqc {
+namespace {
+
+// Reads a result document with Python's XML parser (after taking off the terminating zero
+// character) and computes the keys of each clip independently with hashlib: SHA-256 of
+// the file, and the file key from the digest, 224 zero bytes and the salt.
+constexpr const char* kPythonReader = R"PY(
+import hashlib, json, os, sys
+import xml.etree.ElementTree as ET
+data = open(sys.argv[1], 'rb').read()
+assert data[:2] == b'\xff\xfe', 'byte-order mark'
+assert data[-2:] == b'\x00\x00', 'terminating zero'
+root = ET.fromstring(data[2:-2].decode('utf-16-le'))
+out = {'root': root.tag, 'children': [c.tag for c in root], 'clips': []}
+for clip in root.findall('Clip'):
+    path = clip.get('File')
+    entry = {'path': path, 'elements': {e.tag: e.attrib for e in clip.iter() if e is not clip}}
+    if os.path.isfile(path):
+        digest = hashlib.sha256(open(path, 'rb').read()).digest()
+        key = hashlib.sha256(digest + bytes(224) + b'Permadolvixun\x00').digest()
+        entry['sha256'] = digest.hex().upper()
+        entry['fkey'] = '%016X' % int.from_bytes(key[:8], 'little')
+        entry['size'] = os.path.getsize(path)
+    out['clips'].append(entry)
+out['qchecks'] = [dict(q.attrib, issues=[dict(i.attrib, text=i.text) for i in q]) for q in root.findall('QCheck')]
+print(json.dumps(out))
+)PY";
+
+nlohmann::json readResultDocument(const std::filesystem::path& document)
+{
+    const test::CommandResult r = test::runCommand({"python3", "-c", kPythonReader, document.string()});
+    EXPECT_EQ(r.status, 0) << r.err;
+    return r.status == 0 ? nlohmann::json::parse(r.out) : nlohmann::json{};
+}
+
+TEST(CheckCliDocument, ResultDocumentIsWellFormedAndMatchesTheClips)
+{
+    const test::TempDir dir;
+    const auto document = dir / "report.qcout";
+    const test::CommandResult r =
+        check({"-o", document.string(), clip("mpeg2_pcm.mxf"), clip("jump_video_high.ts"), clip("text.mov")});
+    ASSERT_EQ(r.status, 1) << r.err;
+    const nlohmann::json doc = readResultDocument(document);
+    ASSERT_FALSE(doc.empty());
+    EXPECT_EQ(doc["root"], "Tarvo_QC");
+    const std::vector<std::string> children = {"Clip", "QCheck", "Clip", "QCheck", "Clip", "QCheck"};
+    EXPECT_EQ(doc["children"].get<std::vector<std::string>>(), children);
+
+    for (const nlohmann::json& c : doc["clips"]) {
+        SCOPED_TRACE(c["path"].get<std::string>());
+        const nlohmann::json& file = c["elements"]["File"];
+        EXPECT_EQ(file["Size"], std::to_string(c["size"].get<std::int64_t>()));
+        EXPECT_EQ(file["ATR"], "00000020");
+        if (c["path"] == clip("text.mov")) {
+            EXPECT_FALSE(file.contains("Hash256")) << "a clip that never opened is not read";
+            EXPECT_FALSE(file.contains("FKey"));
+            continue;
+        }
+        EXPECT_EQ(file["Hash256"], c["sha256"]);
+        EXPECT_EQ(file["FKey"], c["fkey"]);
+    }
+
+    const nlohmann::json& mxf = doc["clips"][0]["elements"];
+    EXPECT_EQ(mxf["Media"]["Dur"], "20000000");
+    EXPECT_FALSE(mxf["Media"].contains("QCDur"));
+    EXPECT_EQ(mxf["Media"]["Streams"], "2");
+    EXPECT_EQ(mxf["Video"]["Stt"], "0.0000000");
+    EXPECT_EQ(mxf["Video"]["Dur"], "2.0000000");
+    EXPECT_EQ(mxf["Video"]["Format"], "720,576,1,1,25,1");
+    EXPECT_EQ(mxf["Video"]["Codec"], "mpeg2video");
+    EXPECT_EQ(mxf["Audio"]["Format"], "1,48000");
+    EXPECT_EQ(mxf["Audio"]["Codec"], "pcm_s16le");
+    // 48000 samples of 16 bits a second: 768 kbit/s.
+    EXPECT_EQ(mxf["Audio"]["KbRate"], "768.0000");
+
+    // The joined TS: decoding finds more than its header says, and the issue is listed.
+    const nlohmann::json& ts = doc["clips"][1]["elements"];
+    EXPECT_EQ(ts["Video"]["Stt"], "10.0000000");
+    const nlohmann::json& tsCheck = doc["qchecks"][1];
+    EXPECT_EQ(tsCheck["Score"], "2");
+    EXPECT_EQ(tsCheck["Result"], "2/5 BAD");
+    ASSERT_EQ(tsCheck["issues"].size(), 1U);
+    EXPECT_EQ(tsCheck["issues"][0]["Cat"], "Frames");
+    EXPECT_EQ(tsCheck["issues"][0]["Sev"], "High");
+    EXPECT_EQ(tsCheck["issues"][0]["Strm"], "0");
+    EXPECT_EQ(tsCheck["issues"][0]["Kind"], "Video");
+    EXPECT_EQ(tsCheck["issues"][0]["text"], "Gap in TC of 2.00 at 4.00");
+
+    const nlohmann::json& textCheck = doc["qchecks"][2];
+    EXPECT_EQ(textCheck["Result"], "0/5 ERROR");
+    EXPECT_FALSE(textCheck["issues"][0].contains("Strm")) << "clip issues name no stream";
+}
+
+TEST(CheckCliDocument, JobFilesListTheirClipsOnceAndWriteTheirResultBesideThem)
+{
+    const test::TempDir dir;
+    const auto job = dir / "night run.QCIN";
+    test::writeFile(job, "<Tarvo_QC Hide=\"1\">\n"
+                         "  <Clip File=\"" + clip("mpeg2_pcm.mxf") + "\"/>\n"
+                         "  <CLIP File=\"" + clip("text.mov") + "\"/>\n"
+                         "  <Clip File=\"" + clip("mpeg2_pcm.mxf") + "\"/>\n"
+                         "  <Clip File=\"\"/>\n"
+                         "  <Other File=\"" + clip("h264_aac.mp4") + "\"/>\n"
+                         "</Tarvo_QC>\n");
+    const test::CommandResult r = check({"-l1", job.string()});
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_NE(r.out.find("2 clips checked"), std::string::npos) << r.out;
+    const nlohmann::json doc = readResultDocument(dir / "night run.qcout");
+    ASSERT_EQ(doc["clips"].size(), 2U);
+    EXPECT_EQ(doc["clips"][0]["path"], clip("mpeg2_pcm.mxf"));
+    EXPECT_EQ(doc["clips"][1]["path"], clip("text.mov"));
+
+    // A clip after the job file: checked too, but the job's result is not written.
+    std::filesystem::remove(dir / "night run.qcout");
+    EXPECT_EQ(check({"-l1", job.string(), clip("h264_aac.mp4")}).status, 1);
+    EXPECT_FALSE(std::filesystem::exists(dir / "night run.qcout"));
+
+    // A job file that does not parse is named and the run reports an input error.
+    const auto broken = dir / "broken.qcin";
+    test::writeFile(broken, "<Tarvo_QC><Clip File=\"x.mxf\">");
+    const test::CommandResult bad = check({"-l1", broken.string(), clip("mpeg2_pcm.mxf")});
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.err.find("broken.qcin"), std::string::npos) << bad.err;
+
+    // A job without clips still writes its (empty) result document.
+    const auto empty = dir / "empty.qcin";
+    test::writeFile(empty, "<Tarvo_QC Hide=\"1\"/>");
+    EXPECT_EQ(check({empty.string()}).status, 0);
+    const nlohmann::json none = readResultDocument(dir / "empty.qcout");
+    EXPECT_TRUE(none["clips"].empty());
+}
+
+TEST(CheckCliDocument, AnUnwritableResultDocumentIsAnError)
+{
+    const test::CommandResult r = check({"-l1", "-o", "/nonexistent-folder/x.qcout", clip("mpeg2_pcm.mxf")});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("cannot write the result document"), std::string::npos) << r.err;
 }
 
 } // namespace
