@@ -6,8 +6,7 @@ namespace tarvoqc {
 
 RunController::RunController(TaskList& list, RunControllerOptions options)
     : m_list(list), m_options(options)
-{
-}
+{}
 
 RunController::~RunController() = default;
 
@@ -33,8 +32,8 @@ bool RunController::CheckSelected(std::int64_t row)
 
 void RunController::startRunner(TaskItem& item)
 {
-    auto runner = std::make_unique<CheckRunner>(item, m_options.level, m_options.decoderThreadOption,
-                                                m_options.priority);
+    auto runner = std::make_unique<CheckRunner>(item, m_options.level,
+                                                m_options.decoderThreadOption, m_options.priority);
     runner->StartCheck();
     m_runners.push_back(std::move(runner));
 }
@@ -66,7 +65,8 @@ TickReport RunController::tick()
         for (const auto& runner : m_runners) {
             sum += runner->progress();
         }
-        report.progress = static_cast<std::int32_t>(sum / static_cast<std::int64_t>(m_runners.size()));
+        report.progress =
+            static_cast<std::int32_t>(sum / static_cast<std::int64_t>(m_runners.size()));
     }
 
     // Harvest every runner whose check has ended. An item removed from the list meanwhile

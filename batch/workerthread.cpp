@@ -78,7 +78,9 @@ void WorkerThread::onAbortSignal(int /*signal*/)
 
 WorkerThread::~WorkerThread()
 {
-    Stop();
+    // Not virtual here on purpose: a subclass has already stopped the thread in its own
+    // destructor; this one catches a subclass that did not.
+    WorkerThread::Stop();
 }
 
 bool WorkerThread::Start()

@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <strings.h>
 
 #include <fcntl.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -81,9 +81,15 @@ int ClipSession::interruptCallback(void* opaque)
     return static_cast<ClipSession*>(opaque)->owner.interrupted() ? 1 : 0;
 }
 
-ClipChecker::ClipChecker() { installMediaLibraryLog(); }
+ClipChecker::ClipChecker()
+{
+    installMediaLibraryLog();
+}
 
-ClipChecker::~ClipChecker() { Close(); }
+ClipChecker::~ClipChecker()
+{
+    Close();
+}
 
 bool ClipChecker::interrupted() const
 {
@@ -103,7 +109,8 @@ void ClipChecker::report(QcIssueCategory category, QcSeverity severity, int stre
 
     QcStreamKind kind = QcStreamKind::None;
     StreamType type = StreamType::Unknown;
-    if (streamIndex >= 0 && m_session && static_cast<std::size_t>(streamIndex) < m_session->streams.size()) {
+    if (streamIndex >= 0 && m_session &&
+        static_cast<std::size_t>(streamIndex) < m_session->streams.size()) {
         type = m_session->streams[static_cast<std::size_t>(streamIndex)]->facts().type;
         kind = type == StreamType::Video   ? QcStreamKind::Video
                : type == StreamType::Audio ? QcStreamKind::Audio
@@ -253,8 +260,8 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
         AVStream* avStream = format->streams[i];
         session.streams.push_back(std::make_unique<ClipStream>(*this, static_cast<int>(i)));
         ClipStream& stream = *session.streams.back();
-        const AVMediaType type = avStream->codecpar != nullptr ? avStream->codecpar->codec_type
-                                                               : AVMEDIA_TYPE_UNKNOWN;
+        const AVMediaType type =
+            avStream->codecpar != nullptr ? avStream->codecpar->codec_type : AVMEDIA_TYPE_UNKNOWN;
         if (type == AVMEDIA_TYPE_VIDEO && !session.wavOrMp3) {
             stream.setUp(avStream, m_level, m_decoderThreadOption);
             session.videoStreams.push_back(&stream);
@@ -339,7 +346,8 @@ void ClipChecker::checkDecoded(ClipStream& stream)
         const ClipTicks s = tickDifference(facts.decodedStart, c0);
         if (saturatingAbs(s) >= kReportableDifference) {
             report(Cat::MediaTime, severityOfDifference(s), index,
-                   "Decoded start difference from clip start of %s", formatMediaTime100ns(s).c_str());
+                   "Decoded start difference from clip start of %s",
+                   formatMediaTime100ns(s).c_str());
         }
         const ClipTicks decodedLength = tickDifference(facts.decodedEnd, facts.decodedStart);
         if (facts.decodedEnd != kNoTime && facts.headerDuration != kNoTime) {
@@ -347,13 +355,16 @@ void ClipChecker::checkDecoded(ClipStream& stream)
             if (saturatingAbs(e) >= kReportableDifference) {
                 if (e < 0) {
                     report(Cat::MediaTime, severityOfDifference(e), index,
-                           "Decoded duration %s sec under the one reported from header. Last position %s",
+                           "Decoded duration %s sec under the one reported from header. Last "
+                           "position %s",
                            formatMediaTime100ns(-e).c_str(),
-                           formatMediaTime100ns(tickDifference(facts.decodedEnd, facts.headerStart)).c_str());
+                           formatMediaTime100ns(tickDifference(facts.decodedEnd, facts.headerStart))
+                               .c_str());
                 } else {
                     report(Cat::MediaTime, severityOfDifference(e), index,
                            "Decoded duration %s sec over the one reported from header. %s vs %s",
-                           formatMediaTime100ns(e).c_str(), formatMediaTime100ns(decodedLength).c_str(),
+                           formatMediaTime100ns(e).c_str(),
+                           formatMediaTime100ns(decodedLength).c_str(),
                            formatMediaTime100ns(facts.headerDuration).c_str());
                 }
             }
@@ -371,7 +382,8 @@ void ClipChecker::checkDecoded(ClipStream& stream)
                     // was measured against: operators read it as "decoded vs declared".
                     report(Cat::MediaTime, severityOfDifference(g), index,
                            "Later end: last decoded %s sec over the clip end. %s vs %s",
-                           formatMediaTime100ns(g).c_str(), formatMediaTime100ns(decodedLength).c_str(),
+                           formatMediaTime100ns(g).c_str(),
+                           formatMediaTime100ns(decodedLength).c_str(),
                            formatMediaTime100ns(facts.headerDuration).c_str());
                 }
             }
@@ -395,7 +407,8 @@ void ClipChecker::correctDuration()
     }
     if (saturatingAbs(tickDifference(m_work.qcDuration, latest)) >= kReportableDifference) {
         report(Cat::MediaTime, Sev::Warning, -1, "QC: Clip duration must be fixed from %s to %s",
-               formatMediaTime100ns(m_work.qcDuration).c_str(), formatMediaTime100ns(latest).c_str());
+               formatMediaTime100ns(m_work.qcDuration).c_str(),
+               formatMediaTime100ns(latest).c_str());
         m_work.qcDuration = latest;
     }
 }

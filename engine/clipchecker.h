@@ -77,8 +77,8 @@ public:
     // Raises an issue: the message is formatted (printf rules, cut to 1024 characters)
     // outside the lock and added under it. streamIndex -1 is the whole clip; a stream
     // index gives the issue that stream's kind (video, audio, or none).
-    void report(QcIssueCategory category, QcSeverity severity, int streamIndex,
-                const char* format, ...) __attribute__((format(printf, 5, 6)));
+    void report(QcIssueCategory category, QcSeverity severity, int streamIndex, const char* format,
+                ...) __attribute__((format(printf, 5, 6)));
 
 private:
     friend class ClipStream;

@@ -87,7 +87,8 @@ int ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
         const AVRational rate = stream->r_frame_rate;
         if (rate.num == 0 || rate.den == 0) {
             m_frameDuration = kNoTime;
-            m_owner.report(Cat::MediaTime, Sev::Low, m_index, "Cannot calc frame rate, skip checking");
+            m_owner.report(Cat::MediaTime, Sev::Low, m_index,
+                           "Cannot calc frame rate, skip checking");
         } else {
             m_frameDuration = frameDurationOf(stream->time_base, rate);
             if (m_frameDuration <= 0) {
@@ -186,8 +187,9 @@ void ClipStream::checkPacketTime(const AVPacket& packet)
     if (m_nextPacketTime != kNoTime) {
         const ClipTicks d = ticksBetween(packet.dts, m_nextPacketTime);
         if (d < -kReportableDifference) {
-            m_owner.report(Cat::Frames, severityOfDifference(d), m_index, "Wrong packet TC of %s at %s",
-                           formatMediaTime100ns(d).c_str(), positionText(packet.dts).c_str());
+            m_owner.report(Cat::Frames, severityOfDifference(d), m_index,
+                           "Wrong packet TC of %s at %s", formatMediaTime100ns(d).c_str(),
+                           positionText(packet.dts).c_str());
         } else if (d >= kReportableDifference) {
             m_owner.report(Cat::Frames, severityOfDifference(d), m_index,
                            "Gap in stream TC of %s at %s", formatMediaTime100ns(d).c_str(),
@@ -233,7 +235,8 @@ void ClipStream::decodeVideo(const AVPacket* packet)
         const std::int64_t time = m_frame->best_effort_timestamp;
         if (time == AV_NOPTS_VALUE) {
             if (hasData) {
-                m_owner.report(Cat::Frames, Sev::Low, m_index, "Error in decoded frame, no timecode.");
+                m_owner.report(Cat::Frames, Sev::Low, m_index,
+                               "Error in decoded frame, no timecode.");
             }
         } else if (m_frameDuration != kNoTime && m_frameDuration > 0) {
             checkFrame(time, m_frameDuration);
@@ -270,12 +273,12 @@ void ClipStream::decodeAudio(const AVPacket* packet)
             const std::int64_t time = m_frame->best_effort_timestamp;
             const int contextChannels = m_context->ch_layout.nb_channels;
             const int frameChannels = m_frame->ch_layout.nb_channels;
-            if (contextChannels != frameChannels || m_context->sample_rate != m_frame->sample_rate) {
+            if (contextChannels != frameChannels ||
+                m_context->sample_rate != m_frame->sample_rate) {
                 m_owner.report(Cat::Frames, Sev::Highest, m_index,
                                "Codec/data format mismatch at %s: %dx%d vs %dx%d",
-                               positionText(time).c_str(),
-                               contextChannels, m_context->sample_rate, frameChannels,
-                               m_frame->sample_rate);
+                               positionText(time).c_str(), contextChannels, m_context->sample_rate,
+                               frameChannels, m_frame->sample_rate);
             }
             if (time != AV_NOPTS_VALUE && m_frame->sample_rate > 0) {
                 // Samples in the stream time base: samples * den / (num * rate), rounded.

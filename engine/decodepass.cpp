@@ -105,7 +105,8 @@ bool ClipChecker::readPackets()
         }
         if (packet->stream_index < 0 || packet->stream_index >= streamCount) {
             EngineTrace(kTraceInvalidPacket, "Invalid packet index\n");
-            report(Cat::Frames, Sev::Low, -1, "Invalid packet stream index %d", packet->stream_index);
+            report(Cat::Frames, Sev::Low, -1, "Invalid packet stream index %d",
+                   packet->stream_index);
             continue;
         }
         ClipStream& stream = *m_session->streams[static_cast<std::size_t>(packet->stream_index)];
@@ -120,10 +121,14 @@ void ClipChecker::startHash(int fd)
     m_work.hash256.clear();
     m_work.fkey = 0;
     // The hash runs on a thread of its own beside the decoder, on the same file pages.
-    m_session->hash = std::make_unique<HashReader>(fd, m_work.fileSize, HashReader::Mode::Background);
+    m_session->hash =
+        std::make_unique<HashReader>(fd, m_work.fileSize, HashReader::Mode::Background);
 }
 
-void ClipChecker::advanceHash(std::int64_t position) { m_session->hash->advanceTo(position); }
+void ClipChecker::advanceHash(std::int64_t position)
+{
+    m_session->hash->advanceTo(position);
+}
 
 void ClipChecker::finishHash()
 {

@@ -4,7 +4,7 @@ namespace tarvoqc {
 
 // Trace levels of the engine's trace lines.
 inline constexpr int kTraceNormal = 32;
-inline constexpr int kTraceStreamInfo = 1;   // "Couldn't find stream information"
+inline constexpr int kTraceStreamInfo = 1;    // "Couldn't find stream information"
 inline constexpr int kTraceInvalidPacket = 8; // "Invalid packet index"
 
 // Writes one trace line, "QCIn" followed by the formatted message (which carries its own

@@ -9,8 +9,8 @@ namespace tarvoqc {
 inline constexpr std::uint32_t kAttrReadOnly = 0x01; // the owner may not write
 inline constexpr std::uint32_t kAttrHidden = 0x02;   // the name begins with "."
 inline constexpr std::uint32_t kAttrDirectory = 0x10;
-inline constexpr std::uint32_t kAttrArchive = 0x20;  // a regular file
-inline constexpr std::uint32_t kAttrNormal = 0x80;   // no other bit set
+inline constexpr std::uint32_t kAttrArchive = 0x20; // a regular file
+inline constexpr std::uint32_t kAttrNormal = 0x80;  // no other bit set
 
 // Windows file time: 100 ns units since 1601-01-01 UTC.
 using FileTime = std::uint64_t;

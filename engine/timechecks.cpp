@@ -37,6 +37,9 @@ ClipTicks clampDifference(std::int64_t d)
     return d;
 }
 
-ClipTicks tickDifference(ClipTicks a, ClipTicks b) { return clampDifference(saturatingSub(a, b)); }
+ClipTicks tickDifference(ClipTicks a, ClipTicks b)
+{
+    return clampDifference(saturatingSub(a, b));
+}
 
 } // namespace tarvoqc

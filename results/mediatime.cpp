@@ -42,7 +42,10 @@ std::int64_t saturatingSub(std::int64_t a, std::int64_t b)
     return clamp128(static_cast<Int128>(a) - b);
 }
 
-std::int64_t saturatingAbs(std::int64_t a) { return a == kMin ? kMax : (a < 0 ? -a : a); }
+std::int64_t saturatingAbs(std::int64_t a)
+{
+    return a == kMin ? kMax : (a < 0 ? -a : a);
+}
 
 std::int64_t rescaleTime(std::int64_t value, TimeBase from, TimeBase to)
 {
@@ -92,8 +95,8 @@ std::string formatMediaTime(std::int64_t value, TimeBase timeBase)
     const SplitTime t = splitMediaTime(value, timeBase);
     const char* sign = t.negative ? "-" : "";
     if (t.days != 0) {
-        return printed("%s%lldd %02d:%02d:%02d.%02d", sign, static_cast<long long>(t.days),
-                       t.hours, t.minutes, t.seconds, t.hundredths);
+        return printed("%s%lldd %02d:%02d:%02d.%02d", sign, static_cast<long long>(t.days), t.hours,
+                       t.minutes, t.seconds, t.hundredths);
     }
     if (t.hours != 0) {
         return printed("%s%02d:%02d:%02d", sign, t.hours, t.minutes, t.seconds);
@@ -104,7 +107,10 @@ std::string formatMediaTime(std::int64_t value, TimeBase timeBase)
     return printed("%s%02d:%02d.%02d", sign, t.minutes, t.seconds, t.hundredths);
 }
 
-std::string formatMediaTime100ns(ClipTicks value) { return formatMediaTime(value, kClipTimeBase); }
+std::string formatMediaTime100ns(ClipTicks value)
+{
+    return formatMediaTime(value, kClipTimeBase);
+}
 
 std::string formatMediaTimeShort(std::int64_t value, TimeBase timeBase)
 {
@@ -126,6 +132,9 @@ double ticksToSeconds(std::int64_t value, TimeBase timeBase)
     return static_cast<double>(product) / timeBase.den;
 }
 
-double hundredNsToSeconds(ClipTicks value) { return static_cast<double>(value) * 1e-7; }
+double hundredNsToSeconds(ClipTicks value)
+{
+    return static_cast<double>(value) * 1e-7;
+}
 
 } // namespace tarvoqc

@@ -7,17 +7,16 @@ namespace tarvoqc {
 
 namespace {
 
-constexpr std::array<std::string_view, kSeverityCount> kSeverityTexts = {
-    "Warning", "Low", "High", "Highest", "Critical"};
+constexpr std::array<std::string_view, kSeverityCount> kSeverityTexts = {"Warning", "Low", "High",
+                                                                         "Highest", "Critical"};
 constexpr std::array<std::string_view, kCategoryCount> kCategoryTexts = {
     "File", "MediaTime", "Codec", "Frames", "Video", "Audio"};
-constexpr std::array<std::string_view, 6> kScoreTexts = {
-    "0/5 ERROR", "1/5 Very BAD", "2/5 BAD", "3/5 Playable", "4/5 Good", "5/5 OK"};
-constexpr std::array<std::string_view, 5> kScoreWords = {
-    "ERROR", "Very BAD", "BAD", "Playable", "Good"};
+constexpr std::array<std::string_view, 6> kScoreTexts = {"0/5 ERROR",    "1/5 Very BAD", "2/5 BAD",
+                                                         "3/5 Playable", "4/5 Good",     "5/5 OK"};
+constexpr std::array<std::string_view, 5> kScoreWords = {"ERROR", "Very BAD", "BAD", "Playable",
+                                                         "Good"};
 
-template <typename Table, typename Index>
-std::string_view lookup(const Table& table, Index index)
+template <typename Table, typename Index> std::string_view lookup(const Table& table, Index index)
 {
     const auto i = static_cast<std::size_t>(index);
     return i < table.size() ? table[i] : std::string_view{};
@@ -25,8 +24,14 @@ std::string_view lookup(const Table& table, Index index)
 
 } // namespace
 
-std::string_view severityText(QcSeverity severity) { return lookup(kSeverityTexts, severity); }
-std::string_view categoryText(QcIssueCategory category) { return lookup(kCategoryTexts, category); }
+std::string_view severityText(QcSeverity severity)
+{
+    return lookup(kSeverityTexts, severity);
+}
+std::string_view categoryText(QcIssueCategory category)
+{
+    return lookup(kCategoryTexts, category);
+}
 std::string_view scoreText(QcScore score)
 {
     return score < 0 ? std::string_view{} : lookup(kScoreTexts, score);
@@ -63,9 +68,15 @@ std::string cutUtf8(std::string_view text, std::size_t maxChars)
     return std::string(text);
 }
 
-QcIssueList::QcIssueList() { m_all.reserve(kIssueCap); }
+QcIssueList::QcIssueList()
+{
+    m_all.reserve(kIssueCap);
+}
 
-QcIssueList::QcIssueList(const QcIssueList& other) : QcIssueList() { assign(other); }
+QcIssueList::QcIssueList(const QcIssueList& other) : QcIssueList()
+{
+    assign(other);
+}
 
 QcIssueList& QcIssueList::operator=(const QcIssueList& other)
 {

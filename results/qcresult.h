@@ -57,16 +57,16 @@ struct StreamFacts
 // The file and media facts of a clip: file identity, keys, clip times and streams.
 struct MediaFacts
 {
-    std::uint32_t attributes = 0;   // Windows-compatible attribute bits
+    std::uint32_t attributes = 0; // Windows-compatible attribute bits
     std::uint32_t reserved = 0;
     std::uint64_t fileSize = 0;
     std::uint64_t creationTime = 0; // Windows file times: 100 ns since 1601-01-01 UTC
     std::uint64_t lastWriteTime = 0;
     ClipTicks clipStart = kNoTime;
     ClipTicks clipDuration = kNoTime;
-    ClipTicks qcDuration = kNoTime; // the duration decoding found; starts as clipDuration
-    std::string hash256;            // 64 upper-case hex digits, empty until made
-    std::uint64_t fkey = 0;         // 0 until made
+    ClipTicks qcDuration = kNoTime;   // the duration decoding found; starts as clipDuration
+    std::string hash256;              // 64 upper-case hex digits, empty until made
+    std::uint64_t fkey = 0;           // 0 until made
     std::vector<StreamFacts> streams; // position = container stream index
 
     bool operator==(const MediaFacts&) const = default;

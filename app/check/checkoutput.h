@@ -2,9 +2,9 @@
 
 #include <string>
 
-#include <nlohmann/json.hpp>
-
 #include "results/qcresult.h"
+
+#include <nlohmann/json.hpp>
 
 namespace tarvoqc::check {
 

@@ -85,8 +85,9 @@ public:
             return;
         }
         constexpr int kWidth = 30;
-        const double fraction = total == 0 ? 1.0 : (static_cast<double>(done) + progress / 100000.0) /
-                                                       static_cast<double>(total);
+        const double fraction = total == 0 ? 1.0
+                                           : (static_cast<double>(done) + progress / 100000.0) /
+                                                 static_cast<double>(total);
         const int filled = static_cast<int>(fraction * kWidth);
         std::string bar(static_cast<std::size_t>(filled), '#');
         bar.resize(kWidth, '-');
@@ -130,7 +131,8 @@ int main(int argc, char** argv)
         return kExitPass;
     }
     if (options->version) {
-        std::printf("tarvoqc-check (Tarvo Quality Check) %s build %d\n", kVersionText, kVersionBuild);
+        std::printf("tarvoqc-check (Tarvo Quality Check) %s build %d\n", kVersionText,
+                    kVersionBuild);
         return kExitPass;
     }
 
@@ -138,7 +140,8 @@ int main(int argc, char** argv)
     std::vector<std::string> unreadableJobs;
     fillTaskList(options->paths, list, unreadableJobs);
     for (const std::string& job : unreadableJobs) {
-        std::fprintf(stderr, "tarvoqc-check: job file '%s' could not be read; its clips are skipped\n",
+        std::fprintf(stderr,
+                     "tarvoqc-check: job file '%s' could not be read; its clips are skipped\n",
                      job.c_str());
     }
     const std::string documentPath = resultDocumentPath(*options);

@@ -4,9 +4,10 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "tests/support/testsupport.h"
+
+#include <nlohmann/json.hpp>
 
 namespace tarvoqc {
 namespace {
@@ -17,7 +18,10 @@ test::CommandResult check(std::vector<std::string> args)
     return test::runCommand(args);
 }
 
-std::string clip(const char* name) { return (test::testMediaDir() / name).string(); }
+std::string clip(const char* name)
+{
+    return (test::testMediaDir() / name).string();
+}
 
 std::vector<nlohmann::json> jsonLines(const std::string& out)
 {
@@ -39,14 +43,18 @@ TEST(CheckCli, ScoresIssuesAndExitStatus)
     };
     const Case cases[] = {
         {{"--level", "1", clip("mpeg2_pcm.mxf")}, 0, {"5/5 OK", "mpeg2_pcm.mxf"}},
-        {{"-l1", clip("nothere.mov")}, 1, {"0/5 ERROR", "File:[Critical] Couldn't get file attributes"}},
+        {{"-l1", clip("nothere.mov")},
+         1,
+         {"0/5 ERROR", "File:[Critical] Couldn't get file attributes"}},
         {{"-l", "1", clip("text.mov")}, 1, {"0/5 ERROR", "File:[Critical] Couldn't open file"}},
         // pcm.wav scores 1 ("Couldn't estimate clip start timecode"): the threshold decides.
         {{"-l1", "-t1", clip("pcm.wav")}, 0, {"1/5 Very BAD"}},
         {{"-l1", "--threshold=2", clip("pcm.wav")}, 1, {"1/5 Very BAD"}},
         {{"-l1", "-t", "5", clip("mpeg2_pcm.mxf")}, 0, {"5/5 OK"}},
         {{"-l1", "-t0", clip("text.mov")}, 0, {"0/5 ERROR"}},
-        {{"-l1", clip("mpeg2_pcm.mxf"), clip("text.mov")}, 1, {"5/5 OK", "0/5 ERROR", "2 clips checked"}},
+        {{"-l1", clip("mpeg2_pcm.mxf"), clip("text.mov")},
+         1,
+         {"5/5 OK", "0/5 ERROR", "2 clips checked"}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.args.back());
@@ -184,7 +192,8 @@ print(json.dumps(out))
 
 nlohmann::json readResultDocument(const std::filesystem::path& document)
 {
-    const test::CommandResult r = test::runCommand({"python3", "-c", kPythonReader, document.string()});
+    const test::CommandResult r =
+        test::runCommand({"python3", "-c", kPythonReader, document.string()});
     EXPECT_EQ(r.status, 0) << r.err;
     return r.status == 0 ? nlohmann::json::parse(r.out) : nlohmann::json{};
 }
@@ -193,13 +202,14 @@ TEST(CheckCliDocument, ResultDocumentIsWellFormedAndMatchesTheClips)
 {
     const test::TempDir dir;
     const auto document = dir / "report.qcout";
-    const test::CommandResult r =
-        check({"-o", document.string(), clip("mpeg2_pcm.mxf"), clip("jump_video_high.ts"), clip("text.mov")});
+    const test::CommandResult r = check({"-o", document.string(), clip("mpeg2_pcm.mxf"),
+                                         clip("jump_video_high.ts"), clip("text.mov")});
     ASSERT_EQ(r.status, 1) << r.err;
     const nlohmann::json doc = readResultDocument(document);
     ASSERT_FALSE(doc.empty());
     EXPECT_EQ(doc["root"], "Tarvo_QC");
-    const std::vector<std::string> children = {"Clip", "QCheck", "Clip", "QCheck", "Clip", "QCheck"};
+    const std::vector<std::string> children = {"Clip",   "QCheck", "Clip",
+                                               "QCheck", "Clip",   "QCheck"};
     EXPECT_EQ(doc["children"].get<std::vector<std::string>>(), children);
 
     for (const nlohmann::json& c : doc["clips"]) {
@@ -252,12 +262,20 @@ TEST(CheckCliDocument, JobFilesListTheirClipsOnceAndWriteTheirResultBesideThem)
     const test::TempDir dir;
     const auto job = dir / "night run.QCIN";
     test::writeFile(job, "<Tarvo_QC Hide=\"1\">\n"
-                         "  <Clip File=\"" + clip("mpeg2_pcm.mxf") + "\"/>\n"
-                         "  <CLIP File=\"" + clip("text.mov") + "\"/>\n"
-                         "  <Clip File=\"" + clip("mpeg2_pcm.mxf") + "\"/>\n"
-                         "  <Clip File=\"\"/>\n"
-                         "  <Other File=\"" + clip("h264_aac.mp4") + "\"/>\n"
-                         "</Tarvo_QC>\n");
+                         "  <Clip File=\"" +
+                             clip("mpeg2_pcm.mxf") +
+                             "\"/>\n"
+                             "  <CLIP File=\"" +
+                             clip("text.mov") +
+                             "\"/>\n"
+                             "  <Clip File=\"" +
+                             clip("mpeg2_pcm.mxf") +
+                             "\"/>\n"
+                             "  <Clip File=\"\"/>\n"
+                             "  <Other File=\"" +
+                             clip("h264_aac.mp4") +
+                             "\"/>\n"
+                             "</Tarvo_QC>\n");
     const test::CommandResult r = check({"-l1", job.string()});
     EXPECT_EQ(r.status, 1) << r.err;
     EXPECT_NE(r.out.find("2 clips checked"), std::string::npos) << r.out;
@@ -288,7 +306,8 @@ TEST(CheckCliDocument, JobFilesListTheirClipsOnceAndWriteTheirResultBesideThem)
 
 TEST(CheckCliDocument, AnUnwritableResultDocumentIsAnError)
 {
-    const test::CommandResult r = check({"-l1", "-o", "/nonexistent-folder/x.qcout", clip("mpeg2_pcm.mxf")});
+    const test::CommandResult r =
+        check({"-l1", "-o", "/nonexistent-folder/x.qcout", clip("mpeg2_pcm.mxf")});
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find("cannot write the result document"), std::string::npos) << r.err;
 }

@@ -18,7 +18,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::string clip(const char* name) { return test::testClip(name).string(); }
+std::string clip(const char* name)
+{
+    return test::testClip(name).string();
+}
 
 // Ticks until the controller is idle (or the time is up) and keeps every report.
 std::vector<TickReport> runUntilIdle(RunController& controller,
@@ -239,7 +242,8 @@ TEST(CheckRunner, DestroyedAtRandomMomentsOfARealCheck)
             std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         }
         // Whatever the moment, the runner is gone within the bound of its stop stages.
-        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), delay / 1000.0 + 3.5);
+        EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(),
+                  delay / 1000.0 + 3.5);
     }
 }
 

@@ -44,7 +44,11 @@ TEST(ClipCheckerOpen, IssuesOfOpenAndProbeOnRealClips)
         {"h264_aac.mp4", 1, true, 5, {}},
         {"prores_pcm.mov", 1, true, 5, {}},
         {"cover.mp3", 3, true, 5, {}},
-        {"nothere.mov", 1, false, 0, {{Cat::File, Sev::Critical, -1, "Couldn't get file attributes"}}},
+        {"nothere.mov",
+         1,
+         false,
+         0,
+         {{Cat::File, Sev::Critical, -1, "Couldn't get file attributes"}}},
         {"text.mov", 1, false, 0, {{Cat::File, Sev::Critical, -1, "Couldn't open file"}}},
         {"random.mxf", 1, false, 0, {{Cat::File, Sev::Critical, -1, "Couldn't open file"}}},
         {"empty.mp4", 1, false, 0, {{Cat::File, Sev::Critical, -1, "Couldn't open file"}}},
@@ -87,7 +91,8 @@ TEST(ClipCheckerOpen, IssuesOfOpenAndProbeOnRealClips)
          1,
          true,
          2,
-         {{Cat::MediaTime, Sev::High, 0, "Header: Stream is shorter than clip duration by 2.00 sec"}}},
+         {{Cat::MediaTime, Sev::High, 0,
+           "Header: Stream is shorter than clip duration by 2.00 sec"}}},
         {"late_audio.ts",
          1,
          true,
@@ -98,13 +103,15 @@ TEST(ClipCheckerOpen, IssuesOfOpenAndProbeOnRealClips)
     for (const OpenCase& c : cases) {
         SCOPED_TRACE(std::string(c.clip) + " at level " + std::to_string(c.level));
         bool opened = false;
-        const QcResult result = openOnly((test::testMediaDir() / c.clip).string(), c.level, &opened);
+        const QcResult result =
+            openOnly((test::testMediaDir() / c.clip).string(), c.level, &opened);
         EXPECT_EQ(opened, c.opens);
         EXPECT_EQ(result.opened, c.opens);
         EXPECT_EQ(result.score(), c.score) << test::describe(result);
         EXPECT_EQ(result.issues.size(), c.issues.size()) << test::describe(result);
         for (const ExpectedIssue& e : c.issues) {
-            EXPECT_EQ(test::countIssues(result, e), 1) << e.textStart << "\n" << test::describe(result);
+            EXPECT_EQ(test::countIssues(result, e), 1) << e.textStart << "\n"
+                                                       << test::describe(result);
         }
     }
 }

@@ -1,6 +1,6 @@
 #include <atomic>
-#include <cstdlib>
 #include <chrono>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -57,9 +57,10 @@ TEST(DecodePass, TimeStampJumpsAtTheSeverityBoundaries)
         {"high", true, true, Sev::High},            // +2 s
         {"highest", true, true, Sev::Highest},      // +10 s
         {"back_under", false, false, Sev::Warning}, // -0.0099 s
-        {"back_exact", false, false, Sev::Warning}, // -0.01 s: a step back of exactly 0.01 s is fine
+        {"back_exact", false, false,
+         Sev::Warning}, // -0.01 s: a step back of exactly 0.01 s is fine
         {"back_warning", true, false, Sev::Warning}, // -0.0101 s
-        {"back_low", true, false, Sev::Low},        // -0.5 s
+        {"back_low", true, false, Sev::Low},         // -0.5 s
     };
     for (const char* kind : {"video", "audio"}) {
         for (const Case& c : cases) {
@@ -76,7 +77,8 @@ TEST(DecodePass, TimeStampJumpsAtTheSeverityBoundaries)
                 EXPECT_EQ(decoded.score(), 5) << test::describe(decoded);
                 continue;
             }
-            const ExpectedIssue frame{Cat::Frames, c.severity, 0, c.forward ? "Gap in TC of" : "Wrong TC of"};
+            const ExpectedIssue frame{Cat::Frames, c.severity, 0,
+                                      c.forward ? "Gap in TC of" : "Wrong TC of"};
             const ExpectedIssue packet{Cat::Frames, c.severity, 0,
                                        c.forward ? "Gap in stream TC of" : "Wrong packet TC of"};
             EXPECT_EQ(test::countIssues(decoded, frame), 1) << test::describe(decoded);
@@ -139,18 +141,23 @@ TEST(DecodePass, DamagedClipsAndTheirScores)
          3,
          {{Cat::MediaTime, Sev::Low, 0, "Gap at end: last decoded is 1.96 sec before clip end"},
           {Cat::MediaTime, Sev::Low, 1, "Gap at end: last decoded is 1.96 sec before clip end"},
-          {Cat::MediaTime, Sev::Low, 0, "Decoded duration 1.96 sec under the one reported from header"},
+          {Cat::MediaTime, Sev::Low, 0,
+           "Decoded duration 1.96 sec under the one reported from header"},
           {Cat::MediaTime, Sev::Warning, -1, "QC: Clip duration must be fixed from 4.00 to 2.08"}}},
         {"audio_longer.mp4",
          2,
-         {{Cat::MediaTime, Sev::High, 0, "Header: Stream is shorter than clip duration by 2.00 sec"},
+         {{Cat::MediaTime, Sev::High, 0,
+           "Header: Stream is shorter than clip duration by 2.00 sec"},
           {Cat::MediaTime, Sev::High, 0,
            "Gap at end: last decoded is 2.00 sec before clip end. Last position 2.00"}}},
         {"late_audio.ts",
          3,
          {{Cat::MediaTime, Sev::Low, 1, "Header: Start time is off from clip by 0.98 sec"},
           {Cat::MediaTime, Sev::Low, 1, "Decoded start difference from clip start of 0.98"}}},
-        {"rate_change.ts", 1, {{Cat::Frames, Sev::Highest, 0, "Codec/data format mismatch at 1.91: 1x44100 vs 1x48000"}}},
+        {"rate_change.ts",
+         1,
+         {{Cat::Frames, Sev::Highest, 0,
+           "Codec/data format mismatch at 1.91: 1x44100 vs 1x48000"}}},
         {"overwritten.ts", 4, {{Cat::Frames, Sev::Warning, 0, "Gap in TC of 0.16 at 1.88"}}},
         {"nothing_decodes.ts",
          1,

@@ -35,8 +35,7 @@ std::vector<fs::path> sampleFiles()
 }
 
 class MediaSample : public testing::TestWithParam<fs::path>
-{
-};
+{};
 
 TEST_P(MediaSample, EveryLevelEndsWithAResult)
 {
@@ -70,8 +69,10 @@ TEST_P(MediaSample, EveryLevelEndsWithAResult)
 
 std::string sampleName(const testing::TestParamInfo<fs::path>& info)
 {
-    std::string name = info.param.parent_path().filename().string() + "_" + info.param.filename().string();
-    std::replace_if(name.begin(), name.end(), [](unsigned char c) { return std::isalnum(c) == 0; }, '_');
+    std::string name =
+        info.param.parent_path().filename().string() + "_" + info.param.filename().string();
+    std::replace_if(
+        name.begin(), name.end(), [](unsigned char c) { return std::isalnum(c) == 0; }, '_');
     return name;
 }
 

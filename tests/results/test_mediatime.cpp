@@ -26,8 +26,8 @@ TEST(MediaTime, FormatsOfOneHundredNanosecondValues)
         {-25'000'000, "-2.50", "-00:02"},
         {25 * 3600 * kSec, "1d 25:00:00.00", "1d 25:00:00"},
         {30 * 3600 * kSec, "1d 30:00:00.00", "1d 30:00:00"},
-        {40'000, "0.00", "00:00"},           // 0.004 s: cut, not rounded
-        {99'999, "0.00", "00:00"},           // just under a hundredth
+        {40'000, "0.00", "00:00"}, // 0.004 s: cut, not rounded
+        {99'999, "0.00", "00:00"}, // just under a hundredth
         {100'000, "0.01", "00:00"},
         {-100'000, "-0.01", "-00:00"},
         {59 * kSec + 9'900'000, "59.99", "00:59"},
@@ -54,11 +54,9 @@ TEST(MediaTime, StreamTimeBases)
         const char* text;
     };
     const Case cases[] = {
-        {90'000, {1, 90'000}, "1.00"},
-        {135'000, {1, 90'000}, "1.50"},
+        {90'000, {1, 90'000}, "1.00"},    {135'000, {1, 90'000}, "1.50"},
         {1'001, {1001, 30'000}, "33.40"}, // 1001 frames at 29.97 fps
-        {3'000, {1, 25}, "02:00.00"},
-        {-1, {1, 25}, "-0.04"},
+        {3'000, {1, 25}, "02:00.00"},     {-1, {1, 25}, "-0.04"},
         {1, {1, 1000}, "0.00"},
     };
     for (const Case& c : cases) {
@@ -127,16 +125,18 @@ TEST(MediaTime, RescaleRoundsToNearestAndKeepsUnknown)
     };
     const Case cases[] = {
         {90'000, {1, 90'000}, kClipTimeBase, kSec},
-        {1, {1, 90'000}, kClipTimeBase, 111},       // 111.1 rounds down
-        {1, {1, 48'000}, kClipTimeBase, 208},       // 208.33
+        {1, {1, 90'000}, kClipTimeBase, 111}, // 111.1 rounds down
+        {1, {1, 48'000}, kClipTimeBase, 208}, // 208.33
         {1, {1, 30'000}, kClipTimeBase, 333},
-        {3, {1, 20'000'000}, kClipTimeBase, 2},     // 1.5 rounds away from zero
+        {3, {1, 20'000'000}, kClipTimeBase, 2}, // 1.5 rounds away from zero
         {-3, {1, 20'000'000}, kClipTimeBase, -2},
         {1'500'000, {1, 1'000'000}, kClipTimeBase, 15'000'000},
         {kNoTime, {1, 90'000}, kClipTimeBase, kNoTime},
         {5, {1, 0}, kClipTimeBase, kNoTime},
         {5, {0, 1}, kClipTimeBase, kNoTime},
-        {std::numeric_limits<std::int64_t>::max(), {1, 1}, kClipTimeBase,
+        {std::numeric_limits<std::int64_t>::max(),
+         {1, 1},
+         kClipTimeBase,
          std::numeric_limits<std::int64_t>::max()},
         {kNoTime + 1, {1, 1}, kClipTimeBase, kNoTime + 1}, // saturates but stays known
     };

@@ -150,9 +150,9 @@ TEST(QcIssueList, ListLinesPutsWorstFirstThenOrderOfAdding)
     list.add(Cat::Frames, Sev::Warning, Kind::Video, 0, "w2");
     list.add(Cat::File, Sev::Critical, Kind::None, -1, "c1");
     list.listLines(lines);
-    const std::vector<std::string> expected = {
-        "File:[Critical] c1", "MediaTime:[Low] l1", "Frames:[Warning] Stream 0 (Video) w1",
-        "Frames:[Warning] Stream 0 (Video) w2"};
+    const std::vector<std::string> expected = {"File:[Critical] c1", "MediaTime:[Low] l1",
+                                               "Frames:[Warning] Stream 0 (Video) w1",
+                                               "Frames:[Warning] Stream 0 (Video) w2"};
     EXPECT_EQ(lines, expected);
 }
 

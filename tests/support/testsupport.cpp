@@ -24,7 +24,10 @@ namespace tarvoqc::test {
 
 namespace fs = std::filesystem;
 
-fs::path testMediaDir() { return TARVOQC_TEST_MEDIA_DIR; }
+fs::path testMediaDir()
+{
+    return TARVOQC_TEST_MEDIA_DIR;
+}
 
 fs::path testClip(std::string_view name)
 {
