@@ -62,7 +62,7 @@ measure() {
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", (b > 0 ? a / b : 0) }'; }
 
 echo "TarvoQC check speed, $runs runs each, medians; $(nproc) cores; $(date -u +%Y-%m-%dT%H:%MZ)"
-echo "tarvoqc-check $("$check" --version | cut -d' ' -f4-), $(ffmpeg -version | head -1 | cut -d' ' -f1-3)"
+echo "tarvoqc-check $("$check" --version | cut -d" " -f5-), $(ffmpeg -version | head -1 | cut -d' ' -f1-3)"
 cat "$media"/*.mp4 "$media"/*.mxf "$media"/*.mov >/dev/null # warm cache
 
 for clip in h264_8M_60s.mp4 mpeg2_422_50M_60s.mxf prores422_30s.mov; do
