@@ -565,7 +565,8 @@ bool ProfileDocument::set(std::string_view section, std::string_view key, std::s
 {
     section = trim(section);
     key = trim(key);
-    if (!validSection(section) || !validKey(key) || hasLineBreakOrNul(value)) {
+    if (!validSection(section) || !validKey(key) || hasLineBreakOrNul(value) ||
+        section.size() + 2 > kMaxProfileLineBytes) {
         return false;
     }
     std::string text(key);
