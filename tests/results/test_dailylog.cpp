@@ -1,0 +1,223 @@
+#include <algorithm>
+#include <ctime>
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "results/dailylog.h"
+#include "tarvoqc/version.h"
+#include "tests/support/testsupport.h"
+
+namespace tarvoqc {
+namespace {
+
+namespace fs = std::filesystem;
+using test::readFile;
+using test::TempDir;
+
+// Seconds since the epoch of a local date and time.
+std::time_t localTime(int year, int month, int day, int hour, int minute, int second)
+{
+    std::tm parts{};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = day;
+    parts.tm_hour = hour;
+    parts.tm_min = minute;
+    parts.tm_sec = second;
+    parts.tm_isdst = -1;
+    return std::mktime(&parts);
+}
+
+// ASCII text as UTF-16LE bytes.
+std::string wide(std::string_view ascii)
+{
+    std::string out;
+    for (char c : ascii) {
+        out += c;
+        out += '\0';
+    }
+    return out;
+}
+
+std::vector<std::string> filesIn(const fs::path& folder)
+{
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+class DailyLogTest : public ::testing::Test
+{
+protected:
+    DailyLogTest()
+    {
+        log.setFolder(dir.path().string(), "QC ");
+        log.setEnabled(1);
+    }
+
+    TempDir dir;
+    DailyLog log;
+};
+
+TEST_F(DailyLogTest, EntriesOfOneDayShareAFileEachAfterALineBreak)
+{
+    const std::time_t morning = localTime(2017, 1, 28, 9, 5, 7);
+    EXPECT_EQ(log.write("Start " + titleText(), morning, true), 1);
+    EXPECT_EQ(log.write("Exit", morning + 3600, true), 1);
+    EXPECT_EQ(log.path(), dir.path().string() + "/QC 2017-01-28.log");
+    EXPECT_EQ(filesIn(dir.path()), std::vector<std::string>{"QC 2017-01-28.log"});
+    EXPECT_EQ(
+        readFile(dir / "QC 2017-01-28.log"),
+        wide("\r\n28-01-2017 09:05:07\tStart " + titleText() + "\r\n28-01-2017 10:05:07\tExit"));
+}
+
+TEST_F(DailyLogTest, EachEntryGoesToTheFileOfItsOwnDate)
+{
+    EXPECT_EQ(log.write("late", localTime(2016, 12, 31, 23, 59, 59), true), 1);
+    EXPECT_EQ(log.write("early", localTime(2017, 1, 1, 0, 0, 1), true), 1);
+    EXPECT_EQ(filesIn(dir.path()),
+              (std::vector<std::string>{"QC 2016-12-31.log", "QC 2017-01-01.log"}));
+    EXPECT_EQ(readFile(dir / "QC 2016-12-31.log"), wide("\r\n31-12-2016 23:59:59\tlate"));
+    EXPECT_EQ(readFile(dir / "QC 2017-01-01.log"), wide("\r\n01-01-2017 00:00:01\tearly"));
+}
+
+TEST_F(DailyLogTest, UnstampedTextAndRawAppends)
+{
+    const std::time_t when = localTime(2020, 2, 29, 12, 0, 0);
+    EXPECT_EQ(log.write("head", when, false), 1);
+    EXPECT_EQ(log.appendRaw(" tail"), 1);
+    // UTF-8 becomes UTF-16LE: é is one unit, 😀 (U+1F600) a surrogate pair, and a byte that
+    // is not UTF-8 becomes U+FFFD.
+    EXPECT_EQ(log.appendRaw("é😀\xFF"), 1);
+    EXPECT_EQ(readFile(dir / "QC 2020-02-29.log"),
+              wide("head tail") + std::string("\xE9\x00\x3D\xD8\x00\xDE\xFD\xFF", 8));
+}
+
+TEST_F(DailyLogTest, NothingIsWrittenWhenThereIsNothingToWrite)
+{
+    const std::time_t when = localTime(2017, 1, 28, 9, 0, 0);
+    DailyLog fresh;
+    fresh.setFolder(dir.path().string(), "QC ");
+    fresh.setEnabled(1);
+    EXPECT_EQ(fresh.appendRaw("no file named yet"), 0);
+    EXPECT_EQ(log.write("", when, true), 0);
+    EXPECT_EQ(log.write("", when, false), 0);
+    log.setEnabled(0);
+    EXPECT_EQ(log.write("disabled", when, true), 0);
+    EXPECT_EQ(log.writeNow("disabled"), 0);
+    EXPECT_EQ(log.appendRaw("disabled"), 0);
+    EXPECT_TRUE(filesIn(dir.path()).empty());
+
+    // A folder that does not exist: the entry is lost, and that still counts as written.
+    log.setEnabled(1);
+    log.setFolder((dir / "missing").string(), "QC ");
+    EXPECT_EQ(log.write("lost", when, true), 1);
+    EXPECT_TRUE(filesIn(dir.path()).empty());
+}
+
+TEST(DailyLog, FolderGetsOneTrailingSeparator)
+{
+    struct Case
+    {
+        const char* given;
+        const char* stored;
+    };
+    const Case cases[] = {
+        {"/var/log/LogsQC", "/var/log/LogsQC/"},
+        {"/var/log/LogsQC/", "/var/log/LogsQC/"},
+        {"C:\\Logs", "C:\\Logs/"},
+        {"C:\\Logs\\", "C:\\Logs\\"},
+        {"C:/Logs/", "C:/Logs/"},
+        {"", ""},
+    };
+    DailyLog log;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.given);
+        log.setFolder(c.given, "QC ");
+        EXPECT_EQ(log.folder(), c.stored);
+        EXPECT_EQ(log.prefix(), "QC ");
+    }
+}
+
+TEST_F(DailyLogTest, WriteNowUsesTheCurrentDate)
+{
+    std::time_t before = std::time(nullptr);
+    EXPECT_EQ(log.writeNow("now"), 1);
+    std::time_t after = std::time(nullptr);
+    char name[64];
+    std::tm parts{};
+    bool found = false;
+    // The two dates differ only when the call ran across midnight.
+    for (std::time_t t : {before, after}) {
+        std::strftime(name, sizeof name, "QC %Y-%m-%d.log", ::localtime_r(&t, &parts));
+        found = found || fs::exists(dir / name);
+    }
+    EXPECT_TRUE(found);
+}
+
+TEST_F(DailyLogTest, EntriesOfManyThreadsNeverInterleave)
+{
+    constexpr int kThreads = 4;
+    constexpr int kEntries = 100;
+    const std::time_t when = localTime(2017, 1, 28, 9, 0, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kEntries; ++i) {
+                log.write("thread " + std::to_string(t) + " entry " + std::to_string(i), when,
+                          true);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    std::string bytes = readFile(dir / "QC 2017-01-28.log");
+    ASSERT_EQ(bytes.size() % 2, 0u);
+    std::string text;
+    for (std::size_t i = 0; i < bytes.size(); i += 2) {
+        ASSERT_EQ(bytes[i + 1], '\0');
+        text += bytes[i];
+    }
+    const std::regex entry("\r\n28-01-2017 09:00:00\tthread ([0-9]) entry ([0-9]+)");
+    std::vector<int> next(kThreads, 0);
+    int count = 0;
+    for (auto it = std::sregex_iterator(text.begin(), text.end(), entry);
+         it != std::sregex_iterator(); ++it) {
+        int thread = std::stoi((*it)[1]);
+        EXPECT_EQ(std::stoi((*it)[2]), next[thread]++); // each thread's entries in its order
+        ++count;
+    }
+    EXPECT_EQ(count, kThreads * kEntries);
+    // Nothing but whole entries: the entries' lengths add up to the file's.
+    EXPECT_EQ(text.size(), [&] {
+        std::size_t total = 0;
+        for (int t = 0; t < kThreads; ++t) {
+            for (int i = 0; i < kEntries; ++i) {
+                total +=
+                    22 + ("thread " + std::to_string(t) + " entry " + std::to_string(i)).size();
+            }
+        }
+        return total;
+    }());
+}
+
+TEST(DailyLog, TitleText)
+{
+    std::string title = titleText();
+    EXPECT_TRUE(std::regex_match(title, std::regex("Tarvo Quality Check v[0-9]+\\.[0-9]+\\.[0-9]+ "
+                                                   "build [0-9]{3,}")))
+        << title;
+    EXPECT_EQ(title.rfind("Tarvo Quality Check v" + std::to_string(kVersionMajor) + ".", 0), 0u);
+}
+
+} // namespace
+} // namespace tarvoqc

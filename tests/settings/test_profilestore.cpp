@@ -1,0 +1,579 @@
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "settings/profilestore.h"
+#include "tests/support/testsupport.h"
+
+namespace tarvoqc {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+using test::readFile;
+using test::TempDir;
+using test::writeFile;
+
+// Sets an environment variable for one test and puts the old value back.
+class ScopedEnv
+{
+public:
+    ScopedEnv(const char* name, const char* value) : m_name(name)
+    {
+        if (const char* old = std::getenv(name)) {
+            m_old = old;
+        }
+        value ? ::setenv(name, value, 1) : ::unsetenv(name);
+    }
+    ~ScopedEnv() { m_old ? ::setenv(m_name, m_old->c_str(), 1) : ::unsetenv(m_name); }
+
+private:
+    const char* m_name;
+    std::optional<std::string> m_old;
+};
+
+std::string iniIn(const TempDir& dir)
+{
+    return (dir / "TarvoQC.ini").string();
+}
+
+TEST(ProfileStore, ValuesComeBackAsWritten)
+{
+    TempDir dir;
+    const std::string values[] = {
+        "plain",
+        "Müller/日本語/😀",
+        "a=b=c",
+        "x;y ; z",
+        "  spaced both ends  ",
+        "\"quoted\"",
+        "\"",
+        "tab\tinside",
+        "C:\\Clips\\",
+        "-1, 100, 80, 640, 480 G:1",
+        std::string(3000, 'v'),
+    };
+    {
+        ProfileStore store(iniIn(dir));
+        for (std::size_t i = 0; i < std::size(values); ++i) {
+            ASSERT_TRUE(store.WriteString("Section", "Key" + std::to_string(i), values[i]));
+        }
+    }
+    // A second store sees the file as the first one left it.
+    ProfileStore store(iniIn(dir));
+    for (std::size_t i = 0; i < std::size(values); ++i) {
+        SCOPED_TRACE(values[i].substr(0, 40));
+        std::string out;
+        EXPECT_TRUE(store.ReadString("Section", "Key" + std::to_string(i), out, 4096, ""));
+        EXPECT_EQ(out, values[i]);
+    }
+    // The short read keeps 511 characters, here of a three-byte character.
+    std::string euros;
+    for (int i = 0; i < 600; ++i) {
+        euros += "€";
+    }
+    ASSERT_TRUE(store.WriteString("Section", "Long", euros));
+    std::string out;
+    EXPECT_TRUE(store.ReadString("Section", "Long", out));
+    EXPECT_EQ(out, euros.substr(0, 511 * 3));
+}
+
+TEST(ProfileStore, EmptyValueCountsAsAbsentAndBufferSizesCountCharacters)
+{
+    TempDir dir;
+    writeFile(iniIn(dir), "[S]\nEmpty=\nText=abcdef\nUmlauts=äöü\n");
+    ProfileStore store(iniIn(dir));
+    struct Case
+    {
+        const char* key;
+        std::size_t size;
+        const char* def;
+        bool result;
+        const char* out;
+    };
+    const Case cases[] = {
+        {"Empty", 512, "dflt", false, ""}, // present but empty: the default is not used
+        {"Missing", 512, "dflt", true, "dflt"},
+        {"Missing", 512, "", false, ""},
+        {"Missing", 3, "dflt", true, "df"}, // the default is cut as well
+        {"Text", 4, "", true, "abc"},       // size counts the terminator
+        {"Text", 1, "", false, ""},
+        {"Text", 0, "", false, ""},
+        {"Umlauts", 3, "", true, "äö"},
+        {"Umlauts", 512, "", true, "äöü"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.key) + " size " + std::to_string(c.size));
+        std::string out = "stale";
+        EXPECT_EQ(store.ReadString("S", c.key, out, c.size, c.def), c.result);
+        EXPECT_EQ(out, c.out);
+    }
+    std::string out = "stale";
+    EXPECT_FALSE(store.ReadString("S", "Empty", out));
+    EXPECT_EQ(out, "");
+    EXPECT_FALSE(store.ReadString("S", "Missing", out));
+    EXPECT_TRUE(store.ReadString("s", "text", out));
+    EXPECT_EQ(out, "abcdef");
+}
+
+TEST(ProfileStore, ReadsHandEditedFilesLikeTheClassicFunctions)
+{
+    struct Case
+    {
+        std::string text;
+        const char* key;
+        const char* expected; // null: the default
+    };
+    const Case cases[] = {
+        {"[Job00]\nEnabled=1\n", "Enabled", "1"},
+        {"[job00]\r\n  ENABLED  =  1  \r\n", "Enabled", "1"},
+        {"[ Job00 ]\nEnabled=1", "Enabled", "1"},
+        {"\xEF\xBB\xBF[Job00]\nEnabled=1\n", "Enabled", "1"},
+        {"[Job00]\nEnabled=1\nEnabled=2\n", "Enabled", "1"},
+        {"[Job00]\nX=1\n[Other]\nEnabled=5\n[Job00]\nEnabled=2\n", "Enabled", "2"},
+        {"Enabled=1\n[Job00]\n", "Enabled", nullptr},
+        {"[Job00]\nEnabled\nEnabled=3\n", "Enabled", "3"},
+        {"[Job00]\n;Enabled=1\n", "Enabled", nullptr},
+        {"[Job00]\nEnabled=\n", "Enabled", ""},
+        {"[Job00]\nSource.Folder=\"/in/\"\n", "Source.Folder", "/in/"},
+        {"[Job00]\nSource.Folder='/in/'\n", "Source.Folder", "'/in/'"},
+        {"[Job00]\nSource.Folder=a=b;c\n", "Source.Folder", "a=b;c"},
+        {"[Job00]\nEnabled = 1 ; not a comment\n", "Enabled", "1 ; not a comment"},
+        {"[Job00]\n=5\nEnabled=7", "Enabled", "7"},
+        {"[Job00]\nEnabled=1\0junk\nGood.QCTsh=4\n"s, "Enabled", nullptr},
+        {"[Job00]\nEnabled=1\0junk\nGood.QCTsh=4\n"s, "Good.QCTsh", "4"},
+        {"[Job00\nEnabled=1\n", "Enabled", nullptr},
+        {"[Job00]\nEnabled=1\n[Job00\nGood.QCTsh=2\n", "Good.QCTsh", nullptr},
+        {"[Job00]\nEnabled=" + std::string(70000, '1') + "\n", "Enabled", nullptr},
+    };
+    TempDir dir;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text.substr(0, 60));
+        writeFile(iniIn(dir), c.text);
+        EXPECT_EQ(readProfileString(iniIn(dir), "Job00", c.key, "<def>"),
+                  c.expected ? c.expected : "<def>");
+    }
+}
+
+TEST(ProfileStore, WritingKeepsEveryOtherByte)
+{
+    TempDir dir;
+    const std::string path = iniIn(dir);
+    writeFile(path, "; TarvoQC settings\r\n"
+                    "[Options]\r\n"
+                    "Folder Clips=/media/in/\r\n"
+                    "\r\n"
+                    "[Job00]\r\n"
+                    "Enabled=0\r\n"
+                    "Custom.Key = keep me \r\n"
+                    "junk line without equals\r\n"
+                    "\r\n"
+                    "[WindowsSize]\r\n"
+                    "MAIN=-1, 100, 80, 640, 480 G:1\r\n");
+    ProfileStore store(path);
+    ASSERT_TRUE(store.WriteString("job00", "enabled", "1"));
+    ASSERT_TRUE(store.WriteInt("Job00", "Good.QCTsh", 4));
+    ASSERT_TRUE(store.WriteString("Extra", "K", "v"));
+    ASSERT_TRUE(store.DeleteValue("Job00", "Custom.Key"));
+    EXPECT_EQ(readFile(path), "; TarvoQC settings\r\n"
+                              "[Options]\r\n"
+                              "Folder Clips=/media/in/\r\n"
+                              "\r\n"
+                              "[Job00]\r\n"
+                              "enabled=1\r\n"
+                              "junk line without equals\r\n"
+                              "Good.QCTsh=4\r\n"
+                              "\r\n"
+                              "[WindowsSize]\r\n"
+                              "MAIN=-1, 100, 80, 640, 480 G:1\r\n"
+                              "\r\n"
+                              "[Extra]\r\n"
+                              "K=v\r\n");
+
+    // A file without a final line end, and a new file, with LF.
+    writeFile(path, "[Job00]\nEnabled=0");
+    ASSERT_TRUE(store.WriteString("Job00", "Source.Folder", " /in/ "));
+    EXPECT_EQ(readFile(path), "[Job00]\nEnabled=0\nSource.Folder=\" /in/ \"\n");
+    fs::remove(path);
+    ASSERT_TRUE(store.WriteString("Job00", "Enabled", "1"));
+    EXPECT_EQ(readFile(path), "[Job00]\nEnabled=1\n");
+}
+
+TEST(ProfileStore, RefusesWhatTheFileCannotHold)
+{
+    TempDir dir;
+    const std::string path = iniIn(dir);
+    const std::string original = "[S]\nk=v\n";
+    writeFile(path, original);
+    struct Case
+    {
+        std::string section;
+        std::string key;
+        std::string value;
+    };
+    const Case cases[] = {
+        {"", "k", "v"},
+        {"a]b", "k", "v"},
+        {"S", "", "v"},
+        {"S", "a=b", "v"},
+        {"S", "[k", "v"},
+        {"S", ";k", "v"},
+        {"S", "k", "two\nlines"},
+        {"S", "k", "cr\rx"},
+        {"S", "k", "nul\0x"s},
+        {"S\n", "k", "v"},
+        {"S", "k", std::string(70000, 'v')},
+    };
+    ProfileStore store(path);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.section + "/" + c.key);
+        EXPECT_FALSE(store.WriteString(c.section, c.key, c.value));
+        EXPECT_EQ(readFile(path), original);
+    }
+}
+
+TEST(ProfileStore, WriteReplacesTheFileSafely)
+{
+    TempDir dir;
+    // The folder is made on the first write.
+    const std::string nested = (dir / "a" / "b" / "TarvoQC.ini").string();
+    ASSERT_TRUE(writeProfileString(nested, "S", "k", "v"));
+    EXPECT_EQ(readFile(nested), "[S]\nk=v\n");
+
+    // Permission bits stay, a link is written through, no temporary file is left.
+    const std::string real = (dir / "real.ini").string();
+    writeFile(real, "[S]\nk=old\n");
+    ASSERT_EQ(::chmod(real.c_str(), 0640), 0);
+    fs::create_symlink(real, dir / "link.ini");
+    ASSERT_TRUE(writeProfileString((dir / "link.ini").string(), "S", "k", "new"));
+    EXPECT_TRUE(fs::is_symlink(dir / "link.ini"));
+    EXPECT_EQ(readFile(real), "[S]\nk=new\n");
+    struct stat st
+    {};
+    ASSERT_EQ(::stat(real.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+    int entries = 0;
+    for ([[maybe_unused]] const auto& entry : fs::directory_iterator(dir.path())) {
+        ++entries;
+    }
+    EXPECT_EQ(entries, 3); // a/, real.ini, link.ini
+}
+
+TEST(ProfileStore, TypedValues)
+{
+    TempDir dir;
+    const std::string path = iniIn(dir);
+    writeFile(path, "[T]\nEmpty=\nBig=123456789012345\nNeg=-42\nHuge=99999999999999999999\n"
+                    "Tail=12abc\nWord=abc\nPlus= +7 \nRgb=255,128,0\nCut=256,-1,7\nTwo=1,2\n"
+                    "Spaced=1, 2, 3, 4\nBadComma=1 ,2\nJunk=red\n");
+    struct IntCase
+    {
+        const char* key;
+        std::int64_t int64;
+        int flag;
+    };
+    const IntCase ints[] = {
+        {"Missing", -5, -5},
+        {"Empty", -5, -5},
+        {"Big", 123456789012345, INT32_MAX},
+        {"Neg", -42, -42},
+        {"Huge", INT64_MAX, INT32_MAX},
+        {"Tail", 12, 12},
+        {"Word", 0, 0},
+        {"Plus", 7, 7},
+    };
+    for (const IntCase& c : ints) {
+        SCOPED_TRACE(c.key);
+        EXPECT_EQ(readProfileInt64(path, "T", c.key, -5), c.int64);
+        EXPECT_EQ(readProfileInt(path, "T", c.key, -5), c.flag);
+    }
+
+    struct ColourCase
+    {
+        const char* key;
+        std::uint32_t before;
+        bool read;
+        std::uint32_t after;
+    };
+    const ColourCase colours[] = {
+        {"Rgb", 0x123456, true, 0x0080FF},    {"Rgb", 0, false, 0}, // black by default: never read
+        {"Cut", 1, true, 0x07FF00},           {"Two", 1, true, 0x000201},
+        {"Empty", 0x123456, false, 0x123456}, {"Missing", 0x123456, false, 0x123456},
+        {"Junk", 0x123456, false, 0x123456},
+    };
+    for (const ColourCase& c : colours) {
+        SCOPED_TRACE(c.key);
+        std::uint32_t colour = c.before;
+        EXPECT_EQ(readProfileColour(path, "T", c.key, colour), c.read);
+        EXPECT_EQ(colour, c.after);
+    }
+
+    struct RectCase
+    {
+        const char* key;
+        bool read;
+        ProfileRect rect;
+    };
+    const ProfileRect untouched{9, 9, 9, 9};
+    const RectCase rects[] = {
+        {"Two", true, {1, 2, 0, 0}},      {"Spaced", true, {1, 2, 3, 4}},
+        {"BadComma", true, {1, 0, 0, 0}}, {"Empty", false, untouched},
+        {"Missing", false, untouched},    {"Junk", false, untouched},
+    };
+    for (const RectCase& c : rects) {
+        SCOPED_TRACE(c.key);
+        ProfileRect rect = untouched;
+        EXPECT_EQ(readProfileRect(path, "T", c.key, &rect), c.read);
+        EXPECT_EQ(rect, c.rect);
+    }
+    EXPECT_FALSE(readProfileRect(path, "T", "Two", nullptr));
+
+    ASSERT_TRUE(writeProfileColour(path, "W", "Colour", 0x0080FF));
+    ASSERT_TRUE(writeProfileRect(path, "W", "Rect", {-10, 20, 640, 480}));
+    ASSERT_TRUE(writeProfileInt64(path, "W", "Min", INT64_MIN));
+    EXPECT_EQ(readProfileString(path, "W", "Colour", ""), "255,128,0");
+    EXPECT_EQ(readProfileString(path, "W", "Rect", ""), "-10,20,640,480");
+    EXPECT_EQ(readProfileString(path, "W", "Min", ""), "-9223372036854775808");
+    EXPECT_EQ(readProfileInt64(path, "W", "Min", 0), INT64_MIN);
+}
+
+TEST(ProfileStore, JobKeysWithoutTheirSectionGiveTheTableDefaults)
+{
+    TempDir dir;
+    const std::string path = iniIn(dir);
+    writeFile(path, "[Options]\nEnabled=1\nGood.QCTsh=5\n");
+    EXPECT_EQ(readSettingNumber(path, kJobEnabled), 0);
+    EXPECT_EQ(readSettingNumber(path, kJobGoodThreshold), 3);
+    EXPECT_EQ(readSettingText(path, kJobSourceFolder), "");
+    ASSERT_TRUE(writeProfileInt64(path, "Job00", "Good.QCTsh", 0));
+    EXPECT_EQ(readSettingNumber(path, kJobGoodThreshold), 0);
+    EXPECT_EQ(findSettingKey(" job00 ", "GOOD.QCTSH"), &kJobGoodThreshold);
+    EXPECT_EQ(findSettingKey("Job00", "Unknown"), nullptr);
+}
+
+TEST(ProfileStore, FolderMemory)
+{
+    TempDir dir;
+    const std::string path = iniIn(dir);
+    writeFile(path, "[Options]\nFolder Clips=/media/clips/\nFolder Jingle=\n");
+    ProfileStore store(path);
+    EXPECT_FALSE(store.SaveFolder(1)); // nothing loaded yet: nothing written
+    EXPECT_EQ(readFile(path), "[Options]\nFolder Clips=/media/clips/\nFolder Jingle=\n");
+
+    const std::string program = programFolder();
+    ASSERT_FALSE(program.empty());
+    EXPECT_EQ(program.back(), '/');
+    EXPECT_EQ(store.GetFolder(1), "/media/clips/");
+    EXPECT_EQ(store.GetFolder(0), program);
+    EXPECT_EQ(store.GetFolder(4), program); // empty value: absent
+    EXPECT_EQ(&store.GetFolder(6), &store.GetFolder(0));
+    EXPECT_EQ(&store.GetFolder(-1), &store.GetFolder(0));
+
+    // The slots were read once: a later change of the file does not show.
+    writeProfileString(path, "Options", "Folder Vly", "/later/");
+    EXPECT_EQ(store.GetFolder(5), program);
+
+    store.GetFolder(1) = "/media/new clips/";
+    EXPECT_TRUE(store.SaveFolder(1));
+    store.GetFolder(0) = "/zero/";
+    EXPECT_TRUE(store.SaveFolder(99));
+    EXPECT_EQ(readProfileString(path, "Options", "Folder Clips", ""), "/media/new clips/");
+    EXPECT_EQ(readProfileString(path, "Options", "Default Folder", ""), "/zero/");
+
+    ProfileStore other(path, "/opt/tarvoqc/");
+    EXPECT_EQ(other.GetFolder(2), "/opt/tarvoqc/");
+}
+
+TEST(ProfileStore, SettingsLocation)
+{
+    TempDir dir;
+    const std::string writable = dir.path().string() + "/";
+    const std::string missing = writable + "no such folder/";
+    struct Case
+    {
+        const char* home;
+        std::string program;
+        const char* xdg;
+        const char* user;
+        std::string expected;
+    };
+    const Case cases[] = {
+        {"/srv/qc", writable, "/x", "/home/u", "/srv/qc/"},
+        {"/srv/qc/", writable, nullptr, nullptr, "/srv/qc/"},
+        {"", writable, "/x", "/home/u", writable},
+        {nullptr, missing, "/x/cfg", "/home/u", "/x/cfg/TarvoQC/"},
+        {nullptr, missing, "relative", "/home/u", "/home/u/.config/TarvoQC/"},
+        {nullptr, missing, nullptr, "/home/u/", "/home/u/.config/TarvoQC/"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.expected);
+        EXPECT_EQ(settingsFolderFor(c.home, c.program, c.xdg, c.user), c.expected);
+    }
+
+    ScopedEnv home(kHomeVariable, dir.path().c_str());
+    EXPECT_EQ(settingsPath(), dir.path().string() + "/TarvoQC.ini");
+    EXPECT_EQ(logsFolder(), dir.path().string() + "/LogsQC/");
+}
+
+TEST(ProfileStore, PortableInstallInAFolderWithoutWriteAccess)
+{
+    TempDir dir;
+    const std::string readOnly = dir.path().string() + "/";
+    ASSERT_EQ(::chmod(readOnly.c_str(), 0555), 0);
+    if (::access(readOnly.c_str(), W_OK) == 0) {
+        GTEST_SKIP() << "this user may write to a read-only folder";
+    }
+    EXPECT_EQ(settingsFolderFor(nullptr, readOnly, "/x", nullptr), "/x/TarvoQC/");
+    ASSERT_EQ(::chmod(readOnly.c_str(), 0755), 0);
+    writeFile(dir / "TarvoQC.ini", "");
+    ASSERT_EQ(::chmod(readOnly.c_str(), 0555), 0);
+    EXPECT_EQ(settingsFolderFor(nullptr, readOnly, "/x", nullptr), readOnly);
+}
+
+TEST(ProfileStore, HostileFilesGiveDefaults)
+{
+    TempDir dir;
+    const std::string path = iniIn(dir);
+    std::mt19937 random(7);
+    std::string junk(1 << 16, '\0');
+    for (char& c : junk) {
+        c = static_cast<char>(random());
+    }
+    const std::string validStart = "[Job00]\nEnabled=1\nGood.QCTsh=5\n";
+    struct Case
+    {
+        const char* name;
+        std::string bytes;
+        int enabled;
+        int threshold;
+    };
+    const Case cases[] = {
+        {"binary junk", junk, 0, 3},
+        {"NUL bytes", std::string(1 << 16, '\0'), 0, 3},
+        {"invalid UTF-8", "[Job00]\n\xC3\x28\xFF=\xFE\nGood.QCTsh=\xE2\x82\n", 0, 0},
+        {"10 MB line", "[Job00]\nEnabled=" + std::string(10 << 20, '1'), 0, 3},
+        {"10 MB file, valid start", validStart + std::string(10 << 20, 'x'), 1, 5},
+        {"cut at the cap", std::string(kMaxProfileBytes - 5, '\n') + "[Job00]\nEnabled=1", 0, 3},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        writeFile(path, c.bytes);
+        EXPECT_EQ(readSettingNumber(path, kJobEnabled), c.enabled);
+        EXPECT_EQ(readSettingNumber(path, kJobGoodThreshold), c.threshold);
+        // A file too long to read whole is never rewritten.
+        bool tooLong = c.bytes.size() > kMaxProfileBytes;
+        EXPECT_EQ(writeProfileString(path, "Options", "Folder Vly", "/v/"), !tooLong);
+        if (tooLong) {
+            EXPECT_EQ(fs::file_size(path), c.bytes.size());
+        } else {
+            EXPECT_EQ(readFile(path).substr(0, c.bytes.size()), c.bytes);
+        }
+    }
+
+    // Things that are not files in the file's place: defaults, no hang, no write.
+    fs::remove(path);
+    fs::create_directory(path);
+    EXPECT_EQ(readSettingNumber(path, kJobGoodThreshold), 3);
+    EXPECT_FALSE(writeProfileString(path, "Job00", "Enabled", "1"));
+    fs::remove(path);
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(readSettingNumber(path, kJobGoodThreshold), 3);
+    EXPECT_FALSE(writeProfileString(path, "Job00", "Enabled", "1"));
+    EXPECT_TRUE(fs::is_fifo(path));
+}
+
+std::string numbered(char letter, int number)
+{
+    std::string name(1, letter);
+    name += std::to_string(number);
+    return name;
+}
+
+TEST(ProfileStore, ConcurrentWritersLoseNoUpdate)
+{
+    TempDir dir;
+    const std::string path = iniIn(dir);
+    ProfileStore store(path);
+    ASSERT_TRUE(store.WriteString("Job00", "Enabled", "1"));
+    constexpr int kThreads = 4;
+    constexpr int kKeys = 25;
+    std::atomic<bool> done{false};
+    std::atomic<int> badReads{0};
+    std::thread reader([&] {
+        while (!done.load()) {
+            std::string out;
+            if (!store.ReadString("Job00", "Enabled", out) || out != "1") {
+                ++badReads;
+            }
+        }
+    });
+    std::vector<std::thread> writers;
+    for (int t = 0; t < kThreads; ++t) {
+        writers.emplace_back([&, t] {
+            for (int k = 0; k < kKeys; ++k) {
+                const std::string key = numbered('T', t) + numbered('.', k);
+                // Half through the store, half through the path functions: one lock for both.
+                if (k % 2 == 0) {
+                    store.WriteInt(numbered('S', k % 3), key, t * 1000 + k);
+                } else {
+                    writeProfileInt64(path, numbered('S', k % 3), key, t * 1000 + k);
+                }
+            }
+        });
+    }
+    for (std::thread& writer : writers) {
+        writer.join();
+    }
+    done = true;
+    reader.join();
+    EXPECT_EQ(badReads.load(), 0);
+    for (int t = 0; t < kThreads; ++t) {
+        for (int k = 0; k < kKeys; ++k) {
+            const std::string key = numbered('T', t) + numbered('.', k);
+            EXPECT_EQ(readProfileInt64(path, numbered('S', k % 3), key, -1), t * 1000 + k) << key;
+        }
+    }
+}
+
+// Inputs kept from fuzzing and hand-made hostile files: each must parse, read and take a
+// write without disturbing any other key.
+TEST(ProfileStore, FuzzRegressions)
+{
+    const fs::path folder = TARVOQC_SETTINGS_FUZZ_REGRESSIONS;
+    ASSERT_TRUE(fs::is_directory(folder)) << folder;
+    int files = 0;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        SCOPED_TRACE(entry.path().filename().string());
+        ++files;
+        ProfileDocument document(readFile(entry.path()));
+        std::vector<std::optional<std::string>> before;
+        for (const SettingKey& row : kSettingKeys) {
+            before.push_back(document.find(row.section, row.key));
+        }
+        ASSERT_TRUE(document.set("Job00", "Source.Folder", " /in/ \"x\" "));
+        EXPECT_EQ(document.find("JOB00", "source.folder"), " /in/ \"x\" ");
+        for (std::size_t i = 0; i < kSettingKeys.size(); ++i) {
+            if (&kSettingKeys[i] != &kJobSourceFolder) {
+                EXPECT_EQ(document.find(kSettingKeys[i].section, kSettingKeys[i].key), before[i])
+                    << kSettingKeys[i].key;
+            }
+        }
+        ASSERT_TRUE(document.remove("Job00", "Source.Folder"));
+        EXPECT_EQ(document.find("Job00", "Source.Folder"), std::nullopt);
+    }
+    EXPECT_GT(files, 0);
+}
+
+} // namespace
+} // namespace tarvoqc
