@@ -234,6 +234,7 @@ TEST(ProfileStore, RefusesWhatTheFileCannotHold)
         {"S", "k", "nul\0x"s},
         {"S\n", "k", "v"},
         {"S", "k", std::string(70000, 'v')},
+        {std::string(70000, 's'), "k", "v"}, // its header would be a line too long to read
     };
     ProfileStore store(path);
     for (const Case& c : cases) {
