@@ -17,5 +17,6 @@ media="$root/build/testmedia"
 echo "No paths given: checking demo clips from $media"
 status=0
 "$check" "$media"/h264_aac.mp4 "$media"/mpeg2_pcm.mxf "$media"/prores_pcm.mov \
-    "$media"/mpeg2_mp2.ts "$media"/pcm.wav "$media"/cover.mp3 "$media"/text.mov || status=$?
+    "$media"/mpeg2_mp2.ts "$media"/pcm.wav "$media"/cover.mp3 "$media"/truncated.mxf \
+    "$media"/jump_video_high.ts "$media"/text.mov || status=$?
 echo "tarvoqc-check exit status: $status (1: a clip scored below the threshold, as the broken demo clips do)"
