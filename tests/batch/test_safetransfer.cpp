@@ -506,20 +506,6 @@ TEST(SafeTransfer, EventsDuringTheTransfer)
     }
 }
 
-TEST(SafeTransfer, CancelFlagSetBeforeTheStart)
-{
-    TempDir dir;
-    writeFile(dir / "in.mxf", makeBytes(100'000));
-    std::atomic<std::int32_t> cancel{1};
-    TransferProgress record(&cancel);
-    EXPECT_EQ(SafeTransfer((dir / "clip.mxf").string(), (dir / "in.mxf").string(), TransferVerify,
-                           &record),
-              0);
-    EXPECT_EQ(record.status(), kCancelStatus);
-    EXPECT_FALSE(fs::exists(dir / "clip.mxf"));
-    EXPECT_TRUE(tempFilesIn(dir.path()).empty());
-}
-
 // The temp names of the current second and the next four, so a transfer started now
 // surely falls on one of them.
 constexpr int kPreparedSeconds = 5;
@@ -588,30 +574,6 @@ TEST(SafeTransfer, TempNamesTakenInTheSameSecond)
         }
         EXPECT_TRUE(inTime) << "the clock outran every attempt";
     }
-}
-
-TEST(SafeTransfer, TwoTransfersIntoOneFolderAtOnce)
-{
-    TempDir dir;
-    const std::string a = makeBytes(4u << 20, 1);
-    const std::string b = makeBytes(4u << 20, 2);
-    writeFile(dir / "a.in", a);
-    writeFile(dir / "b.in", b);
-    fs::create_directory(dir / "out");
-    std::int32_t rcA = 1;
-    std::int32_t rcB = 1;
-    std::thread other([&] {
-        rcB = SafeTransfer((dir / "out" / "b.mxf").string(), (dir / "b.in").string(),
-                           TransferVerify, nullptr);
-    });
-    rcA = SafeTransfer((dir / "out" / "a.mxf").string(), (dir / "a.in").string(), TransferVerify,
-                       nullptr);
-    other.join();
-    EXPECT_EQ(rcA, 0);
-    EXPECT_EQ(rcB, 0);
-    EXPECT_EQ(readFile(dir / "out" / "a.mxf"), a);
-    EXPECT_EQ(readFile(dir / "out" / "b.mxf"), b);
-    EXPECT_TRUE(tempFilesIn(dir / "out").empty());
 }
 
 TEST(SafeTransfer, ReadOnlyDestinationFolder)

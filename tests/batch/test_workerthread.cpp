@@ -157,60 +157,6 @@ TEST(WorkerThread, CooperativeStopEndsQuickly)
     EXPECT_EQ(worker.abortSignalsSeen(), 0);
 }
 
-int schedPolicyFromProc(pid_t tid, int& nice)
-{
-    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    // Fields after the parenthesised name: state is field 3, nice 19, policy 41.
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::vector<std::string> values;
-    for (std::string value; fields >> value;) {
-        values.push_back(value);
-    }
-    if (values.size() < 39) {
-        return -1;
-    }
-    nice = std::stoi(values[19 - 3]);
-    return std::stoi(values[41 - 3]);
-}
-
-TEST(WorkerThread, RunsAtIdlePriority)
-{
-    std::atomic<int> policyInside{-2};
-    std::atomic<int> niceInside{0};
-    TestWorker worker([&](const Flag* stop) {
-        policyInside.store(::sched_getscheduler(0));
-        niceInside.store(::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid())));
-        while (stop->load() == 0) {
-            std::this_thread::sleep_for(1ms);
-        }
-        return 0;
-    });
-    ASSERT_TRUE(worker.Start());
-    ASSERT_TRUE(waitUntil([&] { return policyInside.load() != -2; }));
-    const pid_t tid = worker.threadId();
-    int nice = 0;
-    const int policy = schedPolicyFromProc(tid, nice);
-    const bool idle = policyInside.load() == SCHED_IDLE || niceInside.load() == 19;
-    EXPECT_TRUE(idle) << "policy " << policyInside.load() << " nice " << niceInside.load();
-    EXPECT_TRUE(policy == SCHED_IDLE || nice == 19) << "policy " << policy << " nice " << nice;
-    EXPECT_EQ(::sched_getscheduler(tid), policy);
-    // The calling thread keeps its own priority.
-    EXPECT_NE(::sched_getscheduler(0), SCHED_IDLE);
-
-    EXPECT_TRUE(worker.SetPriority(kThreadPriorityIdle));
-    EXPECT_FALSE(worker.SetPriority(12345));
-    if (::geteuid() == 0) {
-        // Raising a priority again needs privileges; root has them.
-        EXPECT_TRUE(worker.SetPriority(kThreadPriorityLowest));
-        EXPECT_EQ(::sched_getscheduler(tid), SCHED_OTHER);
-        EXPECT_EQ(schedPolicyFromProc(tid, nice), SCHED_OTHER);
-        EXPECT_EQ(nice, 10);
-    }
-    worker.Stop();
-    EXPECT_FALSE(worker.SetPriority(kThreadPriorityIdle));
-}
-
 // A body that blocks for ever in an abort point: opening a FIFO that nobody writes to.
 // It retries after interruptions, as an engine stuck in a slow file system would.
 class FifoWorker : public WorkerThread

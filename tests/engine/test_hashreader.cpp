@@ -240,37 +240,6 @@ INSTANTIATE_TEST_SUITE_P(HashReader, HashReaderTest,
                          ::testing::Values(HashReader::Mode::Inline, HashReader::Mode::Background),
                          modeName);
 
-TEST(HashReader, InlineReadsOnlyWholePiecesBehindTheTarget)
-{
-    // With the file cut to nothing right after advanceTo, the digest shows exactly what was
-    // read inside that call.
-    std::mt19937 rng(7);
-    test::TempDir dir;
-    const std::string content = randomText(4 * kPiece + 500, rng);
-    struct Case
-    {
-        std::int64_t target;
-        std::size_t hashed;
-    };
-    const Case cases[] = {
-        {kPiece - 1, 0},
-        {kPiece, kPiece},
-        {2 * kPiece + 100, 2 * kPiece},
-        {4 * kPiece + 1, 4 * kPiece},
-        {4 * kPiece + 500, content.size()}, // the end of the file is a piece end as well
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.target);
-        test::writeFile(dir / "clip.bin", content);
-        HashReader reader(openForReading(dir / "clip.bin"), content.size(),
-                          HashReader::Mode::Inline);
-        reader.advanceTo(c.target);
-        ASSERT_EQ(::truncate((dir / "clip.bin").c_str(), 0), 0);
-        EXPECT_EQ(makeHash256(reader.finish()), hash256Of(content.substr(0, c.hashed)));
-        EXPECT_EQ(reader.bytesHashed(), c.hashed);
-    }
-}
-
 TEST(HashReader, FailedReadEndsTheCatchingUpAndTheNextOneTriesAgain)
 {
     // A real read error in the middle of the file: the reader's descriptor is replaced by

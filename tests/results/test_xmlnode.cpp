@@ -184,33 +184,6 @@ TEST(XmlNode, TypedSettersFormatTheirValues)
     }
 }
 
-TEST(XmlNode, NumberTextsIgnoreTheLocale)
-{
-    // A locale with a decimal comma; compiled into a temp folder when none is installed.
-    TempDir dir;
-    bool active = std::setlocale(LC_ALL, "de_DE.UTF-8") != nullptr;
-    if (!active) {
-        const auto made = test::runCommand(
-            {"localedef", "-i", "de_DE", "-f", "UTF-8", (dir / "de_DE.UTF-8").string()});
-        ::setenv("LOCPATH", dir.path().c_str(), 1);
-        active = made.status == 0 && std::setlocale(LC_ALL, "de_DE.UTF-8") != nullptr;
-    }
-    if (!active) {
-        ::unsetenv("LOCPATH");
-        GTEST_SKIP() << "no locale with a decimal comma could be set";
-    }
-    char probe[16];
-    std::snprintf(probe, sizeof probe, "%.1f", 2.5);
-    XmlNode n;
-    n.setReal("r", 2.5);
-    n.setSeconds("s", 25'000'000);
-    std::setlocale(LC_ALL, "C");
-    ::unsetenv("LOCPATH");
-    EXPECT_STREQ(probe, "2,5") << "the locale is not in effect";
-    EXPECT_EQ(n.GetString("r", ""), "2.5000");
-    EXPECT_EQ(n.GetString("s", ""), "2.5000000");
-}
-
 TEST(XmlNode, GetIntReadsLeadingDigitsLikeTheCLibrary)
 {
     XmlNode n;
