@@ -12,6 +12,8 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include "results/textcase.h"
+
 namespace tarvoqc {
 
 namespace {
@@ -23,21 +25,6 @@ constexpr std::array<std::string_view, 19> kClipExtensions = {
 // Below this length a name is never a clip. Every extension is ASCII, so a name of at
 // least this many bytes that ends with one also has at least this many characters.
 constexpr std::size_t kShortestClipName = 4;
-
-char lowerAscii(char c)
-{
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool endsWithNoCase(std::string_view text, std::string_view lowerSuffix)
-{
-    if (text.size() < lowerSuffix.size()) {
-        return false;
-    }
-    text.remove_prefix(text.size() - lowerSuffix.size());
-    return std::equal(text.begin(), text.end(), lowerSuffix.begin(),
-                      [](char a, char b) { return lowerAscii(a) == b; });
-}
 
 std::uint64_t nextItemId()
 {
@@ -103,7 +90,7 @@ int IsMediaFileName(std::string_view name)
         return 0;
     }
     for (std::size_t i = 0; i < kClipExtensions.size(); ++i) {
-        if (endsWithNoCase(name, kClipExtensions[i])) {
+        if (endsWithIgnoreCase(name, kClipExtensions[i])) {
             return static_cast<int>(i + 1);
         }
     }

@@ -199,24 +199,11 @@ void ClipStream::checkPacketTime(const AVPacket& packet)
     m_nextPacketTime = saturatingAdd(packet.dts, packet.duration);
 }
 
-void ClipStream::decodeVideo(const AVPacket* packet)
+template <typename OnFrame> bool ClipStream::decode(const AVPacket* packet, OnFrame&& onFrame)
 {
-    // Pictures need not be exact: only their presence and time stamps are checked.
-    m_context->skip_loop_filter = AVDISCARD_ALL;
-    m_context->skip_idct = AVDISCARD_ALL;
-
-    const bool hasData = packet != nullptr && packet->data != nullptr && packet->size > 0;
-    bool errorReported = false;
-    const auto reportError = [&] {
-        if (!errorReported) {
-            errorReported = true;
-            m_owner.report(Cat::Frames, Sev::Low, m_index, "Error decoding packet at %s",
-                           positionText(packet != nullptr ? packet->dts : kNoTime).c_str());
-        }
-    };
-
     int sent = avcodec_send_packet(m_context.get(), packet);
     bool resent = false;
+    bool failed = false;
     while (true) {
         const int received = avcodec_receive_frame(m_context.get(), m_frame.get());
         if (received == AVERROR(EAGAIN) || received == AVERROR_EOF) {
@@ -229,10 +216,24 @@ void ClipStream::decodeVideo(const AVPacket* packet)
             break;
         }
         if (received < 0) {
-            reportError();
+            failed = true;
             break;
         }
-        const std::int64_t time = m_frame->best_effort_timestamp;
+        onFrame(*m_frame);
+        av_frame_unref(m_frame.get());
+    }
+    return !failed && (sent >= 0 || sent == AVERROR(EAGAIN) || sent == AVERROR_EOF);
+}
+
+void ClipStream::decodeVideo(const AVPacket* packet)
+{
+    // Pictures need not be exact: only their presence and time stamps are checked.
+    m_context->skip_loop_filter = AVDISCARD_ALL;
+    m_context->skip_idct = AVDISCARD_ALL;
+
+    const bool hasData = packet != nullptr && packet->data != nullptr && packet->size > 0;
+    const bool decoded = decode(packet, [&](const AVFrame& frame) {
+        const std::int64_t time = frame.best_effort_timestamp;
         if (time == AV_NOPTS_VALUE) {
             if (hasData) {
                 m_owner.report(Cat::Frames, Sev::Low, m_index,
@@ -241,10 +242,10 @@ void ClipStream::decodeVideo(const AVPacket* packet)
         } else if (m_frameDuration != kNoTime && m_frameDuration > 0) {
             checkFrame(time, m_frameDuration);
         }
-        av_frame_unref(m_frame.get());
-    }
-    if (sent < 0 && sent != AVERROR(EAGAIN) && sent != AVERROR_EOF) {
-        reportError();
+    });
+    if (!decoded) {
+        m_owner.report(Cat::Frames, Sev::Low, m_index, "Error decoding packet at %s",
+                       positionText(packet != nullptr ? packet->dts : kNoTime).c_str());
     }
 }
 
@@ -253,43 +254,25 @@ void ClipStream::decodeAudio(const AVPacket* packet)
     if (packet != nullptr && packet->size <= 0) {
         return;
     }
-    int sent = avcodec_send_packet(m_context.get(), packet);
-    bool resent = false;
-    while (true) {
-        const int received = avcodec_receive_frame(m_context.get(), m_frame.get());
-        if (received == AVERROR(EAGAIN) || received == AVERROR_EOF) {
-            if (sent == AVERROR(EAGAIN) && !resent) {
-                resent = true;
-                sent = avcodec_send_packet(m_context.get(), packet);
-                continue;
-            }
-            break;
+    const bool decoded = decode(packet, [&](const AVFrame& frame) {
+        if (frame.nb_samples <= 0) {
+            return;
         }
-        if (received < 0) {
-            sent = received;
-            break;
+        const std::int64_t time = frame.best_effort_timestamp;
+        const int contextChannels = m_context->ch_layout.nb_channels;
+        const int frameChannels = frame.ch_layout.nb_channels;
+        if (contextChannels != frameChannels || m_context->sample_rate != frame.sample_rate) {
+            m_owner.report(Cat::Frames, Sev::Highest, m_index,
+                           "Codec/data format mismatch at %s: %dx%d vs %dx%d",
+                           positionText(time).c_str(), contextChannels, m_context->sample_rate,
+                           frameChannels, frame.sample_rate);
         }
-        if (m_frame->nb_samples > 0) {
-            const std::int64_t time = m_frame->best_effort_timestamp;
-            const int contextChannels = m_context->ch_layout.nb_channels;
-            const int frameChannels = m_frame->ch_layout.nb_channels;
-            if (contextChannels != frameChannels ||
-                m_context->sample_rate != m_frame->sample_rate) {
-                m_owner.report(Cat::Frames, Sev::Highest, m_index,
-                               "Codec/data format mismatch at %s: %dx%d vs %dx%d",
-                               positionText(time).c_str(), contextChannels, m_context->sample_rate,
-                               frameChannels, m_frame->sample_rate);
-            }
-            if (time != AV_NOPTS_VALUE && m_frame->sample_rate > 0) {
-                // Samples in the stream time base: samples * den / (num * rate), rounded.
-                const std::int64_t duration =
-                    rescaleTime(m_frame->nb_samples, {1, m_frame->sample_rate}, m_timeBase);
-                checkFrame(time, duration);
-            }
+        if (time != AV_NOPTS_VALUE && frame.sample_rate > 0) {
+            // Samples in the stream time base: samples * den / (num * rate), rounded.
+            checkFrame(time, rescaleTime(frame.nb_samples, {1, frame.sample_rate}, m_timeBase));
         }
-        av_frame_unref(m_frame.get());
-    }
-    if (sent < 0 && sent != AVERROR(EAGAIN) && sent != AVERROR_EOF) {
+    });
+    if (!decoded) {
         m_owner.report(Cat::Codec, Sev::Low, m_index, "Error decoding packet at %s",
                        positionText(packet != nullptr ? packet->dts : kNoTime).c_str());
     }

@@ -44,6 +44,9 @@ public:
 
 private:
     void checkPacketTime(const AVPacket& packet);
+    // Sends packet (null: the end-of-file drain) and gives every frame that comes out to
+    // onFrame, in order. False when the decoder refused the packet or failed on a frame.
+    template <typename OnFrame> bool decode(const AVPacket* packet, OnFrame&& onFrame);
     void decodeVideo(const AVPacket* packet);
     void decodeAudio(const AVPacket* packet);
     void checkFrame(std::int64_t time, std::int64_t duration);

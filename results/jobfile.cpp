@@ -2,37 +2,20 @@
 
 #include <unordered_set>
 
+#include "results/textcase.h"
+
 namespace tarvoqc {
 
 namespace {
 
 constexpr std::string_view kJobExtension = ".qcin";
 
-char lowerAscii(char c)
-{
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool equalsIgnoreCase(std::string_view a, std::string_view b)
-{
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (lowerAscii(a[i]) != lowerAscii(b[i])) {
-            return false;
-        }
-    }
-    return true;
-}
-
 } // namespace
 
 bool isJobFile(std::string_view path)
 {
     // The extension is ASCII, so its five characters are its last five bytes.
-    return path.size() >= kJobExtension.size() &&
-           equalsIgnoreCase(path.substr(path.size() - kJobExtension.size()), kJobExtension);
+    return endsWithIgnoreCase(path, kJobExtension);
 }
 
 int loadJob(const XmlNode& document, Job& job)

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "results/qcissue.h"
+#include "results/textcase.h"
 
 // Reading rules (a forgiving reader, not a validating one):
 // - A tag starts at the next "<". Spaces may follow; a "/" there or inside the name makes
@@ -44,24 +45,6 @@ constexpr char32_t kReplacement = 0xFFFD;
 bool isSpace(char c)
 {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';
-}
-
-char lowerAscii(char c)
-{
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool equalsIgnoreCase(std::string_view a, std::string_view b)
-{
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (lowerAscii(a[i]) != lowerAscii(b[i])) {
-            return false;
-        }
-    }
-    return true;
 }
 
 bool startsWithIgnoreCase(std::string_view text, std::string_view prefix)

@@ -43,7 +43,12 @@ constexpr bool kSignalsWaitForLibraryCalls = false;
 class TestWorker : public WorkerThread
 {
 public:
-    explicit TestWorker(std::function<int(const Flag*)> body) : m_body(std::move(body)) {}
+    // Normal priority: under a loaded machine an idle-priority thread may get no time at
+    // all, which would make the timings below meaningless.
+    explicit TestWorker(std::function<int(const Flag*)> body) : m_body(std::move(body))
+    {
+        setStartPriority(kThreadPriorityNormal);
+    }
     ~TestWorker() override { Stop(); }
 
     using WorkerThread::setStopTimings;
@@ -162,7 +167,10 @@ TEST(WorkerThread, CooperativeStopEndsQuickly)
 class FifoWorker : public WorkerThread
 {
 public:
-    explicit FifoWorker(std::string fifo) : m_fifo(std::move(fifo)) {}
+    explicit FifoWorker(std::string fifo) : m_fifo(std::move(fifo))
+    {
+        setStartPriority(kThreadPriorityNormal);
+    }
     ~FifoWorker() override { Stop(); }
 
     std::atomic<int> attempts{0};
@@ -262,7 +270,10 @@ TEST(WorkerThread, LastResortEndsAThreadThatNeverLooksAtTheFlag)
 class RestlessWorker : public WorkerThread
 {
 public:
-    explicit RestlessWorker(int pipeFd, unsigned seed) : m_pipeFd(pipeFd), m_seed(seed) {}
+    explicit RestlessWorker(int pipeFd, unsigned seed) : m_pipeFd(pipeFd), m_seed(seed)
+    {
+        setStartPriority(kThreadPriorityNormal);
+    }
     ~RestlessWorker() override { Stop(); }
 
     using WorkerThread::setStopTimings;
