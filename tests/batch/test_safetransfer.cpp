@@ -7,17 +7,16 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <fcntl.h>
-#include <grp.h>
 #include <signal.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -163,47 +162,22 @@ struct ChildOutcome
 ChildOutcome transferInChild(const fs::path& dest, const fs::path& src, std::uint32_t flags,
                              const std::function<bool()>& setup)
 {
-    int fds[2];
-    if (::pipe(fds) != 0) {
-        ADD_FAILURE() << "pipe";
-        return {};
-    }
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::close(fds[0]);
-        std::int32_t code = 1;
-        std::string error = "child setup failed";
-        if (setup()) {
-            TransferProgress record;
-            code = SafeTransfer(dest.string(), src.string(), flags, &record);
-            error = record.error();
+    const std::optional<std::string> bytes = test::runInChild([&]() -> std::optional<std::string> {
+        if (!setup()) {
+            return std::nullopt;
         }
-        [[maybe_unused]] ssize_t n = ::write(fds[1], &code, sizeof code);
-        n = ::write(fds[1], error.data(), error.size());
-        ::_exit(0);
-    }
-    ::close(fds[1]);
-    std::string bytes;
-    char buffer[4096];
-    ssize_t n = 0;
-    while ((n = ::read(fds[0], buffer, sizeof buffer)) > 0) {
-        bytes.append(buffer, static_cast<std::size_t>(n));
-    }
-    ::close(fds[0]);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
+        TransferProgress record;
+        const std::int32_t code = SafeTransfer(dest.string(), src.string(), flags, &record);
+        return std::string(reinterpret_cast<const char*>(&code), sizeof code) + record.error();
+    });
     ChildOutcome out;
-    if (bytes.size() >= sizeof out.code) {
-        std::memcpy(&out.code, bytes.data(), sizeof out.code);
-        out.error = bytes.substr(sizeof out.code);
+    if (!bytes) {
+        out.error = "child setup failed";
+    } else if (bytes->size() >= sizeof out.code) {
+        std::memcpy(&out.code, bytes->data(), sizeof out.code);
+        out.error = bytes->substr(sizeof out.code);
     }
     return out;
-}
-
-bool dropToNobody()
-{
-    return ::setgroups(0, nullptr) == 0 && ::setresgid(65534, 65534, 65534) == 0 &&
-           ::setresuid(65534, 65534, 65534) == 0;
 }
 
 // text equals pattern with "{dir}" standing for dir and each "#" for one digit.
@@ -591,7 +565,7 @@ TEST(SafeTransfer, ReadOnlyDestinationFolder)
     // Folder permissions do not bind root: run the transfer as nobody then.
     const bool root = ::geteuid() == 0;
     const ChildOutcome r = transferInChild(dir / "out" / "clip.mxf", dir / "in.mxf", TransferVerify,
-                                           [root] { return !root || dropToNobody(); });
+                                           [root] { return !root || test::dropToNobody(); });
     EXPECT_EQ(r.code, -6);
     EXPECT_TRUE(r.error.starts_with("Cannot open output temp file " + slashed(dir / "out")))
         << r.error;

@@ -1,12 +1,10 @@
 #include <algorithm>
 #include <filesystem>
-#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include <grp.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -348,56 +346,6 @@ TEST(TaskList, ScanFolderHandlesADeepTree)
     EXPECT_EQ(found, Paths{folder + "/bottom.ts"});
 }
 
-// Runs scan as an unprivileged user when the tests run as root (root reads any folder),
-// in a child process so the test process keeps its rights. Gives the paths found.
-Paths scanUnprivileged(const std::function<Paths()>& scan, bool& skipped)
-{
-    skipped = false;
-    if (::geteuid() != 0) {
-        return scan();
-    }
-    int fds[2];
-    if (::pipe(fds) != 0) {
-        ADD_FAILURE() << "pipe";
-        return {};
-    }
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::close(fds[0]);
-        constexpr uid_t kNobody = 65534;
-        if (::setgroups(0, nullptr) != 0 || ::setgid(kNobody) != 0 || ::setuid(kNobody) != 0) {
-            ::_exit(3);
-        }
-        std::string text;
-        for (const auto& path : scan()) {
-            text += path + "\n";
-        }
-        const bool written =
-            ::write(fds[1], text.data(), text.size()) == static_cast<ssize_t>(text.size());
-        ::_exit(written ? 0 : 4);
-    }
-    ::close(fds[1]);
-    std::string text;
-    char buffer[4096];
-    for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;) {
-        text.append(buffer, static_cast<std::size_t>(n));
-    }
-    ::close(fds[0]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 3) {
-        skipped = true;
-        return {};
-    }
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    Paths paths;
-    for (std::size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
-         start = end + 1) {
-        paths.push_back(text.substr(start, end - start));
-    }
-    return paths;
-}
-
 TEST(TaskList, ScanFolderSkipsUnreadableFolders)
 {
     ClipTree tree;
@@ -409,18 +357,23 @@ TEST(TaskList, ScanFolderSkipsUnreadableFolders)
     fs::permissions(tree.dir.path(), fs::perms::owner_all | fs::perms::group_read |
                                          fs::perms::group_exec | fs::perms::others_read |
                                          fs::perms::others_exec);
-    bool skipped = false;
-    const Paths found = scanUnprivileged(
-        [&] {
-            TaskList list;
-            Paths out;
-            list.ScanFolder(r, out);
-            return out;
-        },
-        skipped);
+    // Root reads any folder: the scan runs as an unprivileged user then.
+    const std::optional<std::string> listed = test::runUnprivileged([&] {
+        TaskList list;
+        Paths out;
+        list.ScanFolder(r, out);
+        std::string text;
+        for (const std::string& path : out) {
+            text += path + "\n";
+        }
+        return text;
+    });
     fs::permissions(r + "/locked", fs::perms::owner_all);
-    if (skipped) {
-        GTEST_SKIP() << "running as root without the right to drop to an unprivileged user";
+    ASSERT_TRUE(listed) << "running as root without the right to drop to an unprivileged user";
+    Paths found;
+    for (std::size_t from = 0, end; (end = listed->find('\n', from)) != std::string::npos;
+         from = end + 1) {
+        found.push_back(listed->substr(from, end - from));
     }
     EXPECT_EQ(sorted(found),
               sorted({r + "/a.mp4", r + "/C.MXF", r + "/dir.mxf/inner.mov", r + "/sub/x.ts",

@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -166,6 +167,66 @@ std::string sha256sumOf(const fs::path& path)
     std::transform(hex.begin(), hex.end(), hex.begin(),
                    [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
     return hex;
+}
+
+std::optional<std::string> runInChild(const std::function<std::optional<std::string>()>& body)
+{
+    constexpr int kGaveUp = 3;
+    int fds[2];
+    if (::pipe(fds) != 0) {
+        ADD_FAILURE() << "pipe";
+        return std::nullopt;
+    }
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(fds[0]);
+        const std::optional<std::string> text = body();
+        if (!text) {
+            ::_exit(kGaveUp);
+        }
+        const bool written =
+            ::write(fds[1], text->data(), text->size()) == static_cast<ssize_t>(text->size());
+        ::_exit(written ? 0 : 4);
+    }
+    ::close(fds[1]);
+    if (child < 0) {
+        ::close(fds[0]);
+        ADD_FAILURE() << "fork";
+        return std::nullopt;
+    }
+    std::string text;
+    char buffer[4096];
+    for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;) {
+        text.append(buffer, static_cast<std::size_t>(n));
+    }
+    ::close(fds[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kGaveUp) {
+        return std::nullopt;
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
+    return text;
+}
+
+bool dropToNobody()
+{
+    constexpr uid_t kNobody = 65534;
+    return ::setgroups(0, nullptr) == 0 && ::setresgid(kNobody, kNobody, kNobody) == 0 &&
+           ::setresuid(kNobody, kNobody, kNobody) == 0;
+}
+
+std::optional<std::string> runUnprivileged(const std::function<std::string()>& body)
+{
+    if (::geteuid() != 0) {
+        return body();
+    }
+    return runInChild([&]() -> std::optional<std::string> {
+        if (!dropToNobody()) {
+            return std::nullopt;
+        }
+        return body();
+    });
 }
 
 } // namespace tarvoqc::test

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,6 +47,16 @@ struct CommandResult
 };
 CommandResult runCommand(const std::vector<std::string>& argv,
                          const std::vector<std::string>& extraEnv = {});
+
+// Runs body in a forked child process, which may change its own rights and limits freely,
+// and gives the text body returned; nullopt when body gave up (returned nullopt). A child
+// that ends any other way fails the test.
+std::optional<std::string> runInChild(const std::function<std::optional<std::string>()>& body);
+// Drops the calling process to user and group nobody: only for a child of runInChild.
+bool dropToNobody();
+// Runs body as nobody in a child when the tests run as root (root ignores permissions),
+// else directly; nullopt when root could not drop its rights.
+std::optional<std::string> runUnprivileged(const std::function<std::string()>& body);
 
 // SHA-256 of a file by the system's sha256sum, upper-case hex; empty when unavailable.
 std::string sha256sumOf(const std::filesystem::path& path);
