@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cstring>
 
 #include "engine/sha2blocks.h"
@@ -70,16 +71,6 @@ constexpr std::uint32_t kSha512BlockBytes = 128;
 constexpr std::uint32_t kSha256LengthAt = kSha256BlockBytes - 8;
 constexpr std::uint32_t kSha512LengthAt = kSha512BlockBytes - 16;
 
-constexpr std::uint32_t rotr32(std::uint32_t x, int n)
-{
-    return (x >> n) | (x << (32 - n));
-}
-
-constexpr std::uint64_t rotr64(std::uint64_t x, int n)
-{
-    return (x >> n) | (x << (64 - n));
-}
-
 std::uint32_t loadBe32(const std::uint8_t* p)
 {
     return (std::uint32_t{p[0]} << 24) | (std::uint32_t{p[1]} << 16) | (std::uint32_t{p[2]} << 8) |
@@ -116,31 +107,65 @@ std::atomic<Sha256BlockFunction>& sha256Blocks()
 
 } // namespace
 
-void sha256BlocksPortable(std::uint32_t state[8], const std::uint8_t* data, std::size_t blocks)
+namespace {
+
+// SHA-256 and SHA-512 run the same rounds on words of different widths; only the round
+// count, the constants and the rotation amounts differ. The last amount of each message
+// schedule triple is a shift.
+template <typename Word> struct Rounds;
+
+template <> struct Rounds<std::uint32_t>
 {
-    for (; blocks > 0; --blocks, data += kSha256BlockBytes) {
+    static constexpr int kCount = 64;
+    static constexpr int kSum0[3] = {2, 13, 22};
+    static constexpr int kSum1[3] = {6, 11, 25};
+    static constexpr int kSchedule0[3] = {7, 18, 3};
+    static constexpr int kSchedule1[3] = {17, 19, 10};
+    static constexpr const std::uint32_t* kConstants = kSha256RoundConstants;
+    static std::uint32_t load(const std::uint8_t* p) { return loadBe32(p); }
+};
+
+template <> struct Rounds<std::uint64_t>
+{
+    static constexpr int kCount = 80;
+    static constexpr int kSum0[3] = {28, 34, 39};
+    static constexpr int kSum1[3] = {14, 18, 41};
+    static constexpr int kSchedule0[3] = {1, 8, 7};
+    static constexpr int kSchedule1[3] = {19, 61, 6};
+    static constexpr const std::uint64_t* kConstants = kSha512Rounds;
+    static std::uint64_t load(const std::uint8_t* p) { return loadBe64(p); }
+};
+
+template <typename Word>
+void compressBlocks(Word state[8], const std::uint8_t* data, std::size_t blocks)
+{
+    using R = Rounds<Word>;
+    constexpr auto sum = [](Word x, const int(&n)[3]) constexpr
+    {
+        return std::rotr(x, n[0]) ^ std::rotr(x, n[1]) ^ std::rotr(x, n[2]);
+    };
+    constexpr auto schedule = [](Word x, const int(&n)[3]) constexpr
+    {
+        return std::rotr(x, n[0]) ^ std::rotr(x, n[1]) ^ (x >> n[2]);
+    };
+    for (; blocks > 0; --blocks, data += 16 * sizeof(Word)) {
         // The message schedule is kept as a ring of the last 16 words.
-        std::uint32_t w[16];
+        Word w[16];
         for (int i = 0; i < 16; ++i) {
-            w[i] = loadBe32(data + 4 * i);
+            w[i] = R::load(data + sizeof(Word) * i);
         }
-        std::uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
-        std::uint32_t e = state[4], f = state[5], g = state[6], h = state[7];
-        for (int t = 0; t < 64; ++t) {
-            std::uint32_t wt;
+        Word a = state[0], b = state[1], c = state[2], d = state[3];
+        Word e = state[4], f = state[5], g = state[6], h = state[7];
+        for (int t = 0; t < R::kCount; ++t) {
+            Word wt;
             if (t < 16) {
                 wt = w[t];
             } else {
-                const std::uint32_t w15 = w[(t - 15) & 15];
-                const std::uint32_t w2 = w[(t - 2) & 15];
-                const std::uint32_t s0 = rotr32(w15, 7) ^ rotr32(w15, 18) ^ (w15 >> 3);
-                const std::uint32_t s1 = rotr32(w2, 17) ^ rotr32(w2, 19) ^ (w2 >> 10);
-                wt = w[t & 15] = w[t & 15] + s0 + w[(t - 7) & 15] + s1;
+                wt = w[t & 15] = w[t & 15] + schedule(w[(t - 15) & 15], R::kSchedule0) +
+                                 w[(t - 7) & 15] + schedule(w[(t - 2) & 15], R::kSchedule1);
             }
-            const std::uint32_t t1 = h + (rotr32(e, 6) ^ rotr32(e, 11) ^ rotr32(e, 25)) +
-                                     ((e & f) ^ (~e & g)) + kSha256RoundConstants[t] + wt;
-            const std::uint32_t t2 =
-                (rotr32(a, 2) ^ rotr32(a, 13) ^ rotr32(a, 22)) + ((a & b) ^ (a & c) ^ (b & c));
+            const Word t1 = h + sum(e, R::kSum1) + ((e & f) ^ (~e & g)) + R::kConstants[t] + wt;
+            const Word t2 = sum(a, R::kSum0) + ((a & b) ^ (a & c) ^ (b & c));
             h = g;
             g = f;
             f = e;
@@ -161,48 +186,16 @@ void sha256BlocksPortable(std::uint32_t state[8], const std::uint8_t* data, std:
     }
 }
 
+} // namespace
+
+void sha256BlocksPortable(std::uint32_t state[8], const std::uint8_t* data, std::size_t blocks)
+{
+    compressBlocks(state, data, blocks);
+}
+
 void sha512Blocks(std::uint64_t state[8], const std::uint8_t* data, std::size_t blocks)
 {
-    for (; blocks > 0; --blocks, data += kSha512BlockBytes) {
-        std::uint64_t w[16];
-        for (int i = 0; i < 16; ++i) {
-            w[i] = loadBe64(data + 8 * i);
-        }
-        std::uint64_t a = state[0], b = state[1], c = state[2], d = state[3];
-        std::uint64_t e = state[4], f = state[5], g = state[6], h = state[7];
-        for (int t = 0; t < 80; ++t) {
-            std::uint64_t wt;
-            if (t < 16) {
-                wt = w[t];
-            } else {
-                const std::uint64_t w15 = w[(t - 15) & 15];
-                const std::uint64_t w2 = w[(t - 2) & 15];
-                const std::uint64_t s0 = rotr64(w15, 1) ^ rotr64(w15, 8) ^ (w15 >> 7);
-                const std::uint64_t s1 = rotr64(w2, 19) ^ rotr64(w2, 61) ^ (w2 >> 6);
-                wt = w[t & 15] = w[t & 15] + s0 + w[(t - 7) & 15] + s1;
-            }
-            const std::uint64_t t1 = h + (rotr64(e, 14) ^ rotr64(e, 18) ^ rotr64(e, 41)) +
-                                     ((e & f) ^ (~e & g)) + kSha512Rounds[t] + wt;
-            const std::uint64_t t2 =
-                (rotr64(a, 28) ^ rotr64(a, 34) ^ rotr64(a, 39)) + ((a & b) ^ (a & c) ^ (b & c));
-            h = g;
-            g = f;
-            f = e;
-            e = d + t1;
-            d = c;
-            c = b;
-            b = a;
-            a = t1 + t2;
-        }
-        state[0] += a;
-        state[1] += b;
-        state[2] += c;
-        state[3] += d;
-        state[4] += e;
-        state[5] += f;
-        state[6] += g;
-        state[7] += h;
-    }
+    compressBlocks(state, data, blocks);
 }
 
 Sha256Path sha256Path()
