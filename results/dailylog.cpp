@@ -6,73 +6,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "results/textcodec.h"
 #include "tarvoqc/version.h"
 
 namespace tarvoqc {
 
 namespace {
-
-void putUnit(std::string& out, std::uint32_t unit)
-{
-    out += static_cast<char>(unit & 0xFF);
-    out += static_cast<char>((unit >> 8) & 0xFF);
-}
-
-// UTF-8 to UTF-16LE bytes. Anything that is not well-formed UTF-8 (a stray continuation
-// byte, a cut sequence, an over-long form, an encoded surrogate, a value past U+10FFFF)
-// becomes one U+FFFD per byte, so no input can stop an entry from being written.
-std::string toUtf16Le(std::string_view text)
-{
-    std::string out;
-    out.reserve(text.size() * 2);
-    std::size_t i = 0;
-    while (i < text.size()) {
-        auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
-        unsigned char lead = byte(i);
-        std::size_t length = 0;
-        std::uint32_t code = 0;
-        std::uint32_t minimum = 0;
-        if (lead < 0x80) {
-            length = 1;
-            code = lead;
-        } else if (lead >= 0xC2 && lead <= 0xDF) {
-            length = 2;
-            code = lead & 0x1F;
-            minimum = 0x80;
-        } else if (lead >= 0xE0 && lead <= 0xEF) {
-            length = 3;
-            code = lead & 0x0F;
-            minimum = 0x800;
-        } else if (lead >= 0xF0 && lead <= 0xF4) {
-            length = 4;
-            code = lead & 0x07;
-            minimum = 0x10000;
-        }
-        bool ok = length > 0 && i + length <= text.size();
-        for (std::size_t k = 1; ok && k < length; ++k) {
-            if ((byte(i + k) & 0xC0) != 0x80) {
-                ok = false;
-            } else {
-                code = (code << 6) | (byte(i + k) & 0x3F);
-            }
-        }
-        ok = ok && code >= minimum && code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF);
-        if (!ok) {
-            putUnit(out, 0xFFFD);
-            ++i;
-            continue;
-        }
-        if (code >= 0x10000) {
-            code -= 0x10000;
-            putUnit(out, 0xD800 | (code >> 10));
-            putUnit(out, 0xDC00 | (code & 0x3FF));
-        } else {
-            putUnit(out, code);
-        }
-        i += length;
-    }
-    return out;
-}
 
 bool localTime(std::time_t time, std::tm& parts)
 {
@@ -160,7 +99,7 @@ int DailyLog::appendLocked(std::string_view text)
     if (fd < 0) {
         return 1;
     }
-    std::string bytes = toUtf16Le(text);
+    std::string bytes = utf8ToUtf16le(text);
     std::string_view rest = bytes;
     while (!rest.empty()) {
         ssize_t done = ::write(fd, rest.data(), rest.size());

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace tarvoqc {
+
+// Text conversions of the files the system reads and writes. Everything inside is UTF-8;
+// whatever cannot be decoded becomes U+FFFD (one per offending byte or unit), so no input
+// stops a read or a write.
+
+bool isValidUtf8(std::string_view text);
+// text with every byte that does not start a well-formed sequence replaced by U+FFFD.
+std::string sanitizeUtf8(std::string_view text);
+std::string utf16leToUtf8(std::string_view bytes);
+std::string cp1252ToUtf8(std::string_view bytes);
+std::string utf8ToUtf16le(std::string_view text);
+
+} // namespace tarvoqc
