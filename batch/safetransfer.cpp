@@ -501,34 +501,31 @@ std::int32_t Transfer::run(std::string* finalPath)
 
 } // namespace
 
-void TransferProgress::storeText(std::string State::*field, std::string text)
+void TransferProgress::storeFormatted(TransferProgress* record, std::string State::*field,
+                                      const char* format, std::va_list args)
 {
-    std::lock_guard lock(m_mutex);
-    m_state.*field = std::move(text);
+    if (record == nullptr) {
+        return;
+    }
+    std::string text = formatText(format, args);
+    std::lock_guard lock(record->m_mutex);
+    record->m_state.*field = std::move(text);
 }
 
 void TransferProgress::setStatus(TransferProgress* record, const char* format, ...)
 {
-    if (record == nullptr) {
-        return;
-    }
     std::va_list args;
     va_start(args, format);
-    std::string text = formatText(format, args);
+    storeFormatted(record, &State::status, format, args);
     va_end(args);
-    record->storeText(&State::status, std::move(text));
 }
 
 void TransferProgress::setError(TransferProgress* record, const char* format, ...)
 {
-    if (record == nullptr) {
-        return;
-    }
     std::va_list args;
     va_start(args, format);
-    std::string text = formatText(format, args);
+    storeFormatted(record, &State::error, format, args);
     va_end(args);
-    record->storeText(&State::error, std::move(text));
 }
 
 std::int32_t TransferProgress::reportProgress(TransferProgress* record, std::uint64_t done,

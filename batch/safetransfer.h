@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdarg>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -65,7 +66,8 @@ public:
     }
 
 private:
-    void storeText(std::string State::*field, std::string text);
+    static void storeFormatted(TransferProgress* record, std::string State::*field,
+                               const char* format, std::va_list args);
 
     mutable std::mutex m_mutex;
     const std::atomic<std::int32_t>* const m_cancelFlag;
