@@ -696,27 +696,5 @@ TEST(FileExists, AnythingUnderTheNameCounts)
     ::close(writer);
 }
 
-TEST(TransferProgress, AbsentRecordIsSkippedAndCancelFlagIsRead)
-{
-    TransferProgress::setStatus(nullptr, "Open input %s", "x");
-    TransferProgress::setError(nullptr, "Cannot check %s", "x");
-    EXPECT_EQ(TransferProgress::reportProgress(nullptr, 1, 2), 0);
-
-    std::atomic<std::int32_t> cancel{0};
-    TransferProgress record(&cancel);
-    TransferProgress::setStatus(&record, "Open input %s", "/in/clip.mxf");
-    TransferProgress::setError(&record, "Cannot rename out %s to %s", "a.tmp", "b.mxf");
-    EXPECT_EQ(TransferProgress::reportProgress(&record, 1, 4), 0);
-    EXPECT_DOUBLE_EQ(record.ratio(), 0.25);
-    EXPECT_EQ(TransferProgress::reportProgress(&record, 9, 0), 0); // total 0 keeps the ratio
-    EXPECT_DOUBLE_EQ(record.ratio(), 0.25);
-    cancel = 7;
-    EXPECT_EQ(TransferProgress::reportProgress(&record, 5, 4), 7);
-    const TransferProgress::State s = record.snapshot();
-    EXPECT_DOUBLE_EQ(s.ratio, 1.0);
-    EXPECT_EQ(s.status, "Open input /in/clip.mxf");
-    EXPECT_EQ(s.error, "Cannot rename out a.tmp to b.mxf");
-}
-
 } // namespace
 } // namespace tarvoqc

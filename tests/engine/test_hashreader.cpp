@@ -1,10 +1,8 @@
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -200,42 +198,6 @@ TEST_P(HashReaderTest, DestroyedAtAnyTime)
     }
 }
 
-TEST_P(HashReaderTest, KeepsUpWithTheTargetBeforeFinish)
-{
-    // The reader follows the target on its own (Background: without finish() waking it),
-    // in whole pieces, and never runs ahead of it.
-    std::mt19937 rng(9);
-    const std::string content = randomText(6 * kPiece + 77, rng);
-    test::writeFile(m_dir / "clip.bin", content);
-    auto reader = openReader(m_dir / "clip.bin");
-    ASSERT_NE(reader, nullptr);
-    struct Step
-    {
-        std::int64_t target;
-        std::uint64_t hashed;
-    };
-    const Step steps[] = {
-        {100, 0},
-        {kPiece, kPiece},
-        {3 * kPiece + 5, 3 * kPiece},
-        {3 * kPiece + 6, 3 * kPiece},
-        {static_cast<std::int64_t>(content.size()), content.size()},
-    };
-    for (const Step& step : steps) {
-        SCOPED_TRACE(step.target);
-        reader->advanceTo(step.target);
-        // A liveness bound, not a speed target: a lost wake-up never gets there.
-        const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        while (reader->bytesHashed() < step.hashed && std::chrono::steady_clock::now() < giveUp) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        EXPECT_EQ(reader->bytesHashed(), step.hashed);
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        EXPECT_EQ(reader->bytesHashed(), step.hashed) << "ran ahead of the target";
-    }
-    EXPECT_EQ(makeHash256(reader->finish()), hash256Of(content));
-}
-
 INSTANTIATE_TEST_SUITE_P(HashReader, HashReaderTest,
                          ::testing::Values(HashReader::Mode::Inline, HashReader::Mode::Background),
                          modeName);
@@ -285,13 +247,6 @@ TEST(HashReader, FailedReadEndsTheCatchingUpAndTheNextOneTriesAgain)
     }
     ::close(spare);
     ::close(folder);
-}
-
-TEST(HashReader, OpenFailsForAMissingFile)
-{
-    test::TempDir dir;
-    EXPECT_EQ(HashReader::open((dir / "missing.bin").string(), HashReader::Mode::Background),
-              nullptr);
 }
 
 } // namespace
