@@ -25,9 +25,10 @@ using Sev = QcSeverity;
 constexpr int kIoBufferSize = 64 * 1024;
 constexpr TimeBase kMicroseconds{1, AV_TIME_BASE};
 
-ClipTicks fromMicroseconds(std::int64_t value)
+// A library time in clip ticks; the library's "no value" stays no value.
+ClipTicks toClipTicks(std::int64_t value, TimeBase base)
 {
-    return value == AV_NOPTS_VALUE ? kNoTime : rescaleTime(value, kMicroseconds, kClipTimeBase);
+    return value == AV_NOPTS_VALUE ? kNoTime : rescaleTime(value, base, kClipTimeBase);
 }
 
 } // namespace
@@ -171,7 +172,7 @@ std::optional<ClipTicks> ClipChecker::EstimatedDuration() const
     if (!m_session || !m_session->format) {
         return std::nullopt;
     }
-    return fromMicroseconds(m_session->format->duration);
+    return toClipTicks(m_session->format->duration, kMicroseconds);
 }
 
 bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThreadOption)
@@ -243,8 +244,8 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
         return false;
     }
 
-    m_work.clipStart = fromMicroseconds(format->start_time);
-    m_work.clipDuration = fromMicroseconds(format->duration);
+    m_work.clipStart = toClipTicks(format->start_time, kMicroseconds);
+    m_work.clipDuration = toClipTicks(format->duration, kMicroseconds);
     m_work.qcDuration = m_work.clipDuration;
     if (format->start_time == AV_NOPTS_VALUE) {
         report(Cat::MediaTime, Sev::Highest, -1, "Couldn't estimate clip start timecode");
@@ -273,12 +274,8 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
         }
         const TimeBase timeBase{avStream->time_base.num, avStream->time_base.den};
         StreamFacts& facts = stream.facts();
-        facts.headerStart = avStream->start_time == AV_NOPTS_VALUE
-                                ? kNoTime
-                                : rescaleTime(avStream->start_time, timeBase, kClipTimeBase);
-        facts.headerDuration = avStream->duration == AV_NOPTS_VALUE
-                                   ? kNoTime
-                                   : rescaleTime(avStream->duration, timeBase, kClipTimeBase);
+        facts.headerStart = toClipTicks(avStream->start_time, timeBase);
+        facts.headerDuration = toClipTicks(avStream->duration, timeBase);
         if (stream.checkLevel() > 0) {
             checkHeader(stream);
         }

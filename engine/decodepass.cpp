@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <exception>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -54,8 +53,6 @@ int ClipChecker::Run(const std::atomic<std::int32_t>* cancelFlag)
         if (readPackets()) {
             flushDecoders();
         }
-    } catch (const std::exception&) {
-        report(Cat::File, Sev::Critical, -1, "Error exception while query the stream");
     } catch (...) {
         report(Cat::File, Sev::Critical, -1, "Error exception while query the stream");
     }
