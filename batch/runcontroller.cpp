@@ -72,7 +72,6 @@ TickReport RunController::tick()
     // Harvest every runner whose check has ended. An item removed from the list meanwhile
     // ("Clear all") loses its result silently.
     if (m_state != RunState::Idle) {
-        std::vector<std::uint64_t> harvested;
         for (auto it = m_runners.begin(); it != m_runners.end();) {
             if (!(*it)->finished()) {
                 ++it;
@@ -81,15 +80,9 @@ TickReport RunController::tick()
             const std::size_t row = m_list.indexOfId((*it)->itemId());
             if (row != TaskList::npos) {
                 m_list.item(row).setResult(std::make_unique<QcResult>((*it)->result()));
-                harvested.push_back((*it)->itemId());
-            }
-            it = m_runners.erase(it);
-        }
-        for (const std::uint64_t id : harvested) {
-            const std::size_t row = m_list.indexOfId(id);
-            if (row != TaskList::npos) {
                 report.harvestedRows.push_back(row);
             }
+            it = m_runners.erase(it);
         }
         std::sort(report.harvestedRows.begin(), report.harvestedRows.end());
     }
