@@ -5,11 +5,12 @@
 namespace tarvoqc {
 
 CheckRunner::CheckRunner(const TaskItem& item, CheckLevel level, int decoderThreadOption,
-                         int priority)
+                         int priority, const ClipCheckOptions& options)
     : m_itemId(item.id()), m_path(item.path()), m_level(level),
       m_decoderThreadOption(decoderThreadOption), m_priority(priority)
 {
     setStartPriority(priority);
+    m_checker.setOptions(options);
 }
 
 CheckRunner::~CheckRunner()

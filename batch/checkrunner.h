@@ -24,8 +24,9 @@ public:
     // Remembers the item by its id and copies its path; the item is not kept.
     // decoderThreadOption: below 0 single-threaded decoding, otherwise the library's choice.
     // priority: the worker's priority (kThreadPriority...), idle for the window.
+    // options: the limits of level 4 and the decoder threads (see ClipCheckOptions).
     CheckRunner(const TaskItem& item, CheckLevel level, int decoderThreadOption,
-                int priority = kThreadPriorityIdle);
+                int priority = kThreadPriorityIdle, const ClipCheckOptions& options = {});
     // Stops the check (stop flag, up to 2 s, then the forced abort) and releases the
     // checker and its media library objects on the calling thread.
     ~CheckRunner() override;

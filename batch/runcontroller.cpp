@@ -32,8 +32,8 @@ bool RunController::CheckSelected(std::int64_t row)
 
 void RunController::startRunner(TaskItem& item)
 {
-    auto runner = std::make_unique<CheckRunner>(item, m_options.level,
-                                                m_options.decoderThreadOption, m_options.priority);
+    auto runner = std::make_unique<CheckRunner>(
+        item, m_options.level, m_options.decoderThreadOption, m_options.priority, m_options.check);
     runner->StartCheck();
     m_runners.push_back(std::move(runner));
 }

@@ -29,6 +29,8 @@ struct RunControllerOptions
     // The checks' thread priority: idle in the window, so the desktop never waits for a
     // check; the command line runs in the foreground at the caller's priority.
     int priority = kThreadPriorityIdle;
+    // Level 4's limits and the decoder threads of each check.
+    ClipCheckOptions check;
 };
 
 // What one tick did, for the window (or the command line) to show.

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/checkoptions.h"
 #include "results/mediatime.h"
 #include "results/qcissue.h"
 #include "results/qcresult.h"
@@ -37,11 +38,15 @@ public:
     ClipChecker(const ClipChecker&) = delete;
     ClipChecker& operator=(const ClipChecker&) = delete;
 
+    // The limits of level 4 and the decoder threads, for the next Open.
+    void setOptions(const ClipCheckOptions& options) { m_options = options; }
+    const ClipCheckOptions& options() const { return m_options; }
+
     // Opens and probes the clip at path (UTF-8). level is the CheckLevel (see
     // results/qcresult.h); decoderThreadOption below 0 makes decoding single-threaded,
-    // otherwise the library picks. True when the streams were built. A false result
-    // leaves the reason in the issue list (attributes or open failed), except when the
-    // stream information could not be read: that failure is traced only.
+    // otherwise the library picks (unless the options name a thread count). True when the streams
+    // were built. A false result leaves the reason in the issue list (attributes or open failed),
+    // except when the stream information could not be read: that failure is traced only.
     bool Open(const std::string& path, CheckLevel level, int decoderThreadOption);
 
     // The read and decode pass, the keys and the decoded checks; only after a successful
@@ -105,6 +110,7 @@ private:
     std::string m_path;
     CheckLevel m_level = 0;
     int m_decoderThreadOption = 0;
+    ClipCheckOptions m_options;
     bool m_opened = false;
 
     // Working copy of the facts, touched only by the owning thread; published to

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "engine/clipchecker.h"
+#include "engine/contentchecks.h"
 #include "engine/enginetrace.h"
 #include "engine/timechecks.h"
 
@@ -51,6 +52,10 @@ std::int64_t frameDurationOf(AVRational timeBase, AVRational rate)
 }
 
 } // namespace
+
+ClipStream::ClipStream(ClipChecker& owner, int index) : m_owner(owner), m_index(index) {}
+
+ClipStream::~ClipStream() = default;
 
 int ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
 {
@@ -128,7 +133,13 @@ int ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
     EngineTrace(kTraceNormal, "..Stream %d [%s]- %s\n", m_index, m_decoder->name,
                 m_decoder->long_name != nullptr ? m_decoder->long_name : "");
     m_context->pkt_timebase = stream->time_base;
-    if (decoderThreadOption < 0) {
+    // A thread count of the options is used as it stands (frame and slice threads, as the
+    // decoder supports them); otherwise the context keeps the library's own setting.
+    const int threads = std::max(m_owner.m_options.decoderThreads, 1);
+    if (m_owner.m_options.decoderThreads > 0) {
+        m_context->thread_count = threads;
+        m_context->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;
+    } else if (decoderThreadOption < 0) {
         m_context->thread_count = 1;
     }
     if (avcodec_open2(m_context.get(), m_decoder, nullptr) < 0) {
@@ -142,6 +153,11 @@ int ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
     if (!m_frame) {
         m_context.reset();
         return -10;
+    }
+    if (checkLevel >= 4 && isVideoOrAudio()) {
+        m_content =
+            std::make_unique<ContentChecks>(m_owner, m_index, params->codec_type, stream->time_base,
+                                            m_streamStart, m_owner.m_options, threads);
     }
     return 0;
 }
@@ -227,9 +243,12 @@ template <typename OnFrame> bool ClipStream::decode(const AVPacket* packet, OnFr
 
 void ClipStream::decodeVideo(const AVPacket* packet)
 {
-    // Pictures need not be exact: only their presence and time stamps are checked.
-    m_context->skip_loop_filter = AVDISCARD_ALL;
-    m_context->skip_idct = AVDISCARD_ALL;
+    // Below level 4 pictures need not be exact: only their presence and time stamps are
+    // checked. Level 4 looks at the pictures themselves.
+    if (!m_content) {
+        m_context->skip_loop_filter = AVDISCARD_ALL;
+        m_context->skip_idct = AVDISCARD_ALL;
+    }
 
     const bool hasData = packet != nullptr && packet->data != nullptr && packet->size > 0;
     const bool decoded = decode(packet, [&](const AVFrame& frame) {
@@ -241,6 +260,9 @@ void ClipStream::decodeVideo(const AVPacket* packet)
             }
         } else if (m_frameDuration != kNoTime && m_frameDuration > 0) {
             checkFrame(time, m_frameDuration);
+        }
+        if (m_content) {
+            m_content->addFrame(frame, time, m_frameDuration);
         }
     });
     if (!decoded) {
@@ -267,9 +289,16 @@ void ClipStream::decodeAudio(const AVPacket* packet)
                            positionText(time).c_str(), contextChannels, m_context->sample_rate,
                            frameChannels, frame.sample_rate);
         }
+        const std::int64_t duration =
+            frame.sample_rate > 0
+                ? rescaleTime(frame.nb_samples, {1, frame.sample_rate}, m_timeBase)
+                : kNoTime;
         if (time != AV_NOPTS_VALUE && frame.sample_rate > 0) {
             // Samples in the stream time base: samples * den / (num * rate), rounded.
-            checkFrame(time, rescaleTime(frame.nb_samples, {1, frame.sample_rate}, m_timeBase));
+            checkFrame(time, duration);
+        }
+        if (m_content) {
+            m_content->addFrame(frame, time, duration);
         }
     });
     if (!decoded) {
@@ -298,6 +327,13 @@ void ClipStream::checkFrame(std::int64_t time, std::int64_t duration)
     }
     // The check follows the new time line after a jump: one discontinuity, one issue.
     m_nextFrameTime = saturatingAdd(time, duration == kNoTime ? 0 : duration);
+}
+
+void ClipStream::finishContentChecks()
+{
+    if (m_content) {
+        m_content->finish();
+    }
 }
 
 void ClipStream::computeDecodedValues()

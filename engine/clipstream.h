@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "engine/ffmpeg.h"
 #include "results/mediatime.h"
@@ -9,14 +10,15 @@
 namespace tarvoqc {
 
 class ClipChecker;
+class ContentChecks;
 
 // One container stream of an open clip: its facts, its decoder and the time-stamp state
 // of the read pass. Owned by the clip's session; used only on the checker's thread.
 class ClipStream
 {
 public:
-    ClipStream(ClipChecker& owner, int index) : m_owner(owner), m_index(index) {}
-    virtual ~ClipStream() = default;
+    ClipStream(ClipChecker& owner, int index);
+    virtual ~ClipStream();
     ClipStream(const ClipStream&) = delete;
     ClipStream& operator=(const ClipStream&) = delete;
 
@@ -31,6 +33,9 @@ public:
 
     // Rescales the first/next frame time stamps into the decoded start and end.
     void computeDecodedValues();
+
+    // Level 4: reports what the picture and sound checks found, after the pass.
+    void finishContentChecks();
 
     StreamFacts& facts() { return m_facts; }
     const StreamFacts& facts() const { return m_facts; }
@@ -66,6 +71,7 @@ private:
     const AVCodec* m_decoder = nullptr;
     av::CodecContextPtr m_context;
     av::FramePtr m_frame;
+    std::unique_ptr<ContentChecks> m_content; // level 4 only
 
     // Stream time base, or kNoTime.
     std::int64_t m_firstPacketTime = kNoTime;

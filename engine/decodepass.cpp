@@ -68,6 +68,11 @@ int ClipChecker::Run(const std::atomic<std::int32_t>* cancelFlag)
         }
         correctDuration();
     }
+    if (m_level >= 4) {
+        for (const auto& stream : m_session->streams) {
+            stream->finishContentChecks();
+        }
+    }
     m_cancelFlag = nullptr;
     m_progress.store(kProgressMax, std::memory_order_relaxed);
     publishFacts();

@@ -25,7 +25,8 @@ enum class StreamType : std::int32_t {
 std::string_view streamTypeText(StreamType type);
 
 // How deep a check goes: 1 open and header checks; 2 also every packet, packet time-stamp
-// checks and the keys; 3 also decoding with frame checks and the decoded checks.
+// checks and the keys; 3 also decoding with frame checks and the decoded checks; 4 also
+// full decoding with the picture and sound checks (categories Video and Audio).
 using CheckLevel = int;
 
 // What the engine found out about one container stream. Times are ClipTicks (100 ns) or

@@ -1,6 +1,7 @@
 #include "app/check/checkoptions.h"
 
 #include <charconv>
+#include <cstdio>
 #include <functional>
 #include <string_view>
 
@@ -47,6 +48,30 @@ auto intSetter(int CheckOptions::*field, IntRange range, std::string_view name)
     };
 }
 
+struct DecimalRange
+{
+    double low;
+    double high;
+};
+
+auto decimalSetter(double CheckOptions::*field, DecimalRange range, std::string_view name)
+{
+    return [field, range, name](CheckOptions& o, std::string_view value, std::string& error) {
+        double number = 0.0;
+        const auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), number);
+        if (ec != std::errc{} || end != value.data() + value.size() || !(number >= range.low) ||
+            !(number <= range.high)) {
+            char text[160];
+            std::snprintf(text, sizeof text, "%s needs a number from %g to %g, not '",
+                          std::string(name).c_str(), range.low, range.high);
+            error = text + std::string(value) + "'";
+            return false;
+        }
+        o.*field = number;
+        return true;
+    };
+}
+
 auto flagSetter(bool CheckOptions::*field)
 {
     return [field](CheckOptions& o, std::string_view, std::string&) {
@@ -68,7 +93,13 @@ const std::vector<OptionRow>& optionTable()
              return true;
          }},
         {"", "json", false, flagSetter(&CheckOptions::json)},
-        {"l", "level", true, intSetter(&CheckOptions::level, {1, 3}, "--level")},
+        {"l", "level", true, intSetter(&CheckOptions::level, {1, 4}, "--level")},
+        {"", "loudness-target", true,
+         decimalSetter(&CheckOptions::loudnessTarget, {-70.0, 0.0}, "--loudness-target")},
+        {"", "loudness-tolerance", true,
+         decimalSetter(&CheckOptions::loudnessTolerance, {0.0, 30.0}, "--loudness-tolerance")},
+        {"", "true-peak-limit", true,
+         decimalSetter(&CheckOptions::truePeakLimit, {-70.0, 10.0}, "--true-peak-limit")},
         {"j", "jobs", true, intSetter(&CheckOptions::jobs, {0, 256}, "--jobs")},
         {"t", "threshold", true, intSetter(&CheckOptions::threshold, {0, 5}, "--threshold")},
         {"q", "quiet", false, flagSetter(&CheckOptions::quiet)},
@@ -158,8 +189,14 @@ std::string checkUsage()
            "  -o, --output FILE    write the result document (the job result document, UTF-16 "
            "XML)\n"
            "      --json           print one JSON object per clip on stdout (JSON Lines)\n"
-           "  -l, --level N        check level 1..3 (default 3): 1 open and header checks,\n"
-           "                       2 also every packet and the keys, 3 also decoding\n"
+           "  -l, --level N        check level 1..4 (default 3): 1 open and header checks,\n"
+           "                       2 also every packet and the keys, 3 also decoding,\n"
+           "                       4 also full decoding with picture and sound checks (black,\n"
+           "                       frozen and damaged pictures, silence, loudness, true peak,\n"
+           "                       clipping)\n"
+           "      --loudness-target LUFS     level 4: integrated loudness target (default -23)\n"
+           "      --loudness-tolerance LU    level 4: allowed deviation from it (default 1)\n"
+           "      --true-peak-limit DBTP     level 4: highest true peak (default -1)\n"
            "  -j, --jobs N         clips checked at the same time (default 1; 0 = one per core)\n"
            "  -t, --threshold N    lowest passing score 0..5 (default 3)\n"
            "  -q, --quiet          only the summary\n"

@@ -15,6 +15,10 @@ struct CheckOptions
     int level = 3;
     int jobs = 1; // 0 = one per core
     int threshold = 3;
+    // Level 4's limits.
+    double loudnessTarget = -23.0;  // LUFS
+    double loudnessTolerance = 1.0; // LU
+    double truePeakLimit = -1.0;    // dBTP
     bool quiet = false;
     bool version = false;
     bool help = false;

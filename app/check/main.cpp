@@ -152,11 +152,19 @@ int main(int argc, char** argv)
 
     RunControllerOptions runOptions;
     runOptions.level = options->level;
-    runOptions.decoderThreadOption = -1; // one decoder thread per clip; --jobs spreads clips
+    runOptions.decoderThreadOption = -1;
     // A script or a server job runs the checker in the foreground; `nice` lowers it.
     runOptions.priority = kThreadPriorityNormal;
-    runOptions.maxRunners = options->jobs > 0 ? static_cast<std::size_t>(options->jobs)
-                                              : std::max(1U, std::thread::hardware_concurrency());
+    const unsigned cores = std::max(1U, std::thread::hardware_concurrency());
+    runOptions.maxRunners =
+        options->jobs > 0 ? static_cast<std::size_t>(options->jobs) : std::size_t{cores};
+    // --jobs spreads clips over the cores; the cores that no clip takes go to the decoders
+    // of the clips that run, so that a single clip still uses the whole machine.
+    const std::size_t running = std::clamp<std::size_t>(list.size(), 1, runOptions.maxRunners);
+    runOptions.check.decoderThreads = static_cast<int>(std::max<std::size_t>(1, cores / running));
+    runOptions.check.loudnessTarget = options->loudnessTarget;
+    runOptions.check.loudnessTolerance = options->loudnessTolerance;
+    runOptions.check.truePeakLimit = options->truePeakLimit;
     RunController controller(list, runOptions);
     controller.CheckAll(); // an empty list (a job without clips) stays idle
 

@@ -121,6 +121,54 @@ patch_wav bits33.wav 34 33
 make long.ts -f lavfi -i "$(video 30 720x576)" -f lavfi -i "$(tone 30)" \
     -c:v mpeg2video -b:v 6M -g 12 -bf 2 -c:a mp2 -b:a 192k -f mpegts
 
+# Picture and sound faults for the checks of level 4: 320x180 MPEG-2 pictures at 25 fps
+# (black, frozen and damaged runs placed by frame number) and 48 kHz 16-bit PCM sound made by
+# formula, in MOV. A 1 kHz mono sine of amplitude A measures 20 log10(A) - 3.01 LUFS, so 0.1 is -23.
+picture() { # NAME FILTERS [SECONDS]: a picture clip with the filters applied to the pattern
+    make "$1" -f lavfi -i "testsrc2=size=320x180:rate=25:duration=${3:-4},$2" \
+        -c:v mpeg2video -q:v 4 -g 100 -bf 0 -f mov
+}
+sound() { # NAME EXPRESSION [SECONDS]: a mono PCM clip of the expression over t
+    make "$1" -f lavfi -i "aevalsrc=exprs='$2':sample_rate=48000:duration=${3:-6}" \
+        -c:a pcm_s16le -f mov
+}
+black() { echo "drawbox=t=fill:c=black:enable='between(n,$1,$2)'"; }
+picture l4_black_middle.mov "$(black 25 74)"  # 2.00 s from 1.00
+picture l4_black_lead.mov "$(black 0 49)"     # 2.00 s from the first frame
+picture l4_black_0.96.mov "$(black 25 48)"    # 24 frames
+picture l4_black_1.00.mov "$(black 25 49)"    # 25 frames
+# Frames 26 to 99 left out and filled in with frame 25: frozen for 3.00 s from 1.00.
+picture l4_frozen.mov "select='not(between(n,26,99))',fps=25" 6
+sound l4_silent_gap.mov "0.1*sin(2*PI*1000*t)*not(between(t,2,5))"
+sound l4_loud.mov "0.5623*sin(2*PI*1000*t)"             # -8 LUFS
+sound l4_quiet.mov "0.03162*sin(2*PI*1000*t)"           # -33 LUFS
+sound l4_within.mov "0.1110*sin(2*PI*1000*t)"           # -22.1 LUFS: just within target + tolerance
+sound l4_over.mov "0.1136*sin(2*PI*1000*t)"             # -21.9 LUFS: just over it
+# A hundredth of a second of a sine at 1.5 times full scale, cut flat by the 16-bit samples.
+sound l4_clipped.mov "if(between(t,1,1.01),max(-1,min(1,1.5*sin(2*PI*440*t))),0.1*sin(2*PI*1000*t))"
+# A tone with a second, silent track.
+make l4_silent_track.mov -f lavfi -i "aevalsrc=exprs='0.1*sin(2*PI*1000*t)':sample_rate=48000:duration=4" \
+    -f lavfi -i "anullsrc=r=48000:cl=mono:d=4" -map 0 -map 1 -c:a pcm_s16le -f mov
+# A clean delivery with fades at both ends, in H.264 and AAC.
+make l4_clean_fades.mp4 -f lavfi -i "$(video 4 320x180),fade=in:0:25,fade=out:75:25" \
+    -f lavfi -i "aevalsrc=exprs='0.1*sin(2*PI*1000*t)':sample_rate=48000:duration=4,afade=in:d=0.5,afade=out:st=3.5:d=0.5" \
+    -c:v libx264 -preset veryfast -x264-params threads=1 -pix_fmt yuv420p -g 25 \
+    -c:a aac -b:a 128k -ac 1 -f mp4
+# Picture data overwritten in the middle of an MPEG-2 TS: for every TS packet of the video
+# PID (0x100) from 40 % of the file, 24 packets long, bytes 40..187 are set to 0xFF; the
+# packet headers and tables stay intact, so only the pictures suffer.
+make .l4_clean.ts -f lavfi -i "$(video 4 320x180)" -c:v mpeg2video -q:v 2 -g 25 -bf 0 -f mpegts
+if [[ ! -e "$out/l4_damaged.ts" ]]; then
+    perl -e 'local $/; open my $f, "<:raw", $ARGV[0] or die; my $d = <$f>;
+             my $n = int(length($d) / 188); my $hit = 0;
+             for (my $i = int($n * 2 / 5); $i < $n && $hit < 24; ++$i) {
+                 my $p = $i * 188;
+                 next unless ((ord(substr($d, $p + 1, 1)) & 0x1f) << 8 | ord(substr($d, $p + 2, 1))) == 0x100;
+                 substr($d, $p + 40, 148) = "\xff" x 148; ++$hit;
+             }
+             print $d' "$out/.l4_clean.ts" >"$out/.tmp.l4_damaged.ts" && mv "$out/.tmp.l4_damaged.ts" "$out/l4_damaged.ts"
+fi
+
 # Files that only look like clips.
 [[ -e "$out/text.mov" ]] || printf 'This is a text file, not a clip.\nSecond line.\n' >"$out/text.mov"
 [[ -e "$out/random.mxf" ]] || perl -e 'srand(7); print map { chr(int(rand(256))) } 1..65536' >"$out/random.mxf"

@@ -1,0 +1,106 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "engine/checkoptions.h"
+#include "engine/ffmpeg.h"
+#include "results/mediatime.h"
+
+namespace tarvoqc {
+
+class ClipChecker;
+
+// The picture and sound checks of check level 4 on one decoded stream. The frames that
+// the read pass decodes go through a filter graph of the media libraries' detectors
+// (video: blackdetect, freezedetect; audio: ebur128 with true peak, silencedetect), whose
+// findings come back as frame metadata; damaged pictures (the decoder's own marks) and
+// clipped samples are counted here on the frames themselves. finish() turns the runs and
+// measures into issues of the owner.
+//
+// Owned by its ClipStream; used only on the checker's thread.
+class ContentChecks
+{
+public:
+    // timeBase: the stream's; streamStart: the container stream's start in it (kNoTime:
+    // the first frame counts as the start). threads: the detector graph's threads (0: the
+    // library's choice).
+    ContentChecks(ClipChecker& owner, int streamIndex, AVMediaType type, AVRational timeBase,
+                  std::int64_t streamStart, const ClipCheckOptions& options, int threads);
+    virtual ~ContentChecks();
+    ContentChecks(const ContentChecks&) = delete;
+    ContentChecks& operator=(const ContentChecks&) = delete;
+
+    // One decoded frame, in decoding order. time: its best-effort time stamp (stream time
+    // base, kNoTime when unknown); duration: its length in the same base. The frame is
+    // not changed; the detectors take their own reference.
+    void addFrame(const AVFrame& frame, std::int64_t time, std::int64_t duration);
+
+    // Drains the detectors, closes the runs still open at the last frame and reports.
+    // Once; later calls do nothing.
+    void finish();
+
+private:
+    struct Run
+    {
+        ClipTicks start = kNoTime;
+        ClipTicks end = kNoTime;
+    };
+
+    bool buildGraph(const AVFrame& frame);
+    // Feeds one frame (null: the end) and reads every frame the detectors give back.
+    void pushToDetectors(const AVFrame* frame, std::int64_t time);
+    void readMetadata(const AVFrame& frame);
+    void countClipping(const AVFrame& frame, ClipTicks time);
+    ClipTicks toTicks(std::int64_t time) const;
+
+    void reportVideo();
+    void reportAudio();
+    void reportRuns(const std::vector<Run>& runs, ClipTicks minimum, const char* format,
+                    bool damaged);
+
+    ClipChecker& m_owner;
+    const int m_index;
+    const AVMediaType m_type;
+    const AVRational m_timeBase;
+    const ClipCheckOptions m_options;
+    const int m_threads;
+    ClipTicks m_origin = kNoTime;
+
+    av::FilterGraphPtr m_graph;
+    AVFilterContext* m_source = nullptr; // owned by the graph
+    AVFilterContext* m_sink = nullptr;   // owned by the graph
+    av::FramePtr m_in;
+    av::FramePtr m_out;
+    bool m_detectorsFailed = false;
+    bool m_finished = false;
+    // What the graph was built for; a frame that differs stops the detectors.
+    int m_width = 0;
+    int m_height = 0;
+    int m_format = -1;
+    int m_sampleRate = 0;
+    int m_channels = 0;
+
+    ClipTicks m_first = kNoTime; // first frame's time
+    ClipTicks m_end = kNoTime;   // end of the latest frame
+
+    std::vector<Run> m_black;
+    std::vector<Run> m_frozen;
+    std::vector<Run> m_damaged;
+    std::vector<Run> m_silence;
+    ClipTicks m_openBlack = kNoTime;
+    ClipTicks m_openFrozen = kNoTime;
+    ClipTicks m_openSilence = kNoTime;
+    bool m_damageOpen = false;
+
+    double m_integrated = 0.0;
+    bool m_haveIntegrated = false;
+    double m_truePeak = -1.0;  // linear, below 0 when none was measured
+    double m_samplePeak = 0.0; // linear, of the samples as decoded
+    std::int64_t m_sampleCount = 0;
+    std::vector<int> m_fullScaleRun; // per channel: full-scale samples in a row so far
+    std::int64_t m_clipped = 0;
+    ClipTicks m_firstClip = kNoTime;
+};
+
+} // namespace tarvoqc
