@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <climits>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -926,6 +928,19 @@ std::string readSettingText(const std::string& path, const SettingKey& setting)
 {
     std::string_view def = setting.type == SettingType::Folder ? "" : setting.defaultText;
     return readProfileString(path, setting.section, setting.key, def);
+}
+
+double readSettingDecimal(const std::string& path, const SettingKey& setting)
+{
+    const auto parse = [](std::string_view text, double& out) {
+        const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), out);
+        return ec == std::errc{} && end == text.data() + text.size() && std::isfinite(out);
+    };
+    double value = 0.0;
+    if (parse(readSettingText(path, setting), value) || parse(setting.defaultText, value)) {
+        return value;
+    }
+    return 0.0;
 }
 
 } // namespace tarvoqc

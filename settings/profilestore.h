@@ -49,15 +49,15 @@ inline constexpr std::string_view kSectionJob = "Job00";
 // values ("640, 480", "-1, 100, 80, 640, 480") are plain strings to this store.
 inline constexpr std::string_view kSectionWindowsSize = "WindowsSize";
 
-enum class SettingType { Folder, Flag, Integer, Text };
+enum class SettingType { Folder, Flag, Integer, Text, Decimal };
 
 struct SettingKey
 {
     std::string_view section;
     std::string_view key;
     SettingType type;
-    // Text: the default text. Folder: the default sub-folder below the program folder
-    // (empty: the program folder itself).
+    // Text: the default text. Decimal: the default number as text. Folder: the default
+    // sub-folder below the program folder (empty: the program folder itself).
     std::string_view defaultText;
     // Flag and Integer: the default number.
     int defaultNumber;
@@ -65,7 +65,7 @@ struct SettingKey
 
 inline constexpr std::size_t kFolderSlotCount = 6;
 
-inline constexpr std::array<SettingKey, 13> kSettingKeys = {{
+inline constexpr std::array<SettingKey, 17> kSettingKeys = {{
     // Folder memory of the open dialogs; row i is slot i.
     {kSectionOptions, "Default Folder", SettingType::Folder, "", 0},
     {kSectionOptions, "Folder Clips", SettingType::Folder, "", 0},
@@ -81,6 +81,12 @@ inline constexpr std::array<SettingKey, 13> kSettingKeys = {{
     {kSectionJob, "Good.Move.Folder", SettingType::Text, "", 0},
     {kSectionJob, "Bad.Move.Enable", SettingType::Flag, "", 0},
     {kSectionJob, "Bad.Move.Folder", SettingType::Text, "", 0},
+    // How the window and the watch job check: the check level, and the limits of level 4
+    // (LUFS, LU, dBTP).
+    {kSectionOptions, "Check.Level", SettingType::Integer, "", 3},
+    {kSectionOptions, "Loudness.Target", SettingType::Decimal, "-23", 0},
+    {kSectionOptions, "Loudness.Tolerance", SettingType::Decimal, "1", 0},
+    {kSectionOptions, "TruePeak.Limit", SettingType::Decimal, "-1", 0},
 }};
 
 inline constexpr std::size_t kFolderClipsSlot = 1; // the main window's "Open Clips"
@@ -91,6 +97,10 @@ inline constexpr const SettingKey& kJobGoodMoveEnable = kSettingKeys[9];
 inline constexpr const SettingKey& kJobGoodMoveFolder = kSettingKeys[10];
 inline constexpr const SettingKey& kJobBadMoveEnable = kSettingKeys[11];
 inline constexpr const SettingKey& kJobBadMoveFolder = kSettingKeys[12];
+inline constexpr const SettingKey& kCheckLevel = kSettingKeys[13];
+inline constexpr const SettingKey& kLoudnessTarget = kSettingKeys[14];
+inline constexpr const SettingKey& kLoudnessTolerance = kSettingKeys[15];
+inline constexpr const SettingKey& kTruePeakLimit = kSettingKeys[16];
 
 // The row of a fixed key (names compared as the file compares them), or null.
 const SettingKey* findSettingKey(std::string_view section, std::string_view key);
@@ -334,5 +344,8 @@ bool writeProfileRect(const std::string& path, std::string_view section, std::st
 // by readProfileString (a Folder row gives its stored text or "").
 int readSettingNumber(const std::string& path, const SettingKey& setting);
 std::string readSettingText(const std::string& path, const SettingKey& setting);
+// A Decimal row: the value when the whole of it is a finite decimal number ("-23", "0.5",
+// "-1e0"; "." is the decimal point whatever the locale), otherwise the table's default.
+double readSettingDecimal(const std::string& path, const SettingKey& setting);
 
 } // namespace tarvoqc

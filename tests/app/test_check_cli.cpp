@@ -43,6 +43,11 @@ TEST(CheckCli, ScoresIssuesAndExitStatus)
     };
     const Case cases[] = {
         {{"--level", "1", clip("mpeg2_pcm.mxf")}, 0, {"5/5 OK", "mpeg2_pcm.mxf"}},
+        // Level 4 with its limits from the command line.
+        {{"-l4", "--loudness-target", "-8", "--true-peak-limit=-10", clip("l4_loud.mov")},
+         0,
+         {"3/5 Playable", "Audio:[Low] Stream 0 (Audio) True peak -5.0 dBTP over the limit of "
+                          "-10.0 dBTP"}},
         {{"-l1", clip("nothere.mov")},
          1,
          {"0/5 ERROR", "File:[Critical] Couldn't get file attributes"}},
@@ -75,7 +80,9 @@ TEST(CheckCli, UsageErrorsExitWithTwoAndSayWhy)
     };
     const Case cases[] = {
         {{}, "no clip"},
-        {{"--level", "4", "x.mxf"}, "--level"},
+        {{"--level", "5", "x.mxf"}, "--level"},
+        {{"--loudness-target", "-23x", "x.mxf"}, "--loudness-target"},
+        {{"--true-peak-limit", "nan", "x.mxf"}, "--true-peak-limit"},
         {{"-l", "abc", "x.mxf"}, "--level"},
         {{"--threshold", "-1", "x.mxf"}, "--threshold"},
         {{"--jobs", "x", "x.mxf"}, "--jobs"},

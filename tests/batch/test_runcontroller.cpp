@@ -58,7 +58,7 @@ TEST(RunController, CheckAllGivesEveryItemAResultAndMovesPastAClipThatCannotOpen
         for (const char* name : {"mpeg2_pcm.mxf", "text.mov", "nothere.mxf", "h264_aac.mp4"}) {
             list.AppendFromCommandLine((test::testMediaDir() / name).string());
         }
-        RunController controller(list, {3, -1, runners, kThreadPriorityNormal});
+        RunController controller(list, {3, -1, runners, kThreadPriorityNormal, {}});
         EXPECT_EQ(controller.state(), RunState::Idle);
         ASSERT_TRUE(controller.CheckAll());
         EXPECT_FALSE(controller.CheckAll()) << "only from Idle";
@@ -117,7 +117,7 @@ TEST(RunController, CheckSelectedChecksAFinishedItemAgainAndReplacesItsResult)
     old->issues.add(QcIssueCategory::File, QcSeverity::Critical, QcStreamKind::None, -1, "stale");
     list.item(0).setResult(std::move(old));
 
-    RunController controller(list, {3, -1, 1, kThreadPriorityNormal});
+    RunController controller(list, {3, -1, 1, kThreadPriorityNormal, {}});
     EXPECT_FALSE(controller.CheckSelected(-1));
     EXPECT_FALSE(controller.CheckSelected(2));
     ASSERT_TRUE(controller.CheckSelected(0));
@@ -137,7 +137,7 @@ TEST(RunController, CheckSelectedWhileCheckAllRunsIsIgnored)
     TaskList list;
     list.AppendFromCommandLine(clip("long.ts"));
     list.AppendFromCommandLine(clip("mpeg2_pcm.mxf"));
-    RunController controller(list, {3, -1, 1, kThreadPriorityNormal});
+    RunController controller(list, {3, -1, 1, kThreadPriorityNormal, {}});
     ASSERT_TRUE(controller.CheckAll());
     controller.tick();
     EXPECT_FALSE(controller.CheckSelected(1));
@@ -149,7 +149,7 @@ TEST(RunController, ClearAllDuringACheckDiscardsItsResult)
     TaskList list;
     list.AppendFromCommandLine(clip("long.ts"));
     list.AppendFromCommandLine(clip("mpeg2_pcm.mxf"));
-    RunController controller(list, {3, -1, 1, kThreadPriorityNormal});
+    RunController controller(list, {3, -1, 1, kThreadPriorityNormal, {}});
     ASSERT_TRUE(controller.CheckAll());
     const TickReport first = controller.tick();
     ASSERT_TRUE(controller.busy());
@@ -174,7 +174,7 @@ TEST(RunController, ProgressComesFromTheRunningCheck)
 {
     TaskList list;
     list.AppendFromCommandLine(clip("long.ts"));
-    RunController controller(list, {3, -1, 1, kThreadPriorityNormal});
+    RunController controller(list, {3, -1, 1, kThreadPriorityNormal, {}});
     ASSERT_TRUE(controller.CheckAll());
     bool sawMiddle = false;
     for (const TickReport& r : runUntilIdle(controller)) {
@@ -255,7 +255,7 @@ TEST(RunController, DestroyedWhileCheckingStopsItsRunners)
     list.AppendFromCommandLine(clip("long.ts"));
     const auto start = Clock::now();
     {
-        RunController controller(list, {3, -1, 2, kThreadPriorityNormal});
+        RunController controller(list, {3, -1, 2, kThreadPriorityNormal, {}});
         ASSERT_TRUE(controller.CheckAll());
         controller.tick();
         EXPECT_EQ(controller.runners().size(), 2U);

@@ -363,6 +363,20 @@ TEST(ProfileStore, JobKeysWithoutTheirSectionGiveTheTableDefaults)
     EXPECT_EQ(findSettingKey("Job00", "Unknown"), nullptr);
 }
 
+TEST(ProfileStore, CheckKeysReadAsNumbersOrTheirDefaults)
+{
+    TempDir dir;
+    const std::string path = iniIn(dir);
+    EXPECT_EQ(readSettingNumber(path, kCheckLevel), 3);
+    EXPECT_EQ(readSettingDecimal(path, kLoudnessTarget), -23.0);
+    writeFile(path, "[Options]\nCheck.Level=4\nLoudness.Target= -24.5 \nTruePeak.Limit=-1dB\n"
+                    "Loudness.Tolerance=nan\n");
+    EXPECT_EQ(readSettingNumber(path, kCheckLevel), 4);
+    EXPECT_EQ(readSettingDecimal(path, kLoudnessTarget), -24.5);
+    EXPECT_EQ(readSettingDecimal(path, kTruePeakLimit), -1.0);    // not a number: the default
+    EXPECT_EQ(readSettingDecimal(path, kLoudnessTolerance), 1.0); // not finite: the default
+}
+
 TEST(ProfileStore, FolderMemory)
 {
     TempDir dir;
