@@ -4,9 +4,9 @@
 #
 #   bench/check_speed.sh [RUNS]      (default 5 runs per figure; medians are printed)
 #
-# Makes (once, cached in build/bench-media) three realistic 1080p clips: H.264 High about
-# 8 Mbit/s 60 s in MP4 with AAC; MPEG-2 4:2:2 about 50 Mbit/s 60 s in MXF with 4-channel
-# PCM; ProRes 422 30 s in MOV with PCM; and eight 10 s H.264 clips for --jobs.
+# Makes (once, cached in build/bench-media) the clips of bench/benchmedia.sh. The check
+# runs with one decoder thread (--threads 1) like its single-threaded reference, and the
+# --jobs figure measures the spreading of clips alone.
 set -euo pipefail
 
 runs=${1:-5}
@@ -18,48 +18,9 @@ sha="$root/build/release/bench/tarvoqc-sha256"
 media="$root/build/bench-media"
 mkdir -p "$media"
 
-ff=(ffmpeg -nostdin -hide_banner -loglevel error -y)
-# Moving noise keeps the encoders honest: a plain test pattern would compress to nothing.
-src() { echo "testsrc2=size=1920x1080:rate=25:duration=$1,noise=alls=12:allf=t+u"; }
-tone() { echo "sine=frequency=440:sample_rate=48000:duration=$1"; }
-make_clip() { # NAME ffmpeg-arguments...
-    local name=$1
-    shift
-    [[ -s "$media/$name" ]] && return 0
-    echo "making $name ..." >&2
-    "${ff[@]}" "$@" "$media/.tmp.$name" && mv "$media/.tmp.$name" "$media/$name"
-}
-make_clip h264_8M_60s.mp4 -f lavfi -i "$(src 60)" -f lavfi -i "$(tone 60)" \
-    -c:v libx264 -profile:v high -preset faster -b:v 8M -maxrate 8M -bufsize 16M -pix_fmt yuv420p \
-    -g 50 -c:a aac -b:a 192k -ac 2 -f mp4
-make_clip mpeg2_422_50M_60s.mxf -f lavfi -i "$(src 60)" -f lavfi -i "$(tone 60)" \
-    -c:v mpeg2video -pix_fmt yuv422p -b:v 50M -minrate 50M -maxrate 50M -bufsize 17825792 \
-    -g 12 -bf 2 -c:a pcm_s24le -ac 4 -f mxf
-make_clip prores422_30s.mov -f lavfi -i "$(src 30)" -f lavfi -i "$(tone 30)" \
-    -c:v prores_ks -profile:v 2 -pix_fmt yuv422p10le -c:a pcm_s24le -ac 2 -f mov
-for i in 1 2 3 4 5 6 7 8; do
-    make_clip "jobs_$i.mp4" -f lavfi -i "testsrc2=size=1920x1080:rate=25:duration=10,noise=alls=12:allf=t+u,hue=h=$((i * 40))" \
-        -f lavfi -i "$(tone 10)" -c:v libx264 -preset faster -b:v 8M -pix_fmt yuv420p -g 50 \
-        -c:a aac -b:a 128k -f mp4
-done
-
-# measure LABEL command...: runs it $runs times, sets $secs (median wall seconds) and
-# $kib (median peak resident KiB).
-measure() {
-    local label=$1
-    shift
-    local t=() m=()
-    for ((i = 0; i < runs; i++)); do
-        /usr/bin/time -f "%e %M" -o "$media/.time" "$@" >/dev/null 2>&1 || true
-        read -r s k <"$media/.time"
-        t+=("$s")
-        m+=("$k")
-    done
-    secs=$(printf '%s\n' "${t[@]}" | sort -g | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
-    kib=$(printf '%s\n' "${m[@]}" | sort -g | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
-    printf '  %-44s %8.2f s %9d KiB\n' "$label" "$secs" "$kib"
-}
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", (b > 0 ? a / b : 0) }'; }
+source "$root/bench/benchmedia.sh"
+make_check_clips
+make_jobs_clips
 
 echo "TarvoQC check speed, $runs runs each, medians; $(nproc) cores; $(date -u +%Y-%m-%dT%H:%MZ)"
 echo "tarvoqc-check $("$check" --version | cut -d" " -f5-), $(ffmpeg -version | head -1 | cut -d' ' -f1-3)"
@@ -68,7 +29,7 @@ cat "$media"/*.mp4 "$media"/*.mxf "$media"/*.mov >/dev/null # warm cache
 for clip in h264_8M_60s.mp4 mpeg2_422_50M_60s.mxf prores422_30s.mov; do
     f="$media/$clip"
     echo "$clip ($(($(stat -c %s "$f") / 1048576)) MiB)"
-    measure "tarvoqc-check --level 3" "$check" -q --level 3 "$f"
+    measure "tarvoqc-check --level 3 --threads 1" "$check" -q --level 3 --threads 1 "$f"
     ours=$secs ours_kib=$kib
     measure "reference: ffmpeg -threads 1 skip-decode" ffmpeg -nostdin -threads 1 -skip_loop_filter all \
         -skip_idct all -i "$f" -f null -
@@ -90,7 +51,7 @@ measure "tarvoqc-sha256 (own SHA-256)" "$sha" "$f"
 echo "  ratio own/openssl throughput $(ratio "$ssl" "$secs")   (target >= 0.9)"
 
 echo "Eight 10 s 1080p H.264 clips"
-measure "tarvoqc-check --jobs 1" "$check" -q --jobs 1 "$media"/jobs_*.mp4
+measure "tarvoqc-check --jobs 1" "$check" -q --threads 1 --jobs 1 "$media"/jobs_*.mp4
 one=$secs
-measure "tarvoqc-check --jobs 2" "$check" -q --jobs 2 "$media"/jobs_*.mp4
+measure "tarvoqc-check --jobs 2" "$check" -q --threads 1 --jobs 2 "$media"/jobs_*.mp4
 echo "  ratio jobs2/jobs1 time       $(ratio "$secs" "$one")   (target <= 0.6)"

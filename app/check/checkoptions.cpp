@@ -101,6 +101,7 @@ const std::vector<OptionRow>& optionTable()
         {"", "true-peak-limit", true,
          decimalSetter(&CheckOptions::truePeakLimit, {-70.0, 10.0}, "--true-peak-limit")},
         {"j", "jobs", true, intSetter(&CheckOptions::jobs, {0, 256}, "--jobs")},
+        {"", "threads", true, intSetter(&CheckOptions::threads, {0, 256}, "--threads")},
         {"t", "threshold", true, intSetter(&CheckOptions::threshold, {0, 5}, "--threshold")},
         {"q", "quiet", false, flagSetter(&CheckOptions::quiet)},
         {"", "version", false, flagSetter(&CheckOptions::version)},
@@ -198,6 +199,8 @@ std::string checkUsage()
            "      --loudness-tolerance LU    level 4: allowed deviation from it (default 1)\n"
            "      --true-peak-limit DBTP     level 4: highest true peak (default -1)\n"
            "  -j, --jobs N         clips checked at the same time (default 1; 0 = one per core)\n"
+           "      --threads N      decoder threads per clip (default 0: the cores divided\n"
+           "                       among the clips checked at the same time)\n"
            "  -t, --threshold N    lowest passing score 0..5 (default 3)\n"
            "  -q, --quiet          only the summary\n"
            "      --version        print the version\n"

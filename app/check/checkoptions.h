@@ -13,7 +13,8 @@ struct CheckOptions
     std::string output;             // -o: result document path; empty = none
     bool json = false;
     int level = 3;
-    int jobs = 1; // 0 = one per core
+    int jobs = 1;    // 0 = one per core
+    int threads = 0; // decoder threads per clip; 0 = the cores that the clips leave
     int threshold = 3;
     // Level 4's limits.
     double loudnessTarget = -23.0;  // LUFS

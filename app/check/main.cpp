@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -161,7 +162,9 @@ int main(int argc, char** argv)
     // --jobs spreads clips over the cores; the cores that no clip takes go to the decoders
     // of the clips that run, so that a single clip still uses the whole machine.
     const std::size_t running = std::clamp<std::size_t>(list.size(), 1, runOptions.maxRunners);
-    runOptions.check.decoderThreads = static_cast<int>(std::max<std::size_t>(1, cores / running));
+    runOptions.check.decoderThreads =
+        options->threads > 0 ? options->threads
+                             : static_cast<int>(std::max<std::size_t>(1, cores / running));
     runOptions.check.loudnessTarget = options->loudnessTarget;
     runOptions.check.loudnessTolerance = options->loudnessTolerance;
     runOptions.check.truePeakLimit = options->truePeakLimit;
