@@ -352,8 +352,17 @@ CMkButton::CMkButton(const QString& caption, int id, QWidget* parent, int flags)
     : QPushButton(caption, parent), m_flags(flags)
 {
     setKitId(this, id);
-    setAutoDefault(false);
+    // Enter on OK and Cancel is theirs; on other buttons the dialog handles it.
+    setAutoDefault(id == kIdOk || id == kIdCancel);
     setEnabled((flags & kButtonStartsDisabled) == 0);
+    connect(this, &QPushButton::clicked, this, [this, id] {
+        for (QWidget* w = parentWidget(); w != nullptr; w = w->parentWidget()) {
+            if (auto* dialog = qobject_cast<CWDlgClass*>(w)) {
+                dialog->command(id);
+                return;
+            }
+        }
+    });
 }
 
 void CMkButton::setToggle(bool toggle)
@@ -420,6 +429,18 @@ bool CMaGrid::acceptDrag(QDropEvent* event)
     event->setDropAction(Qt::LinkAction);
     event->accept();
     return true;
+}
+
+void CMaGrid::keyPressEvent(QKeyEvent* event)
+{
+    if (isEnter(event) && (event->modifiers() & Qt::ControlModifier) == 0) {
+        if (currentIndex().isValid()) {
+            emit activated(currentIndex());
+        }
+        event->accept();
+        return;
+    }
+    QTreeView::keyPressEvent(event);
 }
 
 void CMaGrid::dragEnterEvent(QDragEnterEvent* event)

@@ -139,7 +139,8 @@ public:
     // Focuses the control; a text field gets its whole text selected.
     void focusControl(QWidget* control);
 
-    // Queues the command as a click would send it.
+    // Sends a command to the dialog now (a kit button's click does), or queued.
+    void command(int id) { onCommand(id); }
     void postCommand(int id);
 
     // The close operation: a close request to the window comes here; the default ends the
@@ -179,7 +180,8 @@ inline constexpr int kButtonFarEnd = 16;
 inline constexpr int kButtonStartsDisabled = 128;
 
 // Push button, or a push-like toggle with left-aligned text (the kit's check box). A
-// button with a menu pops it up under itself when pressed.
+// button with a menu pops it up under itself when pressed; any other click sends the
+// button's id as a command to the kit dialog it sits in.
 class CMkButton : public QPushButton
 {
     Q_OBJECT
@@ -224,6 +226,8 @@ public:
     static std::vector<std::string> droppedPaths(const QMimeData* data);
 
 protected:
+    // Enter is the grid's own: it opens the current row (activated) and goes no further.
+    void keyPressEvent(QKeyEvent* event) override;
     void dragEnterEvent(QDragEnterEvent* event) override;
     void dragMoveEvent(QDragMoveEvent* event) override;
     void dropEvent(QDropEvent* event) override;

@@ -142,10 +142,8 @@ void MainWindow::createControls()
     auto* checkAll = new CMkButton(QStringLiteral("Check all"), kIdCheckAll, m_lowerBar);
     m_checkSelected = new CMkButton(QStringLiteral("Check selected"), kIdCheckSelected, m_lowerBar,
                                     kButtonStartsDisabled);
-    for (CMkButton* b : {checkAll, m_checkSelected}) {
-        connect(b, &QPushButton::clicked, this, [this, b] { onCommand(kitId(b)); });
-        lower->addWidget(b);
-    }
+    lower->addWidget(checkAll);
+    lower->addWidget(m_checkSelected);
     lower->addStretch(1);
 
     m_progress = new CMkProgressBar(kIdProgressBar, this);
@@ -428,7 +426,6 @@ void MainWindow::showAbout()
     setKitId(line, 101);
     auto* legal = new QLabel(fromUtf8(kLegalNotice), &about);
     auto* ok = new CMkButton(QStringLiteral("OK"), kIdOk, &about);
-    connect(ok, &QPushButton::clicked, &about, [&about] { about.postCommand(kIdOk); });
     ok->setDefault(true);
     icon->setGeometry(12, 12, 32, 32);
     line->setGeometry(56, 12, 280, 20);
