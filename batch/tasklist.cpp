@@ -163,10 +163,16 @@ AddFilesResult TaskList::AddFiles(std::int64_t position, const std::vector<std::
     for (std::int64_t i = 0; i < toAdd; ++i) {
         block.push_back(std::make_unique<TaskItem>(*kept[static_cast<std::size_t>(i)]));
     }
+    if (m_observer != nullptr) {
+        m_observer->rowsAboutToBeInserted(row, block.size());
+    }
     m_items.insert(m_items.begin() + static_cast<std::ptrdiff_t>(row),
                    std::make_move_iterator(block.begin()), std::make_move_iterator(block.end()));
     for (std::int64_t i = 0; i < toAdd; ++i) {
         track(*kept[static_cast<std::size_t>(i)]);
+    }
+    if (m_observer != nullptr) {
+        m_observer->rowsInserted();
     }
     outcome.position = row;
     outcome.added = static_cast<std::size_t>(toAdd);
@@ -175,8 +181,14 @@ AddFilesResult TaskList::AddFiles(std::int64_t position, const std::vector<std::
 
 void TaskList::AppendFromCommandLine(const std::string& path)
 {
+    if (m_observer != nullptr) {
+        m_observer->rowsAboutToBeInserted(m_items.size(), 1);
+    }
     m_items.push_back(std::make_unique<TaskItem>(path));
     track(path);
+    if (m_observer != nullptr) {
+        m_observer->rowsInserted();
+    }
 }
 
 bool TaskList::AppendFromJob(const std::string& path)
@@ -190,19 +202,33 @@ bool TaskList::AppendFromJob(const std::string& path)
 
 void TaskList::ClearAll()
 {
+    if (m_observer != nullptr) {
+        m_observer->aboutToReset();
+    }
     m_items.clear();
     m_pathCounts.clear();
+    if (m_observer != nullptr) {
+        m_observer->reset();
+    }
 }
 
 std::size_t TaskList::ClearFinished()
 {
-    return std::erase_if(m_items, [this](const std::unique_ptr<TaskItem>& item) {
-        if (!item->finished()) {
-            return false;
-        }
-        untrack(item->path());
-        return true;
-    });
+    if (m_observer != nullptr) {
+        m_observer->aboutToReset();
+    }
+    const std::size_t removed =
+        std::erase_if(m_items, [this](const std::unique_ptr<TaskItem>& item) {
+            if (!item->finished()) {
+                return false;
+            }
+            untrack(item->path());
+            return true;
+        });
+    if (m_observer != nullptr) {
+        m_observer->reset();
+    }
+    return removed;
 }
 
 void TaskList::ScanFolder(const std::string& folder, std::vector<std::string>& out) const

@@ -82,6 +82,21 @@ struct AddFilesResult
     std::optional<TaskLimitWarning> warning;
 };
 
+// Told of every change of a TaskList's rows, before and after it happens, so that a view
+// (the window's grid model) can follow the list without copying it. Called on the list's
+// own thread, inside the changing call; an observer must not change the list.
+class TaskListObserver
+{
+public:
+    virtual ~TaskListObserver() = default;
+    // count rows are inserted at row (0 < count).
+    virtual void rowsAboutToBeInserted(std::size_t row, std::size_t count) = 0;
+    virtual void rowsInserted() = 0;
+    // The list is about to change as a whole (cleared, or finished items removed).
+    virtual void aboutToReset() = 0;
+    virtual void reset() = 0;
+};
+
 // The ordered list of clips to check; item i is row i of the grid. A plain model: it
 // shows nothing, and its callers (window, run controller, command line) present what the
 // operations report.
@@ -98,6 +113,9 @@ public:
     virtual ~TaskList() = default;
     TaskList(const TaskList&) = delete;
     TaskList& operator=(const TaskList&) = delete;
+
+    // The observer (not owned; null for none) must outlive the list or be unset first.
+    void setObserver(TaskListObserver* observer) { m_observer = observer; }
 
     std::size_t size() const { return m_items.size(); }
     bool empty() const { return m_items.empty(); }
@@ -151,6 +169,7 @@ private:
     void untrack(const std::string& path);
 
     std::vector<std::unique_ptr<TaskItem>> m_items;
+    TaskListObserver* m_observer = nullptr;
     // How many items hold each path: the duplicate test stays fast at 50000 items, and
     // command-line items may share a path.
     std::unordered_map<std::string, std::size_t> m_pathCounts;

@@ -6,7 +6,7 @@ set -euo pipefail
 kind=${1:-release}
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build="$root/build/$kind"
-common=(-DTARVOQC_TEST_MEDIA_DIR="$root/build/testmedia")
+common=(-DTARVOQC_TEST_MEDIA_DIR="$root/build/testmedia" -DTARVOQC_BUILD_UI="${TARVOQC_BUILD_UI:-ON}")
 
 case "$kind" in
     release) args=(-DCMAKE_BUILD_TYPE=Release) ;;

@@ -1,0 +1,183 @@
+// tarvoqc: the window program. Clips and .qcin job files given on the command line are
+// checked at once and the window closes by itself when they are done; with none, the
+// operator adds clips and starts the checks.
+
+#include <QApplication>
+#include <QSocketNotifier>
+#include <clocale>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "app/tarvoqc/medialibraries.h"
+#include "results/jobfile.h"
+#include "results/resultfile.h"
+#include "results/xmlnode.h"
+#include "settings/profilestore.h"
+#include "ui/controlkit.h"
+#include "ui/mainwindow.h"
+
+using namespace tarvoqc;
+
+namespace {
+
+// The locale's number separators, kept for number texts meant for people.
+std::string g_decimalPoint = ".";
+std::string g_thousandsSeparator;
+
+void takeLocale()
+{
+    std::setlocale(LC_ALL, "");
+    if (const lconv* conv = std::localeconv()) {
+        g_decimalPoint = conv->decimal_point != nullptr ? conv->decimal_point : ".";
+        g_thousandsSeparator = conv->thousands_sep != nullptr ? conv->thousands_sep : "";
+    }
+    // Numbers in result documents and logs are read by programs: they never follow the
+    // user's locale.
+    std::setlocale(LC_NUMERIC, "C");
+}
+
+// One command-line token as start-up will apply it.
+struct Token
+{
+    std::string text;
+    bool job = false;
+    bool jobRead = false; // the job file parsed
+    Job parsed;
+};
+
+std::vector<Token> readTokens(int argc, char** argv)
+{
+    std::vector<Token> tokens;
+    for (int i = 1; i < argc; ++i) {
+        Token token;
+        token.text = argv[i];
+        if (token.text.empty()) {
+            continue; // an empty argument is no token
+        }
+        token.job = isJobFile(token.text);
+        if (token.job) {
+            token.jobRead = readJobFile(token.text, token.parsed);
+        }
+        tokens.push_back(std::move(token));
+    }
+    return tokens;
+}
+
+bool anyHidden(const std::vector<Token>& tokens)
+{
+    for (const Token& token : tokens) {
+        if (token.jobRead && token.parsed.hide != 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool haveDisplay()
+{
+    const char* x11 = std::getenv("DISPLAY");
+    const char* wayland = std::getenv("WAYLAND_DISPLAY");
+    return (x11 != nullptr && *x11 != '\0') || (wayland != nullptr && *wayland != '\0');
+}
+
+// SIGINT and SIGTERM become a close request on the window thread: the handler only writes a
+// byte, a socket notifier in the event loop does the rest.
+int g_signalPipe[2] = {-1, -1};
+
+void onStopSignal(int)
+{
+    const char byte = 1;
+    [[maybe_unused]] const auto written = ::write(g_signalPipe[1], &byte, 1);
+}
+
+void installStopSignals()
+{
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, g_signalPipe) != 0) {
+        return;
+    }
+    struct sigaction action = {};
+    action.sa_handler = onStopSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const std::vector<Token> tokens = readTokens(argc, argv);
+    // A hidden job, or a machine without a display, runs on the offscreen platform so that
+    // a server can run job files.
+    if (std::getenv("QT_QPA_PLATFORM") == nullptr && (anyHidden(tokens) || !haveDisplay())) {
+        if (!haveDisplay() && !anyHidden(tokens)) {
+            std::fprintf(stderr, "tarvoqc: no display; the window runs offscreen\n");
+        }
+        ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
+    }
+    installStopSignals();
+    QApplication app(argc, argv);
+    takeLocale();
+
+    ProfileStore settings(settingsPath());
+    setKitSettings(&settings);
+
+    if (!CheckMediaLibraries(nullptr, mediaLibraryVersions())) {
+        return 0;
+    }
+    // The media libraries register their codecs and formats by themselves.
+
+    MainWindow window;
+    QSocketNotifier stopNotifier(g_signalPipe[0], QSocketNotifier::Read);
+    QObject::connect(&stopNotifier, &QSocketNotifier::activated, &window, [&window] {
+        char byte = 0;
+        [[maybe_unused]] const auto got = ::read(g_signalPipe[0], &byte, 1);
+        window.close();
+    });
+
+    bool lastWasJob = false;
+    std::string jobOutput;
+    for (const Token& token : tokens) {
+        if (token.job) {
+            lastWasJob = true;
+            jobOutput = jobResultPath(token.text);
+            if (token.jobRead) {
+                if (token.parsed.hide != 0) {
+                    window.setHide(true);
+                }
+                for (const JobClip& clip : token.parsed.clips) {
+                    window.taskList().AppendFromJob(clip.clipPath);
+                }
+            }
+        } else {
+            lastWasJob = false;
+            window.taskList().AppendFromCommandLine(token.text);
+        }
+        window.setCommandLineMode(true);
+    }
+
+    window.runModal();
+
+    if (window.commandLineMode() && lastWasJob) {
+        const TaskList& list = window.taskList();
+        std::vector<ResultDocumentEntry> entries;
+        entries.reserve(list.size());
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            entries.push_back({list.item(i).path(), list.item(i).result()});
+        }
+        XmlNode document;
+        buildResultDocument(document, entries);
+        if (!document.Save(jobOutput)) {
+            std::fprintf(stderr, "tarvoqc: cannot write the result document '%s'\n",
+                         jobOutput.c_str());
+        }
+    }
+    return 0;
+}

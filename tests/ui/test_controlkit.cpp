@@ -1,0 +1,337 @@
+#include <QPlainTextEdit>
+#include <QScreen>
+#include <QStandardItemModel>
+#include <QTest>
+#include <QTextEdit>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "settings/profilestore.h"
+#include "tests/support/testsupport.h"
+#include "ui/controlkit.h"
+#include "ui/versioncheck.h"
+#include "ui/windowplacement.h"
+
+using namespace tarvoqc;
+
+namespace {
+
+// A settings file of its own for each test, never the user's.
+class KitTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { setKitSettings(&m_store); }
+    void TearDown() override
+    {
+        setKitSettings(nullptr);
+        setKitMainWindow(nullptr);
+        setMessageBoxAnswerer({});
+    }
+    std::string saved(const char* name)
+    {
+        std::string value;
+        m_store.ReadString(kSectionWindowsSize, name, value);
+        return value;
+    }
+
+    test::TempDir m_dir;
+    ProfileStore m_store{(m_dir / "TarvoQC.ini").string(), m_dir.path().string() + "/"};
+};
+
+TEST(WindowPlacement, ValueTextsAndNumbers)
+{
+    struct Row
+    {
+        bool maximised;
+        bool position;
+        std::string text;
+    };
+    const Row rows[] = {{false, false, "640, 480"},
+                        {false, true, "100, 80, 640, 480"},
+                        {true, false, "-1, 640, 480"},
+                        {true, true, "-1, 100, 80, 640, 480"}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.text);
+        EXPECT_EQ(placementText({row.maximised, row.position, QRect(100, 80, 640, 480)}), row.text);
+        std::vector<int> expected =
+            row.position ? std::vector<int>{100, 80, 640, 480} : std::vector<int>{640, 480};
+        if (row.maximised) {
+            expected.insert(expected.begin(), -1);
+        }
+        EXPECT_EQ(placementNumbers(row.text + " G:7, 8"), expected);
+    }
+}
+
+TEST_F(KitTest, PlacementRoundTripsForEveryForm)
+{
+    struct Row
+    {
+        bool keepPosition;
+        bool maximise;
+    };
+    for (const Row row : {Row{false, false}, Row{true, false}, Row{false, true}, Row{true, true}}) {
+        SCOPED_TRACE(testing::Message()
+                     << "position " << row.keepPosition << " maximised " << row.maximise);
+        {
+            CWDlgClass dialog;
+            dialog.setPlacementName("DLG", row.keepPosition);
+            dialog.setGeometry(30, 40, 500, 300);
+            dialog.show();
+            ASSERT_TRUE(QTest::qWaitForWindowExposed(&dialog));
+            if (row.maximise) {
+                dialog.showMaximized();
+                ASSERT_TRUE(QTest::qWaitFor([&] { return dialog.isMaximized(); }));
+            }
+        } // saved on destruction
+        EXPECT_EQ(saved("DLG").rfind("-1, ", 0) == 0, row.maximise) << saved("DLG");
+
+        CWDlgClass again;
+        again.setPlacementName("DLG", row.keepPosition);
+        again.resize(200, 100);
+        again.restorePlacement();
+        again.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&again));
+        EXPECT_EQ(again.isMaximized(), row.maximise);
+        if (row.maximise) {
+            again.showNormal();
+            ASSERT_TRUE(QTest::qWaitFor([&] { return !again.isMaximized(); }));
+        }
+        EXPECT_TRUE(QTest::qWaitFor([&] { return again.size() == QSize(500, 300); }))
+            << saved("DLG");
+        if (row.keepPosition) {
+            EXPECT_EQ(again.geometry().topLeft(), QPoint(30, 40));
+        }
+    }
+}
+
+TEST_F(KitTest, SizeOnlyIsCentredOverTheMainWindowNeverBelowZero)
+{
+    QWidget main;
+    main.setGeometry(100, 100, 800, 600);
+    main.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&main));
+    setKitMainWindow(&main);
+    struct Row
+    {
+        const char* value;
+        QPoint expected;
+    };
+    const Row rows[] = {{"640, 480", QPoint(180, 160)},
+                        {"1200, 1000 G:x", QPoint(0, 0)},
+                        {"700, 200", QPoint(150, 300)}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.value);
+        m_store.WriteString(kSectionWindowsSize, "BOX", row.value);
+        CWDlgClass dialog;
+        dialog.setPlacementName("BOX", false);
+        dialog.restorePlacement();
+        EXPECT_EQ(dialog.pos(), row.expected);
+    }
+    // Without a visible main window the screen is the reference.
+    main.hide();
+    m_store.WriteString(kSectionWindowsSize, "BOX", "100, 50");
+    CWDlgClass dialog;
+    dialog.setPlacementName("BOX", false);
+    dialog.restorePlacement();
+    const QRect screen = QGuiApplication::primaryScreen()->geometry();
+    EXPECT_EQ(dialog.pos(), QPoint(screen.width() / 2 - 50, screen.height() / 2 - 25));
+}
+
+TEST_F(KitTest, EmptyNameSavesNothingAndMissingKeyChangesNothing)
+{
+    {
+        CWDlgClass unnamed;
+        unnamed.setPlacementName("", true);
+        unnamed.resize(300, 200);
+    }
+    EXPECT_FALSE(test::readFile(m_dir / "TarvoQC.ini").find("WindowsSize") != std::string::npos);
+    CWDlgClass fresh;
+    fresh.setPlacementName("NEVER", true);
+    fresh.setGeometry(7, 8, 300, 200);
+    fresh.restorePlacement();
+    EXPECT_EQ(fresh.geometry(), QRect(7, 8, 300, 200));
+}
+
+// A small dialog built from the kit, with a tab order and shortcuts.
+class KeyDialog : public CWDlgClass
+{
+public:
+    KeyDialog()
+    {
+        edit = new CMkEdit("some text", 10, this);
+        button = new CMkButton("Go", 11, this);
+        multi = new QPlainTextEdit(this);
+        setKitId(multi, 12);
+        rich = new QTextEdit(this);
+        setKitId(rich, 13);
+        grid = new CMaGrid(14, this);
+        grid->setModel(&model);
+        model.appendRow(new QStandardItem("row"));
+        ok = new CMkButton("OK", kIdOk, this);
+        int y = 0;
+        for (QWidget* w : std::initializer_list<QWidget*>{edit, button, multi, rich, grid, ok}) {
+            w->setGeometry(0, y, 200, 24);
+            y += 30;
+        }
+        setTabOrderList({10, 11, 12, 14, 0, 13});
+        setShortcutTable({{kShortcutCtrl, Qt::Key_O, 77},
+                          {kShortcutAlt | kShortcutShift, Qt::Key_X, 78},
+                          {kShortcutEnd, 0, 0},
+                          {kShortcutCtrl, Qt::Key_P, 79}});
+        connect(this, &CWDlgClass::commandReceived, [this](int id) { commands.push_back(id); });
+        multi->installEventFilter(&keysSeen);
+        rich->installEventFilter(&keysSeen);
+    }
+
+    // Counts the Return presses that reach a field after the dialog has seen them.
+    struct KeyCounter : QObject
+    {
+        int count = 0;
+        bool eventFilter(QObject*, QEvent* event) override
+        {
+            const auto* key =
+                event->type() == QEvent::KeyPress ? static_cast<QKeyEvent*>(event) : nullptr;
+            count += key != nullptr && (key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter)
+                         ? 1
+                         : 0;
+            return false;
+        }
+    } keysSeen;
+
+    QStandardItemModel model;
+    CMkEdit* edit;
+    CMkButton* button;
+    QPlainTextEdit* multi;
+    QTextEdit* rich;
+    CMaGrid* grid;
+    CMkButton* ok;
+    std::vector<int> commands;
+};
+
+TEST_F(KitTest, DialogKeyboardRules)
+{
+    struct Row
+    {
+        const char* what;
+        int from;
+        Qt::Key key;
+        Qt::KeyboardModifiers modifiers;
+        int focusAfter; // 0: the dialog ended
+        std::vector<int> commands;
+        int fieldKeys = 0; // presses that reached the multi-line or rich-text field
+    };
+    const Row rows[] = {
+        {"Tab moves along the list", 10, Qt::Key_Tab, Qt::NoModifier, 11, {}},
+        {"Shift+Tab wraps to the end", 10, Qt::Key_Backtab, Qt::ShiftModifier, 14, {}},
+        {"Tab wraps to the start", 14, Qt::Key_Tab, Qt::NoModifier, 10, {}},
+        {"Enter in a field navigates", 10, Qt::Key_Return, Qt::NoModifier, 11, {}},
+        {"Enter on a button clicks and navigates", 11, Qt::Key_Return, Qt::NoModifier, 12, {11}},
+        {"Enter in a multi-line field navigates", 12, Qt::Key_Enter, Qt::NoModifier, 14, {}},
+        {"Ctrl+Enter stays in a multi-line field",
+         12,
+         Qt::Key_Return,
+         Qt::ControlModifier,
+         12,
+         {},
+         1},
+        {"Enter on a grid is the grid's", 14, Qt::Key_Return, Qt::NoModifier, 14, {}},
+        {"Ctrl+Enter on a grid navigates", 14, Qt::Key_Return, Qt::ControlModifier, 10, {}},
+        {"Rich text keeps Enter", 13, Qt::Key_Return, Qt::NoModifier, 13, {}, 1},
+        {"Shortcut row", 10, Qt::Key_O, Qt::ControlModifier, 10, {77}},
+        {"Shortcut with two modifiers",
+         11,
+         Qt::Key_X,
+         Qt::AltModifier | Qt::ShiftModifier,
+         11,
+         {78}},
+        {"Rows after the end marker are not read", 10, Qt::Key_P, Qt::ControlModifier, 10, {}},
+        {"Enter on OK is OK's", kIdOk, Qt::Key_Return, Qt::NoModifier, 0, {kIdOk}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        KeyDialog dialog;
+        dialog.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&dialog));
+        dialog.activateWindow();
+        dialog.focusControl(dialog.control(row.from));
+        ASSERT_TRUE(QTest::qWaitFor(
+            [&] { return QApplication::focusWidget() == dialog.control(row.from); }));
+        QTest::keyClick(QApplication::focusWidget(), row.key, row.modifiers);
+        QTest::qWait(20); // queued clicks and commands arrive
+        if (row.focusAfter == 0) {
+            EXPECT_FALSE(dialog.isVisible());
+            EXPECT_EQ(dialog.result(), QDialog::Accepted);
+        } else {
+            EXPECT_EQ(kitId(QApplication::focusWidget()), row.focusAfter);
+        }
+        EXPECT_EQ(dialog.commands, row.commands);
+        EXPECT_EQ(dialog.keysSeen.count, row.fieldKeys);
+    }
+}
+
+TEST_F(KitTest, FocusOnATextFieldSelectsItsText)
+{
+    KeyDialog dialog;
+    dialog.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&dialog));
+    dialog.focusControl(dialog.control(11));
+    QTest::keyClick(dialog.button, Qt::Key_Backtab, Qt::ShiftModifier);
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return QApplication::focusWidget() == static_cast<QWidget*>(dialog.edit); }));
+    EXPECT_EQ(dialog.edit->selectedText(), QString("some text"));
+}
+
+TEST_F(KitTest, VersionCheckAsksInOrderAndStopsAtNo)
+{
+    struct Row
+    {
+        const char* what;
+        std::vector<LibraryVersion> libraries;
+        std::vector<QMessageBox::StandardButton> answers;
+        std::vector<std::string> askedAbout;
+        bool goesOn;
+    };
+    const std::uint32_t v = (59 << 16) | (37 << 8) | 100;
+    const auto all = [v](std::uint32_t avformat, std::uint32_t avutil) {
+        return std::vector<LibraryVersion>{{"avcodec", v, v},
+                                           {"avformat", v, avformat},
+                                           {"avutil", v, avutil},
+                                           {"swresample", v, v},
+                                           {"swscale", v, v}};
+    };
+    const Row rows[] = {
+        {"all equal", all(v, v), {}, {}, true},
+        {"avformat differs, No", all(v + 256, v + 256), {QMessageBox::No}, {"avformat"}, false},
+        {"two differ, Yes twice",
+         all(v - 256, v + 65536),
+         {QMessageBox::Yes, QMessageBox::Yes},
+         {"avformat", "avutil"},
+         true},
+        {"micro alone differs", all(v + 1, v), {QMessageBox::Yes}, {"avformat"}, true},
+        {"box closed otherwise", all(v + 1, v), {QMessageBox::NoButton}, {"avformat"}, true},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        std::vector<std::string> asked;
+        std::size_t next = 0;
+        setMessageBoxAnswerer([&](const MessageBoxRequest& box) {
+            EXPECT_EQ(box.caption, QString("Error"));
+            EXPECT_EQ(box.icon, QMessageBox::Warning);
+            EXPECT_EQ(box.buttons, QMessageBox::Yes | QMessageBox::No);
+            EXPECT_EQ(box.defaultButton, QMessageBox::No);
+            asked.push_back(box.text.section(' ', 3, 3).toStdString());
+            return next < row.answers.size() ? row.answers[next++] : QMessageBox::No;
+        });
+        EXPECT_EQ(CheckMediaLibraries(nullptr, row.libraries), row.goesOn);
+        EXPECT_EQ(asked, row.askedAbout);
+    }
+    EXPECT_EQ(libraryVersionQuestion({"avcodec", 0x392264, 0x395964}),
+              "Your version of avcodec (v57.89.100) is NOT the one required (v57.34.100).\n"
+              "Please install the correct version or continue, but problems may happen.\n"
+              "Do you want to continue?");
+}
+
+} // namespace

@@ -1,0 +1,395 @@
+#include <QAbstractItemModelTester>
+#include <QMenu>
+#include <QMimeData>
+#include <QRegularExpression>
+#include <QTest>
+#include <QUrl>
+#include <chrono>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "settings/profilestore.h"
+#include "tests/support/testsupport.h"
+#include "ui/mainwindow.h"
+#include "ui/tasklistmodel.h"
+
+using namespace tarvoqc;
+namespace fs = std::filesystem;
+
+namespace {
+
+class MainWindowTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        setKitSettings(&m_store);
+        setMessageBoxAnswerer([this](const MessageBoxRequest& box) {
+            m_boxes.push_back(box);
+            return QMessageBox::Ok;
+        });
+    }
+    void TearDown() override
+    {
+        setMessageBoxAnswerer({});
+        setKitSettings(nullptr);
+    }
+
+    static CMaGrid* grid(MainWindow& w) { return static_cast<CMaGrid*>(w.control(kIdTaskGrid)); }
+    static CxTree* tree(MainWindow& w) { return static_cast<CxTree*>(w.control(kIdIssueTree)); }
+    static QString statusCell(MainWindow& w)
+    {
+        return static_cast<QLabel*>(w.control(kIdStatusCell))->text();
+    }
+    static std::vector<std::string> rows(MainWindow& w)
+    {
+        std::vector<std::string> paths;
+        for (std::size_t i = 0; i < w.taskList().size(); ++i) {
+            paths.push_back(w.taskList().item(i).path());
+        }
+        return paths;
+    }
+
+    // Drops the paths on the grid at the point of a row (-1: below the last row), as a
+    // file manager does: enter, then drop. Gives the drop action the grid accepted with.
+    static Qt::DropAction drop(MainWindow& w, const std::vector<std::string>& paths, int row)
+    {
+        CMaGrid* view = grid(w);
+        QMimeData data;
+        QList<QUrl> urls;
+        for (const std::string& p : paths) {
+            urls << QUrl::fromLocalFile(QString::fromStdString(p));
+        }
+        data.setUrls(urls);
+        const QPoint at = row < 0 ? QPoint(5, view->viewport()->height() - 2)
+                                  : view->visualRect(view->model()->index(row, 0)).center();
+        QDragEnterEvent enter(at, Qt::CopyAction | Qt::LinkAction, &data, Qt::LeftButton,
+                              Qt::NoModifier);
+        QApplication::sendEvent(view->viewport(), &enter);
+        if (!enter.isAccepted()) {
+            return Qt::IgnoreAction;
+        }
+        QDropEvent dropped(at, Qt::CopyAction | Qt::LinkAction, &data, Qt::LeftButton,
+                           Qt::NoModifier);
+        QApplication::sendEvent(view->viewport(), &dropped);
+        return enter.dropAction();
+    }
+
+    static void select(MainWindow& w, int row)
+    {
+        grid(w)->setCurrentIndex(grid(w)->model()->index(row, 0));
+    }
+
+    test::TempDir m_dir;
+    ProfileStore m_store{(m_dir / "TarvoQC.ini").string(), m_dir.path().string() + "/"};
+    std::vector<MessageBoxRequest> m_boxes;
+};
+
+TEST_F(MainWindowTest, DropsLandAtTheDropRowInOrder)
+{
+    const fs::path tree = m_dir / "tree";
+    fs::create_directories(tree / "sub");
+    test::writeFile(tree / "a.mxf", "x");
+    test::writeFile(tree / "sub" / "b.ts", "x");
+    test::writeFile(tree / "notes.txt", "x");
+    const std::string x = (m_dir / "x.mp4").string();
+    const std::string y = (m_dir / "y.mp4").string();
+    const std::string upper = (m_dir / "X.MP4").string();
+    const std::string clip = (m_dir / "clip.mov").string();
+
+    MainWindow w;
+    w.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&w));
+    w.addFiles(0, {x, y});
+    EXPECT_EQ(drop(w, {(m_dir / "notes.txt").string()}, 0), Qt::IgnoreAction);
+    // Onto row 1: a clip twice, a text file, a listed path, its other-case twin, a folder.
+    EXPECT_EQ(drop(w, {clip, (m_dir / "z.txt").string(), clip, x, upper, tree.string()}, 1),
+              Qt::LinkAction);
+    std::vector<std::string> scanned; // in the file system's order
+    TaskList().ScanFolder(tree.string(), scanned);
+    ASSERT_EQ(scanned.size(), 2u);
+    std::vector<std::string> expected = {x, clip, clip, upper};
+    expected.insert(expected.end(), scanned.begin(), scanned.end());
+    expected.push_back(y);
+    EXPECT_EQ(rows(w), expected);
+    // Below the last row: appended.
+    const std::string last = (m_dir / "last.wav").string();
+    drop(w, {last}, -1);
+    EXPECT_EQ(rows(w).back(), last);
+    EXPECT_TRUE(m_boxes.empty());
+}
+
+TEST_F(MainWindowTest, OverLimitWarningCarriesTheNumbers)
+{
+    struct Row
+    {
+        std::size_t listed;  // added through the dialog path first
+        std::size_t fromJob; // added past the limit as a job would
+        std::size_t dropped;
+        std::string numbers; // as the box text shows them
+        std::size_t rowsAfter;
+    };
+    const Row rows[] = {
+        {49999, 0, 3,
+         "max of 50000 items.\nThis is trying to add 3 items (2 over the limit), it will only 1.",
+         50000},
+        {50000, 0, 4,
+         "max of 50000 items.\nThis is trying to add 4 items (4 over the limit), it will only 0.",
+         50000},
+        {50000, 2, 1,
+         "max of 50000 items.\nThis is trying to add 1 items (3 over the limit), it will only -2.",
+         50002},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.numbers);
+        m_boxes.clear();
+        MainWindow w;
+        std::vector<std::string> paths;
+        for (std::size_t i = 0; i < row.listed; ++i) {
+            paths.push_back("/clips/" + std::to_string(i) + ".mxf");
+        }
+        w.addFiles(0, paths);
+        for (std::size_t i = 0; i < row.fromJob; ++i) {
+            w.taskList().AppendFromJob("/job/" + std::to_string(i) + ".mxf");
+        }
+        std::vector<std::string> more;
+        for (std::size_t i = 0; i < row.dropped; ++i) {
+            more.push_back("/more/" + std::to_string(i) + ".mp4");
+        }
+        w.dropFiles(0, more);
+        ASSERT_EQ(m_boxes.size(), 1u);
+        EXPECT_EQ(m_boxes[0].caption, QString("Warning"));
+        EXPECT_EQ(m_boxes[0].icon, QMessageBox::Warning);
+        EXPECT_EQ(m_boxes[0].text,
+                  QString::fromStdString(
+                      "Maximum number of task files reached.\nThe list accepts " + row.numbers));
+        EXPECT_EQ(w.taskList().size(), row.rowsAfter);
+    }
+}
+
+TEST_F(MainWindowTest, CheckAllShowsScoresColoursAndIssueGroups)
+{
+    struct Row
+    {
+        const char* clip;
+        const char* status;
+        std::uint32_t back; // 0x00BBGGRR
+        std::uint32_t text;
+        std::vector<const char*> groups;
+    };
+    const Row rows[] = {
+        {"h264_aac.mp4", "5/5 OK", 0x00FF00, 0x000000, {}},
+        {"mpeg2_mp2.ts", "4/5 Good", 0x0000FF, 0x000000, {"MediaTime"}},
+        {"truncated.mxf", "3/5 Playable", 0x0000E0, 0x000000, {"MediaTime"}},
+        {"jump_video_high.ts", "2/5 BAD", 0x0000A0, 0xC0C0C0, {"Frames"}},
+        {"pcm.wav", "1/5 Very BAD", 0x000080, 0xC0C0C0, {"MediaTime"}},
+        {"text.mov", "0/5 ERROR", 0x000040, 0xC0C0C0, {"File"}},
+    };
+    MainWindow w;
+    QAbstractItemModelTester tester(grid(w)->model(),
+                                    QAbstractItemModelTester::FailureReportingMode::Warning);
+    for (const Row& row : rows) {
+        w.taskList().AppendFromCommandLine(test::testClip(row.clip).string());
+    }
+    w.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&w));
+    EXPECT_TRUE(statusCell(w).isEmpty());
+    EXPECT_FALSE(w.control(kIdCheckSelected)->isEnabled());
+    w.start();
+    static_cast<QPushButton*>(w.control(kIdCheckAll))->click();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return statusCell(w) == QString("Finished"); }, 120000))
+        << statusCell(w).toStdString();
+
+    const QAbstractItemModel* model = grid(w)->model();
+    for (int i = 0; i < static_cast<int>(std::size(rows)); ++i) {
+        const Row& row = rows[i];
+        SCOPED_TRACE(row.clip);
+        const QModelIndex status = model->index(i, TaskListModel::StatusColumn);
+        EXPECT_EQ(status.data().toString(), QString(row.status));
+        const auto colour = [](std::uint32_t bgr) {
+            return QColor(bgr & 0xFF, (bgr >> 8) & 0xFF, (bgr >> 16) & 0xFF);
+        };
+        EXPECT_EQ(status.data(Qt::BackgroundRole).value<QColor>(), colour(row.back));
+        EXPECT_EQ(status.data(Qt::ForegroundRole).value<QColor>(), colour(row.text));
+
+        select(w, i);
+        EXPECT_TRUE(w.control(kIdCheckSelected)->isEnabled());
+        const QcResult& result = *w.taskList().item(static_cast<std::size_t>(i)).result();
+        ASSERT_EQ(tree(w)->topLevelItemCount(), static_cast<int>(row.groups.size()))
+            << tree(w)->topLevelItem(0)->text(0).toStdString();
+        for (int g = 0; g < tree(w)->topLevelItemCount(); ++g) {
+            const QTreeWidgetItem* group = tree(w)->topLevelItem(g);
+            EXPECT_EQ(group->text(0).toStdString(), row.groups[static_cast<std::size_t>(g)]);
+            EXPECT_TRUE(group->isExpanded());
+            // Every issue of the group, in the order the check raised them.
+            std::vector<QString> expected;
+            for (const QcIssue& issue : [&] {
+                     std::vector<QcIssue> list;
+                     for (const auto& p : result.issues.all()) {
+                         if (categoryText(p->category) == group->text(0).toStdString()) {
+                             list.push_back(*p);
+                         }
+                     }
+                     return list;
+                 }()) {
+                expected.push_back(QString::fromStdString(issue.text));
+            }
+            ASSERT_EQ(group->childCount(), static_cast<int>(expected.size()));
+            for (int c = 0; c < group->childCount(); ++c) {
+                EXPECT_EQ(group->child(c)->text(0), expected[static_cast<std::size_t>(c)]);
+            }
+        }
+    }
+    // The window thread is told of the end; a second "Check all" has nothing to do.
+    EXPECT_EQ(w.controller().state(), RunState::Idle);
+}
+
+TEST_F(MainWindowTest, ClearDuringACheckAndCheckSelected)
+{
+    MainWindow w;
+    w.taskList().AppendFromCommandLine(test::testClip("long.ts").string());
+    w.taskList().AppendFromCommandLine(test::testClip("h264_aac.mp4").string());
+    w.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&w));
+    w.start();
+    w.command(kIdCheckAll);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return statusCell(w) == QString("Working..."); }));
+    EXPECT_EQ(static_cast<QLabel*>(w.control(kIdStatusCell))->palette().color(QPalette::Window),
+              QColor(0xA0, 0xA0, 0xFF));
+
+    // "Check selected" is ignored while "Check all" runs; "Clear all" empties the list, the
+    // running check goes on and its result is dropped.
+    select(w, 1);
+    w.command(kIdCheckSelected);
+    EXPECT_EQ(w.controller().state(), RunState::All);
+    auto* clearButton = static_cast<QPushButton*>(w.control(kIdClearButton));
+    clearButton->menu()->actions().at(2)->trigger(); // "Clear all"
+    EXPECT_EQ(w.taskList().size(), 0u);
+    EXPECT_FALSE(w.control(kIdCheckSelected)->isEnabled());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return statusCell(w) == QString("Finished"); }, 60000))
+        << statusCell(w).toStdString();
+
+    // "Check selected" on a checked item checks it again; "Clear finished" then removes it.
+    w.taskList().AppendFromCommandLine(test::testClip("h264_aac.mp4").string());
+    w.taskList().AppendFromCommandLine(test::testClip("text.mov").string());
+    select(w, 0);
+    w.command(kIdCheckSelected);
+    EXPECT_EQ(w.controller().state(), RunState::Single);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return w.controller().state() == RunState::Idle; }, 60000));
+    EXPECT_TRUE(w.taskList().item(0).finished());
+    EXPECT_FALSE(w.taskList().item(1).finished());
+    clearButton->menu()->actions().at(0)->trigger(); // "Clear finished"
+    ASSERT_EQ(w.taskList().size(), 1u);
+    EXPECT_EQ(w.taskList().item(0).path(), test::testClip("text.mov").string());
+}
+
+TEST_F(MainWindowTest, LayoutFollowsTheGripAtEverySize)
+{
+    MainWindow w;
+    w.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&w));
+    struct Row
+    {
+        int width, height, gripTo, expectedTop;
+    };
+    const Row rows[] = {{624, 442, 230, 230},
+                        {800, 600, 300, 300},
+                        {800, 600, 50, 128},
+                        {800, 600, 590, 472},
+                        {500, 300, 150, 150}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(testing::Message()
+                     << row.width << "x" << row.height << " grip " << row.gripTo);
+        w.resize(row.width, row.height);
+        auto* grip = static_cast<Grip*>(w.control(kIdGrip));
+        grip->setTop(row.gripTo);
+        const int h = w.height();
+        const int wd = w.width();
+        EXPECT_EQ(grip->minTop(), 128);
+        EXPECT_EQ(grip->maxTop(), h - 128);
+        const int g = grip->top();
+        const int b = grip->bottom();
+        EXPECT_EQ(g, row.expectedTop);
+        EXPECT_EQ(w.control(kIdFileButton)->parentWidget()->geometry(), QRect(0, 0, wd, 20));
+        EXPECT_EQ(w.control(kIdTaskGrid)->geometry(), QRect(0, 20, wd, g - 60));
+        EXPECT_EQ(w.control(kIdCheckAll)->parentWidget()->geometry(), QRect(0, g - 40, wd, 20));
+        EXPECT_EQ(w.control(kIdProgressBar)->geometry(), QRect(0, g - 20, wd, 20));
+        EXPECT_EQ(grip->geometry(), QRect(0, g, wd, b - g));
+        EXPECT_EQ(w.control(kIdIssueTree)->geometry(), QRect(0, b, wd, h - b - 20));
+        EXPECT_EQ(w.control(kIdTitleCell)->parentWidget()->geometry(), QRect(0, h - 20, wd, 20));
+    }
+}
+
+TEST_F(MainWindowTest, TitlesMenusAndClock)
+{
+    MainWindow w;
+    EXPECT_EQ(w.windowTitle(), QString("Tarvo Quality Check"));
+    EXPECT_TRUE(static_cast<QLabel*>(w.control(kIdTitleCell))
+                    ->text()
+                    .contains(QRegularExpression(
+                        "^Tarvo Quality Check v\\d+\\.\\d+\\.\\d+ build \\d{3,}$")));
+    const auto clock = [&] { return static_cast<QLabel*>(w.control(kIdClockCell))->text(); };
+    const QRegularExpression dashes("^\\w+, \\d\\d-\\w+-\\d{4}, \\d\\d:\\d\\d:\\d\\d$");
+    const QRegularExpression dots("^\\w+, \\d\\d\\.\\w+\\.\\d{4}, \\d\\d:\\d\\d:\\d\\d$");
+    EXPECT_TRUE(dashes.match(clock()).hasMatch()) << clock().toStdString();
+    w.onClockTimer();
+    EXPECT_TRUE(dots.match(clock()).hasMatch()) << clock().toStdString();
+
+    const auto entries = [&](int button) {
+        QStringList texts;
+        for (QAction* a : static_cast<QPushButton*>(w.control(button))->menu()->actions()) {
+            texts << (a->isSeparator() ? "-" : a->text() + (a->isEnabled() ? "" : " (grey)"));
+        }
+        return texts.join('|');
+    };
+    EXPECT_EQ(entries(kIdFileButton),
+              "Open Clips|Open Playlists (grey)|-|Save report (grey)|-|Exit");
+    EXPECT_EQ(entries(kIdClearButton), "Clear finished|-|Clear all");
+    EXPECT_EQ(entries(kIdHelpButton), "About");
+}
+
+TEST_F(MainWindowTest, OpenClipsStartsInTheRememberedFolderAndSavesIt)
+{
+    OpenFilesRequest seen;
+    const std::string chosen = (m_dir / "in" / "a.mxf").string();
+    setOpenFilesAnswerer([&](const OpenFilesRequest& request) {
+        seen = request;
+        return QStringList{QString::fromStdString(chosen), QString("/elsewhere/b.txt")};
+    });
+    MainWindow w;
+    static_cast<QPushButton*>(w.control(kIdFileButton))->menu()->actions().at(0)->trigger();
+    setOpenFilesAnswerer({});
+    EXPECT_EQ(seen.caption, QString("Open Clips"));
+    EXPECT_EQ(seen.folder, QString::fromStdString(m_dir.path().string() + "/"));
+    ASSERT_EQ(seen.filters.size(), 7);
+    EXPECT_EQ(seen.filters[1], QString("Audio (*.wav;*.mp3)|*.wav;*.mp3"));
+    EXPECT_EQ(rows(w), std::vector<std::string>{chosen});
+    std::string folder;
+    m_store.ReadString(kSectionOptions, "Folder Clips", folder);
+    EXPECT_EQ(folder, (m_dir / "in").string() + "/");
+}
+
+TEST_F(MainWindowTest, ClosingAtRandomMomentsOfACheckNeverHangs)
+{
+    std::mt19937 random(20261123);
+    for (int round = 0; round < 6; ++round) {
+        const int delay = static_cast<int>(random() % 1500);
+        SCOPED_TRACE(delay);
+        auto w = std::make_unique<MainWindow>();
+        w->taskList().AppendFromCommandLine(test::testClip("long.ts").string());
+        w->taskList().AppendFromCommandLine(test::testClip("h264_aac.mp4").string());
+        w->start();
+        w->command(kIdCheckAll);
+        QTest::qWait(delay);
+        w->close();
+        const auto began = std::chrono::steady_clock::now();
+        w.reset(); // stops the running check
+        EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(4));
+    }
+}
+
+} // namespace

@@ -1,0 +1,235 @@
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/testsupport.h"
+
+extern char** environ;
+
+namespace fs = std::filesystem;
+using namespace tarvoqc;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The window program as a process: offscreen, no display, its settings in a folder of the
+// test's own.
+class WindowProcess
+{
+public:
+    WindowProcess(const std::vector<std::string>& args, const fs::path& home, bool unsetPlatform)
+    {
+        std::vector<std::string> argv = {"/usr/bin/env", "-u", "DISPLAY", "-u", "WAYLAND_DISPLAY"};
+        if (unsetPlatform) {
+            argv.insert(argv.end(), {"-u", "QT_QPA_PLATFORM"});
+        } else {
+            argv.push_back("QT_QPA_PLATFORM=offscreen");
+        }
+        argv.push_back("TARVOQC_HOME=" + home.string());
+        argv.push_back(TARVOQC_WINDOW_EXE);
+        argv.insert(argv.end(), args.begin(), args.end());
+        std::vector<char*> argp;
+        for (std::string& a : argv) {
+            argp.push_back(a.data());
+        }
+        argp.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+        if (::posix_spawn(&m_pid, argp[0], &actions, nullptr, argp.data(), environ) != 0) {
+            m_pid = -1;
+        }
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    ~WindowProcess()
+    {
+        if (m_pid > 0 && !m_status) {
+            ::kill(m_pid, SIGKILL);
+            ::waitpid(m_pid, nullptr, 0);
+        }
+    }
+
+    // The exit status once the process has ended within the time, else nothing.
+    std::optional<int> waitFor(std::chrono::milliseconds limit)
+    {
+        const auto end = Clock::now() + limit;
+        while (!m_status && m_pid > 0) {
+            int status = 0;
+            if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            } else if (Clock::now() >= end) {
+                break;
+            } else {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+        }
+        return m_status;
+    }
+    void signal(int number) { ::kill(m_pid, number); }
+
+private:
+    pid_t m_pid = -1;
+    std::optional<int> m_status;
+};
+
+// The result document read by Python's own XML parser: one line per element of the root,
+// "Clip <path> <Hash256>" or "QCheck <Result>"; "unreadable" when it does not parse.
+std::string documentSummary(const fs::path& document)
+{
+    const char* script =
+        "import sys, xml.etree.ElementTree as ET\n"
+        "text = open(sys.argv[1], "
+        "'rb').read().decode('utf-16-le').lstrip('\\ufeff').rstrip('\\x00')\n"
+        "for e in ET.fromstring(text):\n"
+        "    if e.tag == 'Clip':\n"
+        "        f = e.find('File')\n"
+        "        print('Clip', e.get('File'), f.get('Hash256', '-') if f is not None else '-')\n"
+        "    else:\n"
+        "        print(e.tag, e.get('Result'))\n";
+    const test::CommandResult r = test::runCommand({"python3", "-c", script, document.string()});
+    return r.status == 0 ? r.out : "unreadable";
+}
+
+std::string job(const std::vector<fs::path>& clips, bool hide = false)
+{
+    std::string text = hide ? "<Tarvo_QC Hide=\"1\">\n" : "<Tarvo_QC>\n";
+    for (const fs::path& clip : clips) {
+        text += "  <Clip File=\"" + clip.string() + "\"/>\n";
+    }
+    return text + "</Tarvo_QC>\n";
+}
+
+TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
+{
+    test::TempDir dir;
+    const fs::path home = dir / "home";
+    const fs::path jobs = dir / "in folder";
+    fs::create_directories(jobs);
+    const fs::path ok = test::testClip("h264_aac.mp4");
+    const fs::path truncated = test::testClip("truncated.mxf");
+    const fs::path broken = test::testClip("text.mov");
+    const std::string hashOk = test::sha256sumOf(ok);
+    const std::string hashTruncated = test::sha256sumOf(truncated);
+    ASSERT_FALSE(hashOk.empty());
+
+    test::writeFile(jobs / "A.QCIN", job({ok, truncated, ok, broken}));
+    test::writeFile(jobs / "second.qcin", job({truncated, ok}));
+    test::writeFile(jobs / "empty.qcin", job({}));
+    test::writeFile(jobs / "broken.qcin", "<Tarvo_QC><Clip File=\"" + ok.string() + "\"/>");
+    test::writeFile(jobs / "hidden.qcin", job({ok}, true));
+    test::writeFile(jobs / "x.qcin.bak", job({ok}));
+    test::writeFile(jobs / ".qci", job({ok}));
+
+    const std::string clipLines = "Clip " + ok.string() + " " + hashOk + "\nQCheck 5/5 OK\n" +
+                                  "Clip " + truncated.string() + " " + hashTruncated +
+                                  "\nQCheck 3/5 Playable\n";
+    struct Row
+    {
+        const char* what;
+        std::vector<std::string> args;
+        bool endsByItself;    // else it waits to be closed and gets SIGTERM
+        const char* document; // file expected in the job folder, or nullptr for none
+        std::string summary;  // what the document holds
+        bool unsetPlatform = false;
+    };
+    const Row rows[] = {
+        {"empty command line: interactive, no document", {}, false, nullptr, ""},
+        {"one job, upper-case extension, path with spaces",
+         {(jobs / "A.QCIN").string()},
+         true,
+         "A.qcout",
+         clipLines + "Clip " + broken.string() + " -\nQCheck 0/5 ERROR\n"},
+        {"a job then a clip: no document",
+         {(jobs / "A.QCIN").string(), ok.string()},
+         true,
+         nullptr,
+         ""},
+        {"two jobs: the second's document lists both",
+         {(jobs / "A.QCIN").string(), (jobs / "second.qcin").string()},
+         true,
+         "second.qcout",
+         clipLines + "Clip " + broken.string() + " -\nQCheck 0/5 ERROR\n"},
+        {"a job without clips stays open; closing writes it",
+         {(jobs / "empty.qcin").string()},
+         false,
+         "empty.qcout",
+         ""},
+        {"a job that does not parse adds nothing",
+         {(jobs / "broken.qcin").string()},
+         false,
+         "broken.qcout",
+         ""},
+        {"clips, not jobs",
+         {(jobs / "x.qcin.bak").string(), (jobs / ".qci").string()},
+         true,
+         nullptr,
+         ""},
+        {"Hide without a display",
+         {(jobs / "hidden.qcin").string()},
+         true,
+         "hidden.qcout",
+         "Clip " + ok.string() + " " + hashOk + "\nQCheck 5/5 OK\n",
+         true},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        for (const auto& entry : fs::directory_iterator(jobs)) {
+            if (entry.path().extension() == ".qcout") {
+                fs::remove(entry.path());
+            }
+        }
+        WindowProcess process(row.args, home, row.unsetPlatform);
+        if (row.endsByItself) {
+            EXPECT_EQ(process.waitFor(std::chrono::seconds(60)), 0);
+        } else {
+            // Bounded: the window must still be there after a while, waiting for its user.
+            EXPECT_FALSE(process.waitFor(std::chrono::milliseconds(1500)));
+            process.signal(SIGTERM);
+            EXPECT_EQ(process.waitFor(std::chrono::seconds(5)), 0);
+        }
+        std::vector<std::string> documents;
+        for (const auto& entry : fs::directory_iterator(jobs)) {
+            if (entry.path().extension() == ".qcout") {
+                documents.push_back(entry.path().filename().string());
+            }
+        }
+        if (row.document == nullptr) {
+            EXPECT_TRUE(documents.empty());
+            continue;
+        }
+        ASSERT_EQ(documents, std::vector<std::string>{row.document});
+        EXPECT_EQ(documentSummary(jobs / row.document), row.summary);
+    }
+}
+
+TEST(WindowProgram, TerminationDuringALongCheckWritesTheDocument)
+{
+    test::TempDir dir;
+    const fs::path long_clip = test::testClip("long.ts");
+    test::writeFile(dir / "long.qcin", job({long_clip}));
+    WindowProcess process({(dir / "long.qcin").string()}, dir / "home", false);
+    // The check of a 30 s clip is under way well before it could end by itself.
+    EXPECT_FALSE(process.waitFor(std::chrono::milliseconds(700)));
+    const auto asked = Clock::now();
+    process.signal(SIGTERM);
+    EXPECT_EQ(process.waitFor(std::chrono::seconds(10)), 0);
+    EXPECT_LT(Clock::now() - asked, std::chrono::milliseconds(2500));
+    // Interrupted: listed, with no result.
+    EXPECT_EQ(documentSummary(dir / "long.qcout"), "Clip " + long_clip.string() + " -\n");
+}
+
+} // namespace
