@@ -55,6 +55,8 @@ MainWindow::MainWindow(MainWindowOptions options, QWidget* parent)
     runOptions.decoderThreadOption = 2;
     runOptions.maxRunners = 1;
     runOptions.priority = kThreadPriorityIdle;
+    runOptions.check = m_options.check;
+    runOptions.check.decoderThreads = 0;
     m_controller = std::make_unique<RunController>(m_list, runOptions);
 
     createControls();

@@ -134,7 +134,17 @@ int main(int argc, char** argv)
     }
     // The media libraries register their codecs and formats by themselves.
 
-    MainWindow window;
+    // The settings say how deep the window checks: Check.Level 1..4 (anything else 3) and
+    // level 4's limits.
+    MainWindowOptions windowOptions;
+    const std::string& settingsFile = settings.name();
+    if (const int level = readSettingNumber(settingsFile, kCheckLevel); level >= 1 && level <= 4) {
+        windowOptions.level = level;
+    }
+    windowOptions.check.loudnessTarget = readSettingDecimal(settingsFile, kLoudnessTarget);
+    windowOptions.check.loudnessTolerance = readSettingDecimal(settingsFile, kLoudnessTolerance);
+    windowOptions.check.truePeakLimit = readSettingDecimal(settingsFile, kTruePeakLimit);
+    MainWindow window(windowOptions);
     QSocketNotifier stopNotifier(g_signalPipe[0], QSocketNotifier::Read);
     QObject::connect(&stopNotifier, &QSocketNotifier::activated, &window, [&window] {
         char byte = 0;
