@@ -262,6 +262,7 @@ void ContentChecks::addFrame(const AVFrame& frame, std::int64_t time, std::int64
                     formatMediaTime100ns(saturatingSub(start, m_origin)).c_str());
         pushToDetectors(nullptr, kNoTime);
         m_detectorsFailed = true;
+        m_detectorsEnd = start;
         return;
     }
     pushToDetectors(&frame, time);
@@ -417,12 +418,13 @@ void ContentChecks::finish()
     if (m_first == kNoTime) {
         return; // nothing was decoded: the decode checks have said so
     }
-    // Runs still open at the end last to the end of the last frame.
+    // Runs still open at the end last to the end of the last frame the detectors saw.
+    const ClipTicks end = m_detectorsEnd != kNoTime ? m_detectorsEnd : m_end;
     for (auto [open, runs] :
          {std::pair{&m_openBlack, &m_black}, std::pair{&m_openFrozen, &m_frozen},
           std::pair{&m_openSilence, &m_silence}}) {
         if (*open != kNoTime) {
-            runs->push_back({*open, m_end});
+            runs->push_back({*open, end});
             *open = kNoTime;
         }
     }

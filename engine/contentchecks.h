@@ -81,8 +81,9 @@ private:
     int m_sampleRate = 0;
     int m_channels = 0;
 
-    ClipTicks m_first = kNoTime; // first frame's time
-    ClipTicks m_end = kNoTime;   // end of the latest frame
+    ClipTicks m_first = kNoTime;        // first frame's time
+    ClipTicks m_end = kNoTime;          // end of the latest frame
+    ClipTicks m_detectorsEnd = kNoTime; // where a change of format stopped the detectors
 
     std::vector<Run> m_black;
     std::vector<Run> m_frozen;
