@@ -319,9 +319,11 @@ void ContentChecks::readMetadata(const AVFrame& frame)
             m_openFrozen == kNoTime) {
             m_openFrozen = secondsToTicks(seconds);
         }
-        if (metadataNumber(frame, "lavfi.freezedetect.freeze_end", seconds) &&
+        // The freeze ends at the frame that carries the mark: its own time is exact, where
+        // the mark's text has six digits.
+        if (metadataValue(frame, "lavfi.freezedetect.freeze_end") != nullptr &&
             m_openFrozen != kNoTime) {
-            m_frozen.push_back({m_openFrozen, secondsToTicks(seconds)});
+            m_frozen.push_back({m_openFrozen, at});
             m_openFrozen = kNoTime;
         }
         return;
