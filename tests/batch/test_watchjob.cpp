@@ -350,122 +350,65 @@ TEST(WatchJob, FaultsNeverLoseAClipNorStopTheJob)
     }();
     const std::string clipBytes = readFile(test::testClip(kClean));
     const std::string longBytes = longClipBytes();
+    const auto content = [](const std::string& bytes) {
+        return [bytes](Watch& w) { w.drop(bytes, "clip.mxf", w.src); };
+    };
+    const auto away = [](Watch& w) { fs::rename(w.src, w.dir / "away"); };
+    const auto back = [](Watch& w) { fs::rename(w.dir / "away", w.src); };
+    const auto goodMode = [](fs::perms perms) {
+        return [perms](Watch& w) { fs::permissions(w.good, perms); };
+    };
+    const auto srcMode = [](fs::perms perms) {
+        return [perms](Watch& w) { fs::permissions(w.src, perms); };
+    };
+    const auto nothing = [](Watch&) {};
+    const fs::perms readOnly =
+        fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec;
+    // clang-format off
     const Case cases[] = {
-        {"GOOD folder missing",
-         [](Watch& w) { fs::remove(w.good); },
-         {},
+        {"GOOD folder missing", [](Watch& w) { fs::remove(w.good); }, {},
          "Move failed (-6) Cannot open output temp file <good>/",
          [](Watch& w) { fs::create_directory(w.good); }},
-        {"GOOD folder unwritable",
-         [](Watch& w) {
-             fs::permissions(w.good, fs::perms::owner_all | fs::perms::others_read |
-                                         fs::perms::others_exec);
-         },
-         {},
-         "Move failed (-6) Cannot open output temp file <good>/",
-         [](Watch& w) { fs::permissions(w.good, fs::perms::all); },
-         true},
+        {"GOOD folder unwritable", goodMode(readOnly), {},
+         "Move failed (-6) Cannot open output temp file <good>/", goodMode(fs::perms::all), true},
         {"GOOD folder full",
          [](Watch&) {
              std::signal(SIGXFSZ, SIG_IGN);
              const rlimit limit{100'000, noLimit.rlim_max};
              ::setrlimit(RLIMIT_FSIZE, &limit);
-         },
-         {},
-         "Move failed (-51) Error writing to output file",
-         [](Watch&) {
-             ::setrlimit(RLIMIT_FSIZE, &noLimit);
-             std::signal(SIGXFSZ, SIG_DFL);
-         }},
-        {"same name in the GOOD folder",
-         [](Watch& w) { writeFile(w.good / "clip.mxf", "older"); },
-         {},
-         "Moved <src>/clip.mxf -> <good>/clip (1).mxf",
-         {},
-         false,
-         false,
-         "clip (1).mxf"},
-        {"source folder missing",
-         [](Watch& w) { fs::rename(w.src, w.dir / "away"); },
-         {},
-         "",
-         [](Watch& w) { fs::rename(w.dir / "away", w.src); }},
-        {"source folder unreadable",
-         [](Watch& w) { fs::permissions(w.src, fs::perms::none); },
-         {},
-         "",
-         [](Watch& w) { fs::permissions(w.src, fs::perms::all); },
-         true},
-        {"source folder removed while watched",
-         {},
-         [](Watch& w) { fs::rename(w.src, w.dir / "away"); },
-         "",
-         [](Watch& w) { fs::rename(w.dir / "away", w.src); },
-         false,
-         true},
-        {"not a clip",
-         [&](Watch& w) {
-             writeFile(w.src / "clip.mxf", readFile(test::testClip("text.mov")));
-             age(w.src / "clip.mxf");
-         },
-         {},
-         "Cannot open <src>/clip.mxf",
-         {}},
-        {"empty clip",
-         [&](Watch& w) {
-             writeFile(w.src / "clip.mxf", "");
-             age(w.src / "clip.mxf");
-         },
-         {},
-         "Cannot open <src>/clip.mxf",
-         {}},
+         }, {}, "Move failed (-51) Error writing to output file",
+         [](Watch&) { ::setrlimit(RLIMIT_FSIZE, &noLimit); std::signal(SIGXFSZ, SIG_DFL); }},
+        {"same name in the GOOD folder", [](Watch& w) { writeFile(w.good / "clip.mxf", "older"); },
+         {}, "Moved <src>/clip.mxf -> <good>/clip (1).mxf", {}, false, false, "clip (1).mxf"},
+        {"GOOD folder is the source folder", [](Watch& w) { w.good = w.src; }, {},
+         "Move failed (-4) Cannot copy, output exists", {}},
+        {"source folder missing", away, {}, "", back},
+        {"source folder unreadable", srcMode(fs::perms::none), {}, "", srcMode(fs::perms::all), true},
+        {"source folder removed while watched", {}, away, "", back, false, true},
+        {"not a clip", content(readFile(test::testClip("text.mov"))), {}, "Cannot open <src>/clip.mxf", {}},
+        {"empty clip", content(""), {}, "Cannot open <src>/clip.mxf", {}},
         {"clip held open for writing",
-         [](Watch& w) { writer = ::open((w.src / "clip.mxf").c_str(), O_WRONLY); },
-         {},
-         "",
+         [](Watch& w) { writer = ::open((w.src / "clip.mxf").c_str(), O_WRONLY); }, {}, "",
          [](Watch&) { ::close(writer); }},
         {"clip modified just now",
-         [](Watch& w) {
-             fs::last_write_time(w.src / "clip.mxf", fs::file_time_type::clock::now());
-         },
-         {},
-         "",
-         [](Watch& w) { age(w.src / "clip.mxf"); }},
-        {"clip grows during the check",
-         {},
+         [](Watch& w) { fs::last_write_time(w.src / "clip.mxf", fs::file_time_type::clock::now()); },
+         {}, "", [](Watch& w) { age(w.src / "clip.mxf"); }},
+        {"clip grows during the check", {},
          [](Watch& w) {
              std::FILE* f = std::fopen((w.src / "clip.mxf").c_str(), "ab");
              std::fputs("more", f);
              std::fclose(f);
              age(w.src / "clip.mxf");
-         },
-         "",
-         [](Watch&) {},
-         false,
-         true},
-        {"clip deleted during the check",
-         {},
-         [](Watch& w) { fs::remove(w.src / "clip.mxf"); },
-         "",
-         {},
-         false,
-         true},
-        {"clip replaced during the check",
-         {},
+         }, "", nothing, false, true},
+        {"clip deleted during the check", {}, [](Watch& w) { fs::remove(w.src / "clip.mxf"); }, "",
+         {}, false, true},
+        {"clip replaced during the check", {},
          [&](Watch& w) {
              w.drop(clipBytes, "new.mxf", w.src);
              fs::rename(w.src / "new.mxf", w.src / "clip.mxf");
-         },
-         "",
-         [](Watch&) {},
-         false,
-         true},
-        {"GOOD folder is the source folder",
-         [](Watch& w) { w.good = w.src; },
-         {},
-         "Move failed (-4) Cannot copy, output exists",
-         {}},
+         }, "", nothing, false, true},
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         Watch w;
