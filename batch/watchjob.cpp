@@ -44,6 +44,17 @@ std::int64_t nanoseconds(const struct timespec& time)
     return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
 }
 
+// The wall clock in nanoseconds since the epoch, the time base of modification times.
+std::int64_t realTimeNow()
+{
+    struct timespec now = {};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return nanoseconds(now);
+}
+
+// Added to the wait for a settling clip, so that the next pass does not come a hair early.
+constexpr std::chrono::nanoseconds kSettleMargin = std::chrono::milliseconds(50);
+
 // True when the two paths name one and the same folder.
 bool sameFolder(const std::string& a, const std::string& b)
 {
@@ -326,10 +337,17 @@ void WatchJob::worker()
         if (stopping()) {
             break;
         }
+        // A clip that was too fresh is looked at again as soon as it has settled, so a
+        // drop costs the settle time and not a settle time plus a whole wait.
+        std::chrono::nanoseconds wait = kPassWait;
+        if (m_settledAt != 0) {
+            wait = std::clamp(std::chrono::nanoseconds(m_settledAt - realTimeNow()) + kSettleMargin,
+                              kSettleMargin, std::chrono::nanoseconds(kPassWait));
+        }
         std::unique_lock lock(m_stateLock);
         ++m_status.passes;
         m_changed.notify_all();
-        m_changed.wait_for(lock, kPassWait, [&] { return m_wake || stopping(); });
+        m_changed.wait_for(lock, wait, [&] { return m_wake || stopping(); });
         m_wake = false;
     }
     updateStatus([](WatchJobStatus& status) {
@@ -347,6 +365,7 @@ void WatchJob::runPass(const WatchJobSettings& settings)
     }
     const std::string folder = withSlash(settings.sourceFolder);
     const std::vector<std::string> names = scanFolder(folder);
+    m_settledAt = 0;
 
     // Forget the clips that have gone, so the memory stays as small as the folder.
     const std::set<std::string> present(names.begin(), names.end());
@@ -385,12 +404,12 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
     if (!versionOf(version)) {
         return;
     }
-    struct timespec now = {};
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    const std::int64_t age = nanoseconds(now) - version.modified;
+    const std::int64_t age = realTimeNow() - version.modified;
     const std::int64_t settle =
         std::chrono::duration_cast<std::chrono::nanoseconds>(kSettleTime).count();
     if (age < settle && age > -settle) {
+        const std::int64_t settledAt = version.modified + settle;
+        m_settledAt = m_settledAt == 0 ? settledAt : std::min(m_settledAt, settledAt);
         return;
     }
     {

@@ -89,7 +89,8 @@ struct WatchJobStatus
 // it for a later pass when it changed or went away during the check; decide GOOD or BAD
 // (isGoodClip); move it when that kind is to be moved: a verified copy under the clip's
 // own name in that folder (" (n)" added when the name is taken) and the source deleted
-// only then. Between passes the worker waits 5 s, or less when woken.
+// only then. Between passes the worker waits 5 s; less when woken, or when a clip of the
+// pass was too fresh: then the next pass comes as soon as that clip has settled.
 //
 // What a checked clip leaves: in the daily log "QC <score text> <path>", and for a move
 // "Moved <from> -> <to>" or "Move failed (<code>) <error text>"; its result document
@@ -201,6 +202,9 @@ private:
 
     // Worker only.
     std::map<std::string, Seen> m_seen;
+    // When the first clip that the last pass found too fresh will have settled (wall clock,
+    // ns since the epoch); 0 when there was none.
+    std::int64_t m_settledAt = 0;
 };
 
 } // namespace tarvoqc
