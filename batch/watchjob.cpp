@@ -86,7 +86,8 @@ std::int32_t safeMoveFile(const std::string& destination, const std::string& sou
             *finalPath = copied;
         }
         struct stat after = {};
-        const bool same = known && ::lstat(source.c_str(), &after) == 0 &&
+        // Followed like the copy's own open: for a link, the link goes and its file stays.
+        const bool same = known && ::stat(source.c_str(), &after) == 0 &&
                           after.st_dev == before.st_dev && after.st_ino == before.st_ino &&
                           after.st_size == before.st_size &&
                           nanoseconds(after.st_mtim) == nanoseconds(before.st_mtim);

@@ -279,6 +279,24 @@ TEST(WatchJob, TakesClipNamesOnlyAndLeavesFoldersAlone)
         EXPECT_TRUE(fs::exists(w.src / name)) << name;
         EXPECT_FALSE(fs::exists(w.good / name)) << name;
     }
+
+    // A start while running hands new settings to the next pass: disabled, nothing moves;
+    // enabled with no clip GOOD, the clip goes to the BAD folder.
+    WatchJobSettings settings = w.job.settings();
+    settings.enabled = false;
+    w.job.setSettings(settings);
+    ASSERT_TRUE(w.job.Start());
+    w.drop(bytes, "late.mxf", w.src);
+    w.pass();
+    EXPECT_TRUE(fs::exists(w.src / "late.mxf"));
+    settings.enabled = true;
+    settings.badFolder = w.bad;
+    settings.moveBad = true;
+    settings.goodThreshold = 9;
+    w.job.setSettings(settings);
+    ASSERT_TRUE(w.job.Start());
+    w.pass();
+    EXPECT_TRUE(fs::exists(w.bad / "late.mxf"));
 }
 
 TEST(WatchJob, StopEndsALongCheckAndTheWaitAtOnce)
