@@ -98,8 +98,11 @@ struct WatchJobStatus
 // same file version (path, size, modification time, file identity) with the same result
 // is logged and documented once per run of the worker, and a failed move is logged again
 // only when it fails differently; a clip that cannot be opened is logged once per version
-// as "Cannot open <path>". A move whose copy was made but whose source could not be
-// deleted is not repeated for that version, so no stream of copies grows.
+// as "Cannot open <path>" and is neither moved nor documented. A move whose copy was made
+// but whose source could not be deleted (code -46, "Cannot delete <path>") is not repeated
+// for that version, so no stream of copies grows. An empty GOOD or BAD folder fails the
+// move with -1 "Invalid output name", that folder being the source folder with -4.
+// The worker runs at the owner's priority (use nice for a lower one).
 //
 // Stop: the flag is set, the worker is woken and joined. A check in progress ends at its
 // next packet; the engine then still hashes the rest of that clip, so Stop waits at most
