@@ -3,6 +3,7 @@
 //
 //   tarvoqc-window-bench grid N      add N clips, show them, scroll to and select the last
 //   tarvoqc-window-bench gaps CLIP   check CLIP; the longest gap between 10 ms timer ticks
+//   tarvoqc-window-bench shot PNG ROW CLIP...   check the clips, select a row, save a picture
 
 #include <QApplication>
 #include <QTest>
@@ -77,31 +78,65 @@ int gaps(const char* clip)
     }
     auto last = Clock::now();
     double longest = 0.0;
+    double longestAt = 0.0;
+    bool harvestedThen = false;
     QTimer probe;
+    Clock::time_point start;
     QObject::connect(&probe, &QTimer::timeout, [&] {
         const auto now = Clock::now();
-        longest = std::max(longest, std::chrono::duration<double, std::milli>(now - last).count());
+        const double gap = std::chrono::duration<double, std::milli>(now - last).count();
+        if (gap > longest) {
+            longest = gap;
+            longestAt = std::chrono::duration<double>(now - start).count();
+            harvestedThen = window.taskList().item(0).finished();
+        }
         last = now;
     });
     window.start();
     window.command(kIdCheckAll);
-    const auto start = Clock::now();
+    start = Clock::now();
     last = start;
     probe.start(10);
     while (!window.taskList().item(0).finished() || window.controller().busy()) {
         QApplication::processEvents(QEventLoop::AllEvents, 50);
     }
-    std::printf("gaps: checked in %.1f s; longest gap between 10 ms ticks %.1f ms "
+    std::printf("gaps: checked in %.1f s; longest gap between 10 ms ticks %.1f ms at %.1f s%s "
                 "(target < 50 ms)\n",
-                std::chrono::duration<double>(Clock::now() - start).count(), longest);
+                std::chrono::duration<double>(Clock::now() - start).count(), longest, longestAt,
+                harvestedThen ? ", when the result was harvested" : "");
     return 0;
+}
+
+int shot(const char* png, int row, const std::vector<std::string>& clips)
+{
+    MainWindow window;
+    for (const std::string& clip : clips) {
+        window.taskList().AppendFromCommandLine(clip);
+    }
+    window.resize(820, 560);
+    window.show();
+    if (!QTest::qWaitForWindowExposed(&window)) {
+        return 1;
+    }
+    window.start();
+    window.command(kIdCheckAll);
+    while (window.controller().state() != RunState::Idle || window.controller().busy()) {
+        QApplication::processEvents(QEventLoop::AllEvents, 50);
+    }
+    QTest::qWait(300); // the last tick's status and a clock tick are drawn
+    auto* view = static_cast<CMaGrid*>(window.control(kIdTaskGrid));
+    view->setCurrentIndex(view->model()->index(row, 0));
+    QTest::qWait(200);
+    return window.grab().save(png) ? 0 : 1;
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    ::setenv("QT_QPA_PLATFORM", "offscreen", 0);
+    if (std::getenv("DISPLAY") == nullptr) {
+        ::setenv("QT_QPA_PLATFORM", "offscreen", 0);
+    }
     QApplication app(argc, argv);
     const std::string mode = argc > 1 ? argv[1] : "";
     if (mode == "grid" && argc > 2) {
@@ -109,6 +144,9 @@ int main(int argc, char** argv)
     }
     if (mode == "gaps" && argc > 2) {
         return gaps(argv[2]);
+    }
+    if (mode == "shot" && argc > 4) {
+        return shot(argv[2], std::atoi(argv[3]), std::vector<std::string>(argv + 4, argv + argc));
     }
     std::fprintf(stderr, "usage: tarvoqc-window-bench grid N | gaps CLIP\n");
     return 2;

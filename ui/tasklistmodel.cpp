@@ -99,6 +99,16 @@ void TaskListModel::rowsChanged(const std::vector<std::size_t>& rows)
     }
 }
 
+void StatusCellDelegate::paint(QPainter* painter, const QStyleOptionViewItem& option,
+                               const QModelIndex& index) const
+{
+    QStyleOptionViewItem cell = option;
+    if (index.data(Qt::BackgroundRole).isValid()) {
+        cell.state &= ~QStyle::State_Selected;
+    }
+    QStyledItemDelegate::paint(painter, cell, index);
+}
+
 void TaskListModel::rowsAboutToBeInserted(std::size_t row, std::size_t count)
 {
     beginInsertRows(QModelIndex(), static_cast<int>(row), static_cast<int>(row + count - 1));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QAbstractTableModel>
+#include <QStyledItemDelegate>
 #include <cstdint>
 #include <vector>
 
@@ -49,6 +50,18 @@ private:
     void reset() override;
 
     TaskList& m_list;
+};
+
+// Draws a status cell that has a score on its score colours also in the selected row; the
+// selection shows on the other cells.
+class StatusCellDelegate : public QStyledItemDelegate
+{
+    Q_OBJECT
+
+public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+    void paint(QPainter* painter, const QStyleOptionViewItem& option,
+               const QModelIndex& index) const override;
 };
 
 } // namespace tarvoqc
