@@ -51,89 +51,237 @@ QcStreamKind kindFromText(std::string_view text)
     return text == streamKindText(QcStreamKind::Audio) ? QcStreamKind::Audio : QcStreamKind::None;
 }
 
-int jsonDepth(std::string_view text)
+// Reads one clip line event by event, keeping only what a report shows: the streams and
+// other members are passed over without being built, which keeps a large delivery fast.
+// Depth 1 is the line's object, 2 the issue list, 3 one issue.
+class ClipLineReader : public nlohmann::json_sax<nlohmann::json>
 {
-    int depth = 0;
-    int deepest = 0;
-    bool inString = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (inString) {
-            if (c == '\\') {
-                ++i;
-            } else if (c == '"') {
-                inString = false;
-            }
-        } else if (c == '"') {
-            inString = true;
-        } else if (c == '[' || c == '{') {
-            deepest = std::max(deepest, ++depth);
-        } else if (c == ']' || c == '}') {
-            --depth;
+public:
+    explicit ClipLineReader(ClipRecord& record) : m_record(record) {}
+
+    std::string why;
+
+    bool finish()
+    {
+        if (m_record.path.empty()) {
+            return fail("no \"path\"");
         }
+        return m_score ? true : fail("no \"score\" from 0 to 5");
     }
-    return deepest;
-}
 
-// Member readers: an absent or null member leaves the default; a member of another type
-// makes the line broken.
-bool readString(const nlohmann::json& object, const char* key, std::string& out, std::string& why)
-{
-    const auto it = object.find(key);
-    if (it == object.end() || it->is_null()) {
+    bool null() override { return scalar(Value::Null, {}); }
+    bool boolean(bool) override { return scalar(Value::Other, {}); }
+    bool number_integer(number_integer_t value) override
+    {
+        return scalar(Value::Integer, {}, value);
+    }
+    bool number_unsigned(number_unsigned_t value) override
+    {
+        return value > static_cast<number_unsigned_t>(INT64_MAX)
+                   ? scalar(Value::Other, {})
+                   : scalar(Value::Integer, {}, static_cast<std::int64_t>(value));
+    }
+    bool number_float(number_float_t value, const string_t&) override
+    {
+        return scalar(Value::Real, {}, 0, value);
+    }
+    bool string(string_t& value) override { return scalar(Value::Text, value); }
+    bool binary(binary_t&) override { return scalar(Value::Other, {}); }
+    bool key(string_t& name) override
+    {
+        (m_depth == 1 ? m_key : m_issueKey) = name;
         return true;
     }
-    if (!it->is_string()) {
-        why = std::string("\"") + key + "\" is not a text";
-        return false;
+    bool start_object(std::size_t) override
+    {
+        if (m_depth == 0) {
+            return enter();
+        }
+        if (m_depth == 2 && m_inIssues) {
+            m_issue = Issue{};
+            return enter();
+        }
+        return container() && enter();
     }
-    out = it->get<std::string>();
-    return true;
-}
-
-bool readIssues(const nlohmann::json& line, std::vector<ReportIssue>& issues, std::string& why)
-{
-    const auto list = line.find("issues");
-    if (list == line.end() || list->is_null()) {
-        return true;
-    }
-    if (!list->is_array()) {
-        why = "\"issues\" is not a list";
-        return false;
-    }
-    issues.reserve(list->size());
-    for (const nlohmann::json& item : *list) {
-        if (!item.is_object()) {
-            why = "an issue is not an object";
+    bool end_object() override
+    {
+        if (m_depth == 3 && m_inIssues && !addIssue()) {
             return false;
         }
+        --m_depth;
+        return true;
+    }
+    bool start_array(std::size_t) override
+    {
+        if (m_depth == 0) {
+            return fail("not a JSON object");
+        }
+        if (m_depth == 1 && m_key == "issues") {
+            m_inIssues = true;
+            return enter();
+        }
+        return container() && enter();
+    }
+    bool end_array() override
+    {
+        if (m_depth == 2) {
+            m_inIssues = false;
+        }
+        --m_depth;
+        return true;
+    }
+    bool parse_error(std::size_t, const std::string&,
+                     const nlohmann::detail::exception& error) override
+    {
+        why = error.what();
+        if (const auto end = why.find("] "); why.starts_with("[json.") && end != why.npos) {
+            why.erase(0, end + 2); // the library's error id helps no operator
+        }
+        return false;
+    }
+
+private:
+    enum class Value { Null, Integer, Real, Text, Other };
+    struct Issue
+    {
         std::string category;
         std::string severity;
         std::string kind;
-        ReportIssue issue;
-        if (!readString(item, "category", category, why) ||
-            !readString(item, "severity", severity, why) || !readString(item, "kind", kind, why) ||
-            !readString(item, "text", issue.text, why)) {
-            return false;
-        }
-        const auto cat = categoryFromText(category);
-        const auto sev = severityFromText(severity);
-        if (!cat || !sev) {
-            why = "an issue has an unknown category or severity";
-            return false;
-        }
-        issue.category = *cat;
-        issue.severity = *sev;
-        issue.kind = kindFromText(kind);
-        const auto stream = item.find("stream");
-        if (stream != item.end() && stream->is_number_integer() &&
-            stream->get<std::int64_t>() >= 0 && stream->get<std::int64_t>() <= INT32_MAX) {
-            issue.stream = static_cast<std::int32_t>(stream->get<std::int64_t>());
-        }
-        issues.push_back(std::move(issue));
+        std::string text;
+        std::int32_t stream = -1;
+    };
+
+    bool fail(std::string text)
+    {
+        why = std::move(text);
+        return false;
     }
-    return true;
-}
+    bool enter()
+    {
+        return ++m_depth <= kMaxJsonDepth ? true : fail("nested deeper than a clip line");
+    }
+    // A list or object where the report expects a plain value is an error; anywhere else
+    // (streams, members the report does not show) it is passed over.
+    bool container()
+    {
+        if (m_depth == 0) {
+            return fail("not a JSON object");
+        }
+        if (m_depth == 2 && m_inIssues) {
+            return fail("an issue is not an object");
+        }
+        if ((m_depth == 1 && isRootMember(m_key)) ||
+            (m_depth == 3 && m_inIssues && isIssueMember(m_issueKey))) {
+            return fail("\"" + (m_depth == 1 ? m_key : m_issueKey) + "\" has the wrong type");
+        }
+        return true;
+    }
+    static bool isRootMember(std::string_view key)
+    {
+        for (const std::string_view name :
+             {"path", "score", "size", "duration", "hash256", "fkey", "issues"}) {
+            if (key == name) {
+                return true;
+            }
+        }
+        return false;
+    }
+    static bool isIssueMember(std::string_view key)
+    {
+        for (const std::string_view name : {"category", "severity", "kind", "text", "stream"}) {
+            if (key == name) {
+                return true;
+            }
+        }
+        return false;
+    }
+    bool scalar(Value type, std::string_view text, std::int64_t integer = 0, double real = 0)
+    {
+        if (m_depth == 0) {
+            return fail("not a JSON object");
+        }
+        if (m_depth == 2 && m_inIssues) {
+            return fail("an issue is not an object");
+        }
+        if (m_depth == 3 && m_inIssues) {
+            return issueMember(type, text, integer);
+        }
+        if (m_depth != 1 || !isRootMember(m_key)) {
+            return true;
+        }
+        const auto wrong = [&] { return fail("\"" + m_key + "\" has the wrong type"); };
+        if (m_key == "path" || m_key == "hash256" || m_key == "fkey") {
+            if (type != Value::Text && type != Value::Null) {
+                return wrong();
+            }
+            (m_key == "path"      ? m_record.path
+             : m_key == "hash256" ? m_record.hash256
+                                  : m_record.fkey) = text;
+        } else if (m_key == "score") {
+            if (type != Value::Integer || integer < 0 || integer > kBestScore) {
+                return fail("no \"score\" from 0 to 5");
+            }
+            m_record.score = static_cast<QcScore>(integer);
+            m_score = true;
+        } else if (m_key == "size") {
+            if (type == Value::Integer && integer >= 0) {
+                m_record.size = static_cast<std::uint64_t>(integer);
+            } else if (type != Value::Null) {
+                return wrong();
+            }
+        } else if (m_key == "duration") {
+            if (type == Value::Integer || type == Value::Real) {
+                m_record.duration = type == Value::Real ? real : static_cast<double>(integer);
+            } else if (type != Value::Null) {
+                return wrong();
+            }
+        } else if (type != Value::Null) { // "issues" given as a plain value
+            return wrong();
+        }
+        return true;
+    }
+    bool issueMember(Value type, std::string_view text, std::int64_t integer)
+    {
+        if (m_issueKey == "stream") {
+            if (type == Value::Integer && integer >= 0 && integer <= INT32_MAX) {
+                m_issue.stream = static_cast<std::int32_t>(integer);
+            }
+            return true;
+        }
+        std::string* field = m_issueKey == "category"   ? &m_issue.category
+                             : m_issueKey == "severity" ? &m_issue.severity
+                             : m_issueKey == "kind"     ? &m_issue.kind
+                             : m_issueKey == "text"     ? &m_issue.text
+                                                        : nullptr;
+        if (field == nullptr || type == Value::Null) {
+            return true;
+        }
+        if (type != Value::Text) {
+            return fail("\"" + m_issueKey + "\" of an issue is not a text");
+        }
+        *field = text;
+        return true;
+    }
+    bool addIssue()
+    {
+        const auto category = categoryFromText(m_issue.category);
+        const auto severity = severityFromText(m_issue.severity);
+        if (!category || !severity) {
+            return fail("an issue has an unknown category or severity");
+        }
+        m_record.issues.push_back({*category, *severity, m_issue.stream, kindFromText(m_issue.kind),
+                                   std::move(m_issue.text)});
+        return true;
+    }
+
+    ClipRecord& m_record;
+    int m_depth = 0;
+    bool m_inIssues = false;
+    bool m_score = false;
+    std::string m_key;
+    std::string m_issueKey;
+    Issue m_issue;
+};
 
 bool parseInt64(std::string_view text, std::int64_t& out)
 {
@@ -245,55 +393,13 @@ std::array<int, kCategoryCount> ClipRecord::categoryCounts() const
 
 bool parseJsonLine(std::string_view line, ClipRecord& record, std::string& why)
 {
-    if (jsonDepth(line) > kMaxJsonDepth) {
-        why = "nested deeper than a clip line";
-        return false;
-    }
-    nlohmann::json json;
-    try {
-        json = nlohmann::json::parse(line);
-    } catch (const nlohmann::json::exception& e) {
-        why = e.what();
-        if (const auto end = why.find("] "); why.starts_with("[json.") && end != why.npos) {
-            why.erase(0, end + 2); // the library's error id helps no operator
-        }
-        return false;
-    }
-    if (!json.is_object()) {
-        why = "not a JSON object";
-        return false;
-    }
     record = ClipRecord{};
-    const auto path = json.find("path");
-    if (path == json.end() || !path->is_string() || path->get_ref<const std::string&>().empty()) {
-        why = "no \"path\"";
+    ClipLineReader reader(record);
+    if (!nlohmann::json::sax_parse(line.begin(), line.end(), &reader) || !reader.finish()) {
+        why = reader.why.empty() ? "not a clip line" : reader.why;
         return false;
     }
-    record.path = path->get<std::string>();
-    const auto score = json.find("score");
-    if (score == json.end() || !score->is_number_integer() || score->get<std::int64_t>() < 0 ||
-        score->get<std::int64_t>() > kBestScore) {
-        why = "no \"score\" from 0 to 5";
-        return false;
-    }
-    record.score = static_cast<QcScore>(score->get<std::int64_t>());
-    if (const auto size = json.find("size"); size != json.end() && !size->is_null()) {
-        if (!size->is_number_integer() || size->get<std::int64_t>() < 0) {
-            why = "\"size\" is not a byte count";
-            return false;
-        }
-        record.size = size->get<std::uint64_t>();
-    }
-    if (const auto duration = json.find("duration");
-        duration != json.end() && !duration->is_null()) {
-        if (!duration->is_number()) {
-            why = "\"duration\" is not a number";
-            return false;
-        }
-        record.duration = duration->get<double>();
-    }
-    return readString(json, "hash256", record.hash256, why) &&
-           readString(json, "fkey", record.fkey, why) && readIssues(json, record.issues, why);
+    return true;
 }
 
 bool parseResultDocument(std::string_view bytes, const std::string& name,

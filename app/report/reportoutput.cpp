@@ -360,6 +360,8 @@ constexpr const char* kScript = R"JS(
   window.addEventListener("beforeprint", function () { render(true); });
   window.addEventListener("afterprint", function () { render(false); });
   update(true);
+  // When the first page was on screen, in ms since the page began to load.
+  document.body.setAttribute("data-shown-ms", String(Math.round(performance.now())));
 })();
 )JS";
 
@@ -405,7 +407,11 @@ std::string summaryText(const ReportView& view, std::size_t worstShown)
         std::snprintf(line, sizeof line, "  %-14s ", scoreText(clip.score).data());
         text += line + clip.path + '\n';
         if (!clip.issues.empty()) {
-            text += "                 " + clip.issues.front().longLine() + '\n';
+            std::string worst = clip.issues.front().longLine();
+            while (!worst.empty() && (worst.back() == '\n' || worst.back() == '\r')) {
+                worst.pop_back();
+            }
+            text += "                 " + worst + '\n';
         }
     }
 
