@@ -12,16 +12,6 @@ namespace tarvoqc::report {
 
 namespace {
 
-// The window's score cells, indexed by score.
-constexpr std::array<ScoreColours, kBestScore + 1> kScoreColours = {{
-    {0x000040, 0xC0C0C0},
-    {0x000080, 0xC0C0C0},
-    {0x0000A0, 0xC0C0C0},
-    {0x0000E0, 0x000000},
-    {0x0000FF, 0x000000},
-    {0x00FF00, 0x000000},
-}};
-
 std::string seconds(const std::optional<double>& value)
 {
     if (!value) {
@@ -367,11 +357,6 @@ constexpr const char* kScript = R"JS(
 
 } // namespace
 
-ScoreColours scoreColours(QcScore score)
-{
-    return kScoreColours.at(static_cast<std::size_t>(std::clamp(score, 0, kBestScore)));
-}
-
 std::string cssColour(std::uint32_t bgr)
 {
     char text[8];
@@ -475,7 +460,7 @@ void writeHtml(std::ostream& out, const ReportView& view, const std::string& tit
     nlohmann::json meta = {{"baseline", view.comparison != nullptr}};
     for (QcScore s = 0; s <= kBestScore; ++s) {
         meta["scores"].push_back(scoreText(s));
-        meta["background"].push_back(cssColour(scoreColours(s).background));
+        meta["background"].push_back(cssColour(scoreColours(s).back));
         meta["text"].push_back(cssColour(scoreColours(s).text));
     }
     for (int s = 0; s < kSeverityCount; ++s) {
@@ -511,7 +496,7 @@ void writeHtml(std::ostream& out, const ReportView& view, const std::string& tit
     }
     out << "</p>\n<div class=\"counts\">";
     for (QcScore s = kBestScore; s >= 0; --s) {
-        out << "<span style=\"background:" << cssColour(scoreColours(s).background)
+        out << "<span style=\"background:" << cssColour(scoreColours(s).back)
             << ";color:" << cssColour(scoreColours(s).text) << "\">" << scoreText(s) << ": "
             << perScore[static_cast<std::size_t>(s)] << "</span>";
     }

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "app/report/reportdata.h"
+#include "results/scorecolours.h"
 
 namespace tarvoqc::report {
 
@@ -18,13 +19,6 @@ struct ReportView
     QcScore threshold = 3;
 };
 
-// A score cell as the window draws it: packed 0x00BBGGRR colours.
-struct ScoreColours
-{
-    std::uint32_t background;
-    std::uint32_t text;
-};
-ScoreColours scoreColours(QcScore score); // score 0..5
 // A packed 0x00BBGGRR colour as CSS "#RRGGBB".
 std::string cssColour(std::uint32_t bgr);
 
