@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include <unistd.h>
+
 #include "app/report/reportdata.h"
 #include "app/report/reportoutput.h"
 #include "tarvoqc/version.h"
@@ -229,6 +231,11 @@ int main(int argc, char** argv)
         return kExitPass;
     }
 
+    if (options->inputs.empty() && ::isatty(STDIN_FILENO) != 0) {
+        std::fprintf(stderr, "tarvoqc-report: no input: give result files or pipe JSON lines in "
+                             "(see --help)\n");
+        return kExitUsage;
+    }
     ClipSet clips;
     bool ioError = !readInputs(
         options->inputs.empty() ? std::vector<std::string>{"-"} : options->inputs, clips);

@@ -26,10 +26,10 @@ test::CommandResult tool(const char* exe, std::vector<std::string> args,
 }
 
 // The clips of one run: every score from 0 to 5, a clip that does not exist, and a copy
-// under a name that needs CSV quoting.
+// under a name that needs CSV quoting and HTML escaping.
 std::vector<std::string> runClips(const test::TempDir& dir)
 {
-    const fs::path odd = dir / "odd, \"quoted\" name.mxf";
+    const fs::path odd = dir / "odd, \"quoted\" <!--<b>&amp; name.mxf";
     fs::copy_file(test::testClip("mpeg2_pcm.mxf"), odd);
     return {test::testClip("mpeg2_pcm.mxf").string(),
             test::testClip("jump_video_high.ts").string(),
@@ -160,6 +160,18 @@ TEST_F(ReportTest, BrokenInputLinesAreNamedAndSkipped)
         EXPECT_NE(r.err.find("in.jsonl:4: skipped"), std::string::npos) << r.err;
         EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 2) << r.out; // header + one clip
     }
+    // A result document cut off in the middle: its complete clips still count.
+    const std::string document = test::readFile(dir / "run.qcout");
+    test::writeFile(dir / "cut.qcout", document.substr(0, document.size() * 2 / 3));
+    const test::CommandResult cut =
+        tool(TARVOQC_REPORT_EXE, {"-t0", "-q", (dir / "cut.qcout").string(), "--csv", "-"});
+    EXPECT_EQ(cut.status, 0) << cut.err;
+    EXPECT_NE(cut.err.find("cut.qcout: skipped: the document is not complete"), std::string::npos)
+        << cut.err;
+    const auto rows = std::count(cut.out.begin(), cut.out.end(), '\n') - 1;
+    EXPECT_GT(rows, 2);
+    EXPECT_LT(rows, static_cast<std::ptrdiff_t>(lines.size()));
+
     const test::CommandResult missing =
         tool(TARVOQC_REPORT_EXE, {"-q", (dir / "run.jsonl").string(), (dir / "no.jsonl").string()});
     EXPECT_EQ(missing.status, 2);
@@ -268,7 +280,10 @@ TEST_F(ReportTest, HtmlPageSortsFiltersAndColoursScoresInChromium)
         }
         std::vector<std::string> shown;
         for (const DomRow& row : rows) {
-            shown.push_back(std::regex_replace(row.path, std::regex("&amp;"), "&"));
+            shown.push_back(std::regex_replace(
+                std::regex_replace(std::regex_replace(row.path, std::regex("&lt;"), "<"),
+                                   std::regex("&gt;"), ">"),
+                std::regex("&amp;"), "&"));
             EXPECT_EQ(row.background, colours[row.score].first) << row.path;
             EXPECT_EQ(row.text, colours[row.score].second) << row.path;
             EXPECT_EQ(row.result.substr(0, 2), std::to_string(row.score) + "/");
