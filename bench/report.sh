@@ -27,6 +27,7 @@ for i in range(int(sys.argv[2])):
     clip["path"] = "/library/show %03d/clip %06d%s" % (i // 1000, i, ext)
     print(json.dumps(clip, ensure_ascii=False))
 PY
+echo "load average: $(cut -d' ' -f1-3 /proc/loadavg) on $(nproc) cores"
 echo "input: $(wc -l <"$work/big.jsonl") lines, $(du -m "$work/big.jsonl" | cut -f1) MB" \
      "(from $(wc -l <"$work/real.jsonl") real lines)"
 
@@ -34,10 +35,13 @@ measure() { # LABEL tarvoqc-report-arguments...
     local label=$1
     shift
     /usr/bin/time -v "$build/app/tarvoqc-report" -q "$@" 2>"$work/time.txt" || true
+    # CPU time beside the wall time: on a shared machine the wall time grows with the load.
     awk -v label="$label" -F': ' '
         /Elapsed \(wall clock\)/ { wall = $2 }
+        /User time/ { cpu += $2 }
+        /System time/ { cpu += $2 }
         /Maximum resident set size/ { rss = $2 }
-        END { printf "%-28s wall %s  peak memory %.1f MB\n", label, wall, rss / 1024 }' \
+        END { printf "%-26s wall %s  CPU %.2f s  peak memory %.1f MB\n", label, wall, cpu, rss / 1024 }' \
         "$work/time.txt"
 }
 measure "summary only" "$work/big.jsonl"
