@@ -16,8 +16,8 @@ namespace tarvoqc::report {
 
 namespace {
 
-// A clip line nests three levels (line, issue list, issue); anything much deeper is not
-// a clip line, and is refused before the parser builds it.
+// A clip line nests three levels (line, issue list, issue); a line much deeper is not a
+// clip line, and is refused as soon as the reader gets there.
 constexpr int kMaxJsonDepth = 8;
 constexpr std::size_t kReadChunk = 1u << 20;
 
