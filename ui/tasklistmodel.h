@@ -6,16 +6,9 @@
 #include <vector>
 
 #include "batch/tasklist.h"
+#include "results/scorecolours.h"
 
 namespace tarvoqc {
-
-// Cell colours of the status column by score (0x00BBGGRR), worst first.
-struct ScoreColours
-{
-    std::uint32_t back;
-    std::uint32_t text;
-};
-ScoreColours scoreColours(QcScore score);
 
 // The task grid's view of the TaskList: column 0 "Path", column 1 "Status" (the score text
 // on the score's colours; empty until the item has a result). It reads the list in place,
