@@ -21,6 +21,7 @@ CheckRunner::~CheckRunner()
 void CheckRunner::StartCheck()
 {
     m_checker.setInterruptFlag(stopFlag());
+    m_checkEnded.store(false, std::memory_order_relaxed);
     if (Start()) {
         SetPriority(m_priority);
         return;

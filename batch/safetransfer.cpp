@@ -627,13 +627,9 @@ std::int32_t SafeMove(const std::string& destination, const std::string& source,
         return rc;
     }
     Transfer transfer(destination, source, flags | TransferVerify, progress);
-    std::string copied;
-    const std::int32_t rc = transfer.run(&copied);
+    const std::int32_t rc = transfer.run(finalPath);
     if (rc != 0 || transfer.wasCancelled()) {
         return rc;
-    }
-    if (finalPath != nullptr) {
-        *finalPath = copied;
     }
     // Another file renamed over the source, or the source written to, since it was opened:
     // the copy holds the old content, and deleting the name would lose the new one.
