@@ -434,6 +434,23 @@ TEST(CheckCliHostile, NoCrashNoHangNoLostFile)
     EXPECT_TRUE(fs::is_symlink(at("link.mxf")));
 }
 
+// On a terminal the progress bar shows the clip's name, cut to 40 characters: never
+// inside one.
+TEST(CheckCliHostile, ProgressBarCutsLongNamesBetweenCharacters)
+{
+    const test::TempDir dir;
+    std::string name(36, 'a');
+    for (int i = 0; i < 10; ++i) {
+        name += "\xC3\xA9"; // e acute
+    }
+    const std::string path = (dir / (name + ".mxf")).string();
+    test::writeFile(path, test::readFile(test::testClip("mpeg2_pcm.mxf")));
+    const test::CommandResult r = test::runCommand(
+        {"script", "-qec", std::string(TARVOQC_CHECK_EXE) + " -l2 '" + path + "'", "/dev/null"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find(std::string(36, 'a') + "\xC3\xA9..."), std::string::npos) << r.out;
+}
+
 // An earlier result document is replaced in place: through a link to it, with its mode,
 // and under a name as long as the file system allows.
 TEST(CheckCliHostile, EarlierDocumentIsReplacedThroughLinksWithItsMode)
