@@ -59,7 +59,11 @@ public:
 
     // True once the check has ended (or never ran): the checker is closed and its result
     // complete, though the thread may still be on its way out.
-    bool finished() const { return m_checkEnded.load(std::memory_order_acquire) || !IsRunning(); }
+    bool checkEnded() const { return m_checkEnded.load(std::memory_order_acquire) || !IsRunning(); }
+    // True once the thread is gone too, so that destroying the runner never waits: an idle
+    // thread on a busy machine may take seconds to be given the processor for its last
+    // steps, and the window thread must not wait for that.
+    bool finished() const { return !IsRunning() && HasExited(); }
 
     // Notified when the check ends (not after a forced abort). Set before StartCheck; the
     // signal must outlive the runner's thread.

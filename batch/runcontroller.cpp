@@ -69,7 +69,7 @@ void RunController::waitForRunnerEnd(std::chrono::milliseconds timeout)
     }
     m_endSignal.waitFor(timeout, [this] {
         return std::any_of(m_runners.begin(), m_runners.end(),
-                           [](const auto& runner) { return runner->finished(); });
+                           [](const auto& runner) { return runner->checkEnded(); });
     });
 }
 
