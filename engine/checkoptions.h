@@ -14,6 +14,8 @@ struct ClipCheckOptions
     // to the decoder thread option of Open (below 0 one thread, otherwise the library's
     // choice); a positive number is used as it stands.
     int decoderThreads = 0;
+
+    bool operator==(const ClipCheckOptions&) const = default;
 };
 
 } // namespace tarvoqc

@@ -9,6 +9,7 @@ packages=(
     nlohmann-json3-dev libgtest-dev ffmpeg
     qt6-base-dev xvfb xauth
     clang clang-format libclang-rt-14-dev
+    parallel chromium
 )
 
 missing=()

@@ -128,7 +128,11 @@ void MainWindow::createControls()
     m_model = new TaskListModel(m_list);
     m_grid->setModel(m_model);
     m_grid->header()->resizeSection(TaskListModel::PathColumn, 400);
-    m_grid->header()->resizeSection(TaskListModel::StatusColumn, 80);
+    // At least the described 80 pixels, and wide enough for the longest score text.
+    m_grid->header()->resizeSection(
+        TaskListModel::StatusColumn,
+        std::max(80, m_grid->fontMetrics().horizontalAdvance(QStringLiteral("1/5 Very BAD")) + 16));
+    m_grid->setItemDelegateForColumn(TaskListModel::StatusColumn, new StatusCellDelegate(m_grid));
     m_grid->setDropHandler(
         [](const std::vector<std::string>& paths) { return TaskList::CanAccept(paths); },
         [this](int row, const std::vector<std::string>& paths) { dropFiles(row, paths); });
@@ -158,7 +162,7 @@ void MainWindow::createControls()
     m_tree = new CxTree(kIdIssueTree, this);
     m_tree->setColumnCount(2);
     m_tree->header()->setStretchLastSection(true);
-    m_tree->header()->resizeSection(0, 420);
+    m_tree->header()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
 
     m_statusBar = new CMkStatusBar(this);
     m_statusBar->addCell(kIdTitleCell, 0);

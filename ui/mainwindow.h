@@ -53,7 +53,7 @@ struct MainWindowOptions
     bool commandLineMode = false; // checking starts at once and the window closes when done
     bool hide = false;            // never shown
     CheckLevel level = 3;
-    ClipCheckOptions check; // level 4's limits; the decoder threads stay the window's option
+    ClipCheckOptions check{}; // level 4's limits; the decoder threads stay the window's option
 };
 
 // The program's working window: the task grid over the TaskList, the issues of the

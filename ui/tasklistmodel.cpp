@@ -2,29 +2,10 @@
 
 #include <QColor>
 #include <QFile>
-#include <array>
 
 #include "ui/controlkit.h"
 
 namespace tarvoqc {
-
-namespace {
-
-constexpr std::array<ScoreColours, 6> kScoreColours = {{
-    {0x000040, 0xC0C0C0}, // 0 ERROR
-    {0x000080, 0xC0C0C0}, // 1 Very BAD
-    {0x0000A0, 0xC0C0C0}, // 2 BAD
-    {0x0000E0, 0x000000}, // 3 Playable
-    {0x0000FF, 0x000000}, // 4 Good
-    {0x00FF00, 0x000000}, // 5 OK
-}};
-
-} // namespace
-
-ScoreColours scoreColours(QcScore score)
-{
-    return kScoreColours[static_cast<std::size_t>(std::clamp(score, 0, kBestScore))];
-}
 
 TaskListModel::TaskListModel(TaskList& list, QObject* parent)
     : QAbstractTableModel(parent), m_list(list)
@@ -97,6 +78,16 @@ void TaskListModel::rowsChanged(const std::vector<std::size_t>& rows)
                          index(static_cast<int>(rows[j]), ColumnCount - 1));
         i = j + 1;
     }
+}
+
+void StatusCellDelegate::paint(QPainter* painter, const QStyleOptionViewItem& option,
+                               const QModelIndex& index) const
+{
+    QStyleOptionViewItem cell = option;
+    if (index.data(Qt::BackgroundRole).isValid()) {
+        cell.state &= ~QStyle::State_Selected;
+    }
+    QStyledItemDelegate::paint(painter, cell, index);
 }
 
 void TaskListModel::rowsAboutToBeInserted(std::size_t row, std::size_t count)

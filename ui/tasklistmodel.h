@@ -1,20 +1,14 @@
 #pragma once
 
 #include <QAbstractTableModel>
+#include <QStyledItemDelegate>
 #include <cstdint>
 #include <vector>
 
 #include "batch/tasklist.h"
+#include "results/scorecolours.h"
 
 namespace tarvoqc {
-
-// Cell colours of the status column by score (0x00BBGGRR), worst first.
-struct ScoreColours
-{
-    std::uint32_t back;
-    std::uint32_t text;
-};
-ScoreColours scoreColours(QcScore score);
 
 // The task grid's view of the TaskList: column 0 "Path", column 1 "Status" (the score text
 // on the score's colours; empty until the item has a result). It reads the list in place,
@@ -49,6 +43,18 @@ private:
     void reset() override;
 
     TaskList& m_list;
+};
+
+// Draws a status cell that has a score on its score colours also in the selected row; the
+// selection shows on the other cells.
+class StatusCellDelegate : public QStyledItemDelegate
+{
+    Q_OBJECT
+
+public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+    void paint(QPainter* painter, const QStyleOptionViewItem& option,
+               const QModelIndex& index) const override;
 };
 
 } // namespace tarvoqc

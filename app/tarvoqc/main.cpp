@@ -5,7 +5,6 @@
 #include <QApplication>
 #include <QSocketNotifier>
 #include <clocale>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -21,6 +20,7 @@
 #include "settings/profilestore.h"
 #include "ui/controlkit.h"
 #include "ui/mainwindow.h"
+#include "ui/stopsignals.h"
 
 using namespace tarvoqc;
 
@@ -79,36 +79,6 @@ bool anyHidden(const std::vector<Token>& tokens)
     return false;
 }
 
-bool haveDisplay()
-{
-    const char* x11 = std::getenv("DISPLAY");
-    const char* wayland = std::getenv("WAYLAND_DISPLAY");
-    return (x11 != nullptr && *x11 != '\0') || (wayland != nullptr && *wayland != '\0');
-}
-
-// SIGINT and SIGTERM become a close request on the window thread: the handler only writes a
-// byte, a socket notifier in the event loop does the rest.
-int g_signalPipe[2] = {-1, -1};
-
-void onStopSignal(int)
-{
-    const char byte = 1;
-    [[maybe_unused]] const auto written = ::write(g_signalPipe[1], &byte, 1);
-}
-
-void installStopSignals()
-{
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, g_signalPipe) != 0) {
-        return;
-    }
-    struct sigaction action = {};
-    action.sa_handler = onStopSignal;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESTART;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -134,23 +104,13 @@ int main(int argc, char** argv)
     }
     // The media libraries register their codecs and formats by themselves.
 
-    // The settings say how deep the window checks: Check.Level 1..4 (anything else 3) and
-    // level 4's limits.
+    // The settings say how deep the window checks.
+    const CheckSettings checkSettings = loadCheckSettings(settings.name());
     MainWindowOptions windowOptions;
-    const std::string& settingsFile = settings.name();
-    if (const int level = readSettingNumber(settingsFile, kCheckLevel); level >= 1 && level <= 4) {
-        windowOptions.level = level;
-    }
-    windowOptions.check.loudnessTarget = readSettingDecimal(settingsFile, kLoudnessTarget);
-    windowOptions.check.loudnessTolerance = readSettingDecimal(settingsFile, kLoudnessTolerance);
-    windowOptions.check.truePeakLimit = readSettingDecimal(settingsFile, kTruePeakLimit);
+    windowOptions.level = checkSettings.level;
+    windowOptions.check = checkSettings.options;
     MainWindow window(windowOptions);
-    QSocketNotifier stopNotifier(g_signalPipe[0], QSocketNotifier::Read);
-    QObject::connect(&stopNotifier, &QSocketNotifier::activated, &window, [&window] {
-        char byte = 0;
-        [[maybe_unused]] const auto got = ::read(g_signalPipe[0], &byte, 1);
-        window.close();
-    });
+    onStopSignal(&window, [&window] { window.close(); });
 
     bool lastWasJob = false;
     std::string jobOutput;

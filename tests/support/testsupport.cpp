@@ -4,6 +4,7 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -227,6 +228,56 @@ std::optional<std::string> runUnprivileged(const std::function<std::string()>& b
         }
         return body();
     });
+}
+
+ChildProcess::ChildProcess(const std::vector<std::string>& argv)
+{
+    std::vector<std::string> args = argv;
+    std::vector<char*> argp;
+    for (std::string& a : args) {
+        argp.push_back(a.data());
+    }
+    argp.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
+    if (::posix_spawnp(&pid, argp[0], &actions, nullptr, argp.data(), environ) == 0) {
+        m_pid = pid;
+    }
+    posix_spawn_file_actions_destroy(&actions);
+}
+
+ChildProcess::~ChildProcess()
+{
+    if (m_pid > 0 && !m_status) {
+        ::kill(m_pid, SIGKILL);
+        ::waitpid(m_pid, nullptr, 0);
+    }
+}
+
+std::optional<int> ChildProcess::waitFor(std::chrono::milliseconds limit)
+{
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!m_status && m_pid > 0) {
+        int status = 0;
+        if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+            m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        } else if (std::chrono::steady_clock::now() >= end) {
+            break;
+        } else {
+            ::usleep(20000);
+        }
+    }
+    return m_status;
+}
+
+void ChildProcess::signal(int number)
+{
+    if (m_pid > 0 && !m_status) {
+        ::kill(m_pid, number);
+    }
 }
 
 } // namespace tarvoqc::test

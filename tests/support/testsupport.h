@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -47,6 +48,25 @@ struct CommandResult
 };
 CommandResult runCommand(const std::vector<std::string>& argv,
                          const std::vector<std::string>& extraEnv = {});
+
+// A program running beside the test (argv[0] found on PATH, standard input and error on
+// /dev/null), which is killed if it is still running when the object goes.
+class ChildProcess
+{
+public:
+    explicit ChildProcess(const std::vector<std::string>& argv);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    // The exit status (128 + signal when killed) once it has ended within the time limit.
+    std::optional<int> waitFor(std::chrono::milliseconds limit);
+    void signal(int number);
+
+private:
+    int m_pid = -1;
+    std::optional<int> m_status;
+};
 
 // Runs body in a forked child process, which may change its own rights and limits freely,
 // and gives the text body returned; nullopt when body gave up (returned nullopt). A child

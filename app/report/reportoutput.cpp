@@ -1,0 +1,548 @@
+#include "app/report/reportoutput.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <numeric>
+
+#include <nlohmann/json.hpp>
+
+namespace tarvoqc::report {
+
+namespace {
+
+std::string seconds(const std::optional<double>& value)
+{
+    if (!value) {
+        return {};
+    }
+    char text[48];
+    std::snprintf(text, sizeof text, "%.3f", *value);
+    return text;
+}
+
+std::string worstText(const ClipRecord& clip)
+{
+    const auto worst = clip.worstSeverity();
+    return worst ? std::string(severityText(*worst)) : std::string();
+}
+
+// Clip indices, worst score first, input order within a score.
+std::vector<std::size_t> worstFirst(const std::vector<ClipRecord>& clips)
+{
+    std::vector<std::size_t> order(clips.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::size_t a, std::size_t b) { return clips[a].score < clips[b].score; });
+    return order;
+}
+
+std::size_t countBelow(const ReportView& view)
+{
+    return static_cast<std::size_t>(
+        std::count_if(view.clips->clips().begin(), view.clips->clips().end(),
+                      [&](const ClipRecord& c) { return c.score < view.threshold; }));
+}
+
+void csvField(std::string& row, std::string_view field)
+{
+    if (!row.empty()) {
+        row += ',';
+    }
+    if (field.find_first_of(",\"\r\n") == std::string_view::npos) {
+        row += field;
+        return;
+    }
+    row += '"';
+    for (const char c : field) {
+        if (c == '"') {
+            row += '"';
+        }
+        row += c;
+    }
+    row += '"';
+}
+
+void csvRow(std::ostream& out, const ClipRecord& clip, const ReportView& view,
+            std::optional<QcScore> oldScore, ClipChange change)
+{
+    std::string row;
+    csvField(row, clip.path);
+    csvField(row, std::to_string(clip.score));
+    csvField(row, scoreText(clip.score));
+    csvField(row, worstText(clip));
+    for (const int count : clip.categoryCounts()) {
+        csvField(row, std::to_string(count));
+    }
+    csvField(row, seconds(clip.duration));
+    csvField(row, clip.size ? std::to_string(*clip.size) : std::string());
+    csvField(row, clip.hash256);
+    csvField(row, clip.fkey);
+    if (view.comparison != nullptr) {
+        csvField(row, oldScore ? std::to_string(*oldScore) : std::string());
+        csvField(row, changeText(change));
+    }
+    row += "\r\n";
+    out << row;
+}
+
+std::string escapeHtml(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        switch (c) {
+        case '&':
+            out += "&amp;";
+            break;
+        case '<':
+            out += "&lt;";
+            break;
+        case '>':
+            out += "&gt;";
+            break;
+        case '"':
+            out += "&quot;";
+            break;
+        default:
+            out += c;
+        }
+    }
+    return out;
+}
+
+// JSON text placed inside a <script> element: "<" only occurs inside strings there, and
+// written as \u003c it can neither end the element nor open a comment.
+std::string scriptSafeJson(const nlohmann::json& value)
+{
+    const std::string text = value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        if (c == '<') {
+            out += "\\u003c";
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+// One clip as the page's script reads it: [path, score, worst severity (-1 none),
+// [issues per category], duration, size, hash, fkey, [issue lines], change, old score].
+nlohmann::json htmlRow(const ClipRecord& clip, ClipChange change, std::optional<QcScore> oldScore)
+{
+    const auto worst = clip.worstSeverity();
+    nlohmann::json lines = nlohmann::json::array();
+    for (const ReportIssue& issue : clip.issues) {
+        lines.push_back(issue.longLine());
+    }
+    return nlohmann::json::array(
+        {clip.path, clip.score, worst ? static_cast<int>(*worst) : -1, clip.categoryCounts(),
+         clip.duration ? nlohmann::json(*clip.duration) : nlohmann::json(nullptr),
+         clip.size ? nlohmann::json(*clip.size) : nlohmann::json(nullptr), clip.hash256, clip.fkey,
+         lines, changeText(change),
+         oldScore ? nlohmann::json(*oldScore) : nlohmann::json(nullptr)});
+}
+
+constexpr const char* kStyle = R"CSS(
+body{font:13px/1.35 system-ui,sans-serif;margin:16px;color:#111;background:#fff}
+h1{font-size:18px;margin:0 0 4px}
+.meta{color:#444;margin:0 0 8px}
+.counts span{display:inline-block;padding:2px 8px;margin:0 4px 4px 0;border-radius:3px}
+.controls{margin:8px 0;display:flex;flex-wrap:wrap;gap:6px 18px;align-items:center}
+.pager{margin:6px 0}
+table{border-collapse:collapse;width:100%}
+th,td{border:1px solid #c8c8c8;padding:2px 6px;text-align:left;vertical-align:top}
+th{background:#eee;position:sticky;top:0}
+th button{all:unset;cursor:pointer;font-weight:bold}
+th[aria-sort=ascending] button::after{content:" \25B2"}
+th[aria-sort=descending] button::after{content:" \25BC"}
+td.n{text-align:right;font-variant-numeric:tabular-nums}
+td.path{word-break:break-all}
+td.key{font-family:monospace;font-size:11px;word-break:break-all}
+td.score{white-space:nowrap}
+tr.issues td{padding:0 6px 4px 24px;border-top:none;color:#333}
+tr.issues ul{margin:0;padding-left:16px}
+tr.worse td.change{background:#f4c7c3}
+tr.better td.change{background:#c8e6c9}
+tr.new td.change,tr.missing td.change{background:#fff3c4}
+@media print{
+ .controls,.pager,noscript{display:none}
+ body{margin:0;font-size:8pt}
+ th{position:static}
+ thead{display:table-header-group}
+ tr{break-inside:avoid}
+ *{-webkit-print-color-adjust:exact;print-color-adjust:exact}
+}
+)CSS";
+
+constexpr const char* kScript = R"JS(
+"use strict";
+(function () {
+  var meta = JSON.parse(document.getElementById("meta").textContent);
+  var rows = JSON.parse(document.getElementById("clips").textContent);
+  var cols = [
+    {key: "path", title: "Path", cls: "path", v: function (r) { return r[0]; }},
+    {key: "score", title: "Score", cls: "score", v: function (r) { return r[1]; }},
+    {key: "worst", title: "Worst severity", v: function (r) { return r[2]; },
+     show: function (r) { return r[2] < 0 ? "" : meta.severities[r[2]]; }}
+  ];
+  meta.categories.forEach(function (name, i) {
+    cols.push({key: name, title: name, cls: "n", v: function (r) { return r[3][i]; }});
+  });
+  cols.push({key: "duration", title: "Duration (s)", cls: "n", v: function (r) { return r[4]; },
+             show: function (r) { return r[4] === null ? "" : r[4].toFixed(3); }});
+  cols.push({key: "size", title: "Size", cls: "n", v: function (r) { return r[5]; }});
+  cols.push({key: "hash", title: "Hash256", cls: "key", v: function (r) { return r[6]; }});
+  cols.push({key: "fkey", title: "FKey", cls: "key", v: function (r) { return r[7]; }});
+  if (meta.baseline) {
+    cols.push({key: "change", title: "Change", cls: "change", v: function (r) { return r[9]; },
+               show: function (r) {
+                 return r[10] === null || r[9] === "" ? r[9]
+                        : r[9] + " (was " + meta.scores[r[10]] + ")"; }});
+  }
+  var state = {sort: "", desc: false, scores: [true, true, true, true, true, true],
+               q: "", change: "", page: 1, size: 100};
+  var order = null, shown = [];
+  var body = document.querySelector("#table tbody");
+
+  function esc(s) {
+    return String(s).replace(/[&<>"]/g, function (c) {
+      return {"&": "&amp;", "<": "&lt;", ">": "&gt;", "\"": "&quot;"}[c];
+    });
+  }
+  function column(key) {
+    for (var i = 0; i < cols.length; i++) if (cols[i].key === key) return cols[i];
+    return null;
+  }
+  function readHash() {
+    location.hash.replace(/^#/, "").split("&").forEach(function (part) {
+      var eq = part.indexOf("="); if (eq < 0) return;
+      var k = part.slice(0, eq), v = decodeURIComponent(part.slice(eq + 1));
+      if (k === "sort") { state.desc = v.charAt(0) === "-"; state.sort = v.replace(/^-/, ""); }
+      else if (k === "score") {
+        var on = v.split(",");
+        state.scores = state.scores.map(function (x, s) { return on.indexOf(String(s)) >= 0; });
+      }
+      else if (k === "q") state.q = v;
+      else if (k === "change") state.change = v;
+      else if (k === "page") state.page = Math.max(1, parseInt(v, 10) || 1);
+      else if (k === "size") state.size = Math.max(1, parseInt(v, 10) || 100);
+    });
+    if (!column(state.sort)) state.sort = "";
+  }
+  function writeHash() {
+    var parts = [];
+    if (state.sort) parts.push("sort=" + (state.desc ? "-" : "") + state.sort);
+    if (state.scores.indexOf(false) >= 0)
+      parts.push("score=" + state.scores.map(function (on, s) { return on ? s : -1; })
+                                        .filter(function (s) { return s >= 0; }).join(","));
+    if (state.q) parts.push("q=" + encodeURIComponent(state.q));
+    if (state.change) parts.push("change=" + state.change);
+    if (state.page > 1) parts.push("page=" + state.page);
+    if (state.size !== 100) parts.push("size=" + state.size);
+    history.replaceState(null, "", parts.length ? "#" + parts.join("&") : location.pathname);
+  }
+  function sortOrder() {
+    order = rows.map(function (r, i) { return i; });
+    var c = column(state.sort);
+    if (!c) return;
+    var dir = state.desc ? -1 : 1;
+    order.sort(function (a, b) {
+      var x = c.v(rows[a]), y = c.v(rows[b]);
+      if (x === null || y === null) {
+        if (x !== y) return x === null ? 1 : -1;
+      } else if (x < y) return -dir;
+      else if (x > y) return dir;
+      return a - b;
+    });
+  }
+  function filter() {
+    var q = state.q.toLowerCase();
+    shown = order.filter(function (i) {
+      var r = rows[i];
+      return state.scores[r[1]] && (!q || r[0].toLowerCase().indexOf(q) >= 0) &&
+             (!state.change || r[9] === state.change);
+    });
+  }
+  function rowHtml(r) {
+    var html = "<tr class=\"clip" + (r[9] ? " " + r[9] : "") + "\" data-score=\"" + r[1] + "\">";
+    cols.forEach(function (c) {
+      var text = c.show ? c.show(r) : c.v(r);
+      var style = c.key === "score"
+        ? " style=\"background:" + meta.background[r[1]] + ";color:" + meta.text[r[1]] + "\"" : "";
+      html += "<td" + (c.cls ? " class=\"" + c.cls + "\"" : "") + style + ">" +
+              (c.key === "score" ? meta.scores[r[1]] : esc(text === null ? "" : text)) + "</td>";
+    });
+    html += "</tr>";
+    if (r[8].length)
+      html += "<tr class=\"issues\"><td colspan=\"" + cols.length + "\"><ul><li>" +
+              r[8].map(esc).join("</li><li>") + "</li></ul></td></tr>";
+    return html;
+  }
+  function render(everything) {
+    var pages = Math.max(1, Math.ceil(shown.length / state.size));
+    state.page = Math.min(state.page, pages);
+    var from = everything ? 0 : (state.page - 1) * state.size;
+    var to = everything ? shown.length : Math.min(shown.length, from + state.size);
+    var html = [];
+    for (var i = from; i < to; i++) html.push(rowHtml(rows[shown[i]]));
+    body.innerHTML = html.join("");
+    document.getElementById("pageinfo").textContent = shown.length
+      ? "Clips " + (from + 1) + "\u2013" + to + " of " + shown.length +
+        (shown.length < rows.length ? " (of " + rows.length + " in all)" : "") +
+        ", page " + state.page + " of " + pages
+      : "No clip matches";
+    document.getElementById("prev").disabled = state.page <= 1;
+    document.getElementById("next").disabled = state.page >= pages;
+    document.querySelectorAll("#table th").forEach(function (th) {
+      th.setAttribute("aria-sort", th.dataset.key !== state.sort ? "none"
+                                   : state.desc ? "descending" : "ascending");
+    });
+  }
+  function update(resort) {
+    if (resort || !order) sortOrder();
+    filter();
+    render(false);
+    writeHash();
+  }
+
+  var head = document.querySelector("#table thead tr");
+  cols.forEach(function (c) {
+    var th = document.createElement("th");
+    th.dataset.key = c.key;
+    var button = document.createElement("button");
+    button.type = "button";
+    button.textContent = c.title;
+    button.addEventListener("click", function () {
+      state.desc = state.sort === c.key ? !state.desc : false;
+      state.sort = c.key;
+      state.page = 1;
+      update(true);
+    });
+    th.appendChild(button);
+    head.appendChild(th);
+  });
+  readHash();
+  document.querySelectorAll("input[data-score]").forEach(function (box) {
+    var s = parseInt(box.dataset.score, 10);
+    box.checked = state.scores[s];
+    box.addEventListener("change", function () { state.scores[s] = box.checked; state.page = 1; update(false); });
+  });
+  var q = document.getElementById("q");
+  q.value = state.q;
+  q.addEventListener("input", function () { state.q = q.value; state.page = 1; update(false); });
+  var change = document.getElementById("change");
+  if (change) {
+    change.value = state.change;
+    change.addEventListener("change", function () { state.change = change.value; state.page = 1; update(false); });
+  }
+  var size = document.getElementById("size");
+  if (!Array.prototype.some.call(size.options, function (o) { return o.value === String(state.size); }))
+    size.add(new Option(String(state.size), String(state.size)));
+  size.value = String(state.size);
+  size.addEventListener("change", function () { state.size = parseInt(size.value, 10); state.page = 1; update(false); });
+  document.getElementById("prev").addEventListener("click", function () { state.page--; update(false); });
+  document.getElementById("next").addEventListener("click", function () { state.page++; update(false); });
+  // Printing shows every clip that passes the filter, not only the page on screen.
+  window.addEventListener("beforeprint", function () { render(true); });
+  window.addEventListener("afterprint", function () { render(false); });
+  update(true);
+  // When the first page was on screen, in ms since the page began to load.
+  document.body.setAttribute("data-shown-ms", String(Math.round(performance.now())));
+})();
+)JS";
+
+} // namespace
+
+std::string cssColour(std::uint32_t bgr)
+{
+    char text[8];
+    std::snprintf(text, sizeof text, "#%02X%02X%02X", bgr & 0xFF, (bgr >> 8) & 0xFF,
+                  (bgr >> 16) & 0xFF);
+    return text;
+}
+
+std::string summaryText(const ReportView& view, std::size_t worstShown)
+{
+    const std::vector<ClipRecord>& clips = view.clips->clips();
+    std::array<std::size_t, kBestScore + 1> perScore{};
+    for (const ClipRecord& clip : clips) {
+        ++perScore[static_cast<std::size_t>(clip.score)];
+    }
+    std::string text = "Clips by score:\n";
+    char line[64];
+    for (QcScore score = kBestScore; score >= 0; --score) {
+        std::snprintf(line, sizeof line, "  %-14s %8zu\n", scoreText(score).data(),
+                      perScore[static_cast<std::size_t>(score)]);
+        text += line;
+    }
+
+    std::size_t listed = 0;
+    for (const std::size_t i : worstFirst(clips)) {
+        const ClipRecord& clip = clips[i];
+        if (listed == worstShown || clip.score == kBestScore) {
+            break;
+        }
+        if (listed++ == 0) {
+            text += "Worst clips:\n";
+        }
+        std::snprintf(line, sizeof line, "  %-14s ", scoreText(clip.score).data());
+        text += line + clip.path + '\n';
+        if (!clip.issues.empty()) {
+            std::string worst = clip.issues.front().longLine();
+            while (!worst.empty() && (worst.back() == '\n' || worst.back() == '\r')) {
+                worst.pop_back();
+            }
+            text += "                 " + worst + '\n';
+        }
+    }
+
+    if (view.comparison != nullptr) {
+        const Comparison& cmp = *view.comparison;
+        text += "Against the baseline: " + std::to_string(cmp.worse) + " worse, " +
+                std::to_string(cmp.better) + " better, " + std::to_string(cmp.added) + " new, " +
+                std::to_string(cmp.missing.size()) + " missing\n";
+        for (std::size_t i = 0; i < clips.size(); ++i) {
+            if (cmp.changes[i] == ClipChange::Worse) {
+                text += "  worse    " + std::string(scoreText(*cmp.oldScores[i])) + " -> " +
+                        std::string(scoreText(clips[i].score)) + "  " + clips[i].path + '\n';
+            }
+        }
+        for (const std::size_t i : cmp.missing) {
+            text += "  missing  " + view.baseline->clips()[i].path + '\n';
+        }
+    }
+
+    const std::size_t below = countBelow(view);
+    text += std::to_string(clips.size()) + (clips.size() == 1 ? " clip: " : " clips: ") +
+            std::to_string(clips.size() - below) + " at or above \"" +
+            std::string(scoreText(view.threshold)) + "\", " + std::to_string(below) + " below\n";
+    return text;
+}
+
+void writeCsv(std::ostream& out, const ReportView& view)
+{
+    std::string header;
+    for (const std::string_view name : {"Path", "Score", "Result", "Worst severity"}) {
+        csvField(header, name);
+    }
+    for (int c = 0; c < kCategoryCount; ++c) {
+        csvField(header, categoryText(static_cast<QcIssueCategory>(c)));
+    }
+    for (const std::string_view name : {"Duration", "Size", "Hash256", "FKey"}) {
+        csvField(header, name);
+    }
+    if (view.comparison != nullptr) {
+        csvField(header, "Baseline");
+        csvField(header, "Change");
+    }
+    out << "\xEF\xBB\xBF" << header << "\r\n";
+    const std::vector<ClipRecord>& clips = view.clips->clips();
+    for (std::size_t i = 0; i < clips.size(); ++i) {
+        csvRow(out, clips[i], view,
+               view.comparison != nullptr ? view.comparison->oldScores[i] : std::nullopt,
+               view.comparison != nullptr ? view.comparison->changes[i] : ClipChange::Same);
+    }
+    if (view.comparison != nullptr) {
+        for (const std::size_t i : view.comparison->missing) {
+            const ClipRecord& old = view.baseline->clips()[i];
+            csvRow(out, old, view, old.score, ClipChange::Missing);
+        }
+    }
+}
+
+void writeHtml(std::ostream& out, const ReportView& view, const std::string& title)
+{
+    const std::vector<ClipRecord>& clips = view.clips->clips();
+    nlohmann::json meta = {{"baseline", view.comparison != nullptr}};
+    for (QcScore s = 0; s <= kBestScore; ++s) {
+        meta["scores"].push_back(scoreText(s));
+        meta["background"].push_back(cssColour(scoreColours(s).back));
+        meta["text"].push_back(cssColour(scoreColours(s).text));
+    }
+    for (int s = 0; s < kSeverityCount; ++s) {
+        meta["severities"].push_back(severityText(static_cast<QcSeverity>(s)));
+    }
+    for (int c = 0; c < kCategoryCount; ++c) {
+        meta["categories"].push_back(categoryText(static_cast<QcIssueCategory>(c)));
+    }
+
+    std::array<std::size_t, kBestScore + 1> perScore{};
+    for (const ClipRecord& clip : clips) {
+        ++perScore[static_cast<std::size_t>(clip.score)];
+    }
+    char when[64] = "";
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    if (localtime_r(&now, &local) != nullptr) {
+        std::strftime(when, sizeof when, "%Y-%m-%d %H:%M", &local);
+    }
+    const std::size_t below = countBelow(view);
+
+    out << "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
+        << "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
+        << "<title>" << escapeHtml(title) << "</title>\n<style>" << kStyle << "</style>\n"
+        << "</head>\n<body>\n<h1>" << escapeHtml(title) << "</h1>\n<p class=\"meta\">"
+        << clips.size() << (clips.size() == 1 ? " clip" : " clips") << ", made " << when << "; "
+        << clips.size() - below << " at or above &quot;" << scoreText(view.threshold) << "&quot;, "
+        << below << " below";
+    if (view.comparison != nullptr) {
+        const Comparison& cmp = *view.comparison;
+        out << "; against the baseline: " << cmp.worse << " worse, " << cmp.better << " better, "
+            << cmp.added << " new, " << cmp.missing.size() << " missing";
+    }
+    out << "</p>\n<div class=\"counts\">";
+    for (QcScore s = kBestScore; s >= 0; --s) {
+        out << "<span style=\"background:" << cssColour(scoreColours(s).back)
+            << ";color:" << cssColour(scoreColours(s).text) << "\">" << scoreText(s) << ": "
+            << perScore[static_cast<std::size_t>(s)] << "</span>";
+    }
+    out << "</div>\n<div class=\"controls\"><span>Score:";
+    for (QcScore s = kBestScore; s >= 0; --s) {
+        out << " <label><input type=\"checkbox\" data-score=\"" << s << "\" checked> "
+            << scoreText(s) << "</label>";
+    }
+    out << "</span>\n<label>Path contains <input type=\"search\" id=\"q\"></label>\n";
+    if (view.comparison != nullptr) {
+        out << "<label>Change <select id=\"change\"><option value=\"\">any</option>";
+        for (const ClipChange c :
+             {ClipChange::Worse, ClipChange::Better, ClipChange::New, ClipChange::Missing}) {
+            out << "<option>" << changeText(c) << "</option>";
+        }
+        out << "</select></label>\n";
+    }
+    out << "<label>Rows per page <select id=\"size\"><option>25</option><option>100</option>"
+        << "<option>500</option><option>1000</option></select></label></div>\n"
+        << "<div class=\"pager\"><button type=\"button\" id=\"prev\">&lsaquo; Previous</button> "
+        << "<span id=\"pageinfo\"></span> "
+        << "<button type=\"button\" id=\"next\">Next &rsaquo;</button></div>\n"
+        << "<noscript><p>The table of clips needs JavaScript.</p></noscript>\n"
+        << "<table id=\"table\"><thead><tr></tr></thead><tbody></tbody></table>\n"
+        << "<script type=\"application/json\" id=\"meta\">" << scriptSafeJson(meta)
+        << "</script>\n<script type=\"application/json\" id=\"clips\">[";
+    // Row by row, so that a large report never holds its whole JSON text at once.
+    for (std::size_t i = 0; i < clips.size(); ++i) {
+        ClipChange change = ClipChange::Same;
+        std::optional<QcScore> old;
+        if (view.comparison != nullptr) {
+            change = view.comparison->changes[i];
+            old = view.comparison->oldScores[i];
+        }
+        out << (i == 0 ? "" : ",\n") << scriptSafeJson(htmlRow(clips[i], change, old));
+    }
+    if (view.comparison != nullptr) {
+        bool first = clips.empty();
+        for (const std::size_t i : view.comparison->missing) {
+            const ClipRecord& old = view.baseline->clips()[i];
+            out << (first ? "" : ",\n")
+                << scriptSafeJson(htmlRow(old, ClipChange::Missing, old.score));
+            first = false;
+        }
+    }
+    out << "]</script>\n<script>" << kScript << "</script>\n</body>\n</html>\n";
+}
+
+} // namespace tarvoqc::report

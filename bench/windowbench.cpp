@@ -1,0 +1,153 @@
+// Window figures: how fast the grid takes and shows a large list, and how long the window
+// thread can be kept from its events while a clip is checked.
+//
+//   tarvoqc-window-bench grid N      add N clips, show them, scroll to and select the last
+//   tarvoqc-window-bench gaps CLIP   check CLIP; the longest gap between 10 ms timer ticks
+//   tarvoqc-window-bench shot PNG ROW CLIP...   check the clips, select a row, save a picture
+
+#include <QApplication>
+#include <QTest>
+#include <QTimer>
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "ui/mainwindow.h"
+
+using namespace tarvoqc;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+long residentKiB()
+{
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmRSS:", 0) == 0) {
+            return std::strtol(line.c_str() + 6, nullptr, 10);
+        }
+    }
+    return 0;
+}
+
+int grid(int count)
+{
+    std::vector<std::string> paths;
+    std::size_t pathBytes = 0;
+    for (int i = 0; i < count; ++i) {
+        paths.push_back("/srv/media/incoming/2026-11-23/channel-one/clip-" + std::to_string(i) +
+                        ".mxf");
+        pathBytes += paths.back().size();
+    }
+    MainWindow window;
+    window.show();
+    if (!QTest::qWaitForWindowExposed(&window)) {
+        return 1;
+    }
+    QApplication::processEvents();
+    const long before = residentKiB();
+    const auto start = Clock::now();
+    window.addFiles(0, paths);
+    auto* view = static_cast<CMaGrid*>(window.control(kIdTaskGrid));
+    view->scrollToBottom();
+    view->setCurrentIndex(view->model()->index(count - 1, 0));
+    QApplication::processEvents();
+    view->repaint();
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    const long after = residentKiB();
+    const double perRow =
+        (static_cast<double>(after - before) * 1024.0 - static_cast<double>(pathBytes)) / count;
+    std::printf("grid: %d clips added, shown, last row selected in %.3f s (target < 0.5 s); "
+                "memory %.0f bytes per row beside its path (target < 1024)\n",
+                count, seconds, std::max(0.0, perRow));
+    return view->selectedRow() == count - 1 ? 0 : 1;
+}
+
+int gaps(const char* clip)
+{
+    MainWindow window;
+    window.taskList().AppendFromCommandLine(clip);
+    window.show();
+    if (!QTest::qWaitForWindowExposed(&window)) {
+        return 1;
+    }
+    auto last = Clock::now();
+    double longest = 0.0;
+    double longestAt = 0.0;
+    bool harvestedThen = false;
+    QTimer probe;
+    Clock::time_point start;
+    QObject::connect(&probe, &QTimer::timeout, [&] {
+        const auto now = Clock::now();
+        const double gap = std::chrono::duration<double, std::milli>(now - last).count();
+        if (gap > longest) {
+            longest = gap;
+            longestAt = std::chrono::duration<double>(now - start).count();
+            harvestedThen = window.taskList().item(0).finished();
+        }
+        last = now;
+    });
+    window.start();
+    window.command(kIdCheckAll);
+    start = Clock::now();
+    last = start;
+    probe.start(10);
+    while (!window.taskList().item(0).finished() || window.controller().busy()) {
+        QApplication::processEvents(QEventLoop::AllEvents, 50);
+    }
+    std::printf("gaps: checked in %.1f s; longest gap between 10 ms ticks %.1f ms at %.1f s%s "
+                "(target < 50 ms)\n",
+                std::chrono::duration<double>(Clock::now() - start).count(), longest, longestAt,
+                harvestedThen ? ", when the result was harvested" : "");
+    return 0;
+}
+
+int shot(const char* png, int row, const std::vector<std::string>& clips)
+{
+    MainWindow window;
+    for (const std::string& clip : clips) {
+        window.taskList().AppendFromCommandLine(clip);
+    }
+    window.resize(820, 560);
+    window.show();
+    if (!QTest::qWaitForWindowExposed(&window)) {
+        return 1;
+    }
+    window.start();
+    window.command(kIdCheckAll);
+    while (window.controller().state() != RunState::Idle || window.controller().busy()) {
+        QApplication::processEvents(QEventLoop::AllEvents, 50);
+    }
+    QTest::qWait(300); // the last tick's status and a clock tick are drawn
+    auto* view = static_cast<CMaGrid*>(window.control(kIdTaskGrid));
+    view->setCurrentIndex(view->model()->index(row, 0));
+    QTest::qWait(200);
+    return window.grab().save(png) ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (std::getenv("DISPLAY") == nullptr) {
+        ::setenv("QT_QPA_PLATFORM", "offscreen", 0);
+    }
+    QApplication app(argc, argv);
+    const std::string mode = argc > 1 ? argv[1] : "";
+    if (mode == "grid" && argc > 2) {
+        return grid(std::atoi(argv[2]));
+    }
+    if (mode == "gaps" && argc > 2) {
+        return gaps(argv[2]);
+    }
+    if (mode == "shot" && argc > 4) {
+        return shot(argv[2], std::atoi(argv[3]), std::vector<std::string>(argv + 4, argv + argc));
+    }
+    std::fprintf(stderr, "usage: tarvoqc-window-bench grid N | gaps CLIP\n");
+    return 2;
+}

@@ -1,0 +1,366 @@
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/testsupport.h"
+
+#include <nlohmann/json.hpp>
+
+namespace tarvoqc {
+namespace {
+
+namespace fs = std::filesystem;
+
+test::CommandResult tool(const char* exe, std::vector<std::string> args,
+                         const std::vector<std::string>& env = {})
+{
+    args.insert(args.begin(), exe);
+    return test::runCommand(args, env);
+}
+
+// The clips of one run: every score from 0 to 5, a clip that does not exist, and a copy
+// under a name that needs CSV quoting and HTML escaping.
+std::vector<std::string> runClips(const test::TempDir& dir)
+{
+    const fs::path odd = dir / "odd, \"quoted\" <!--<b>&amp; name.mxf";
+    fs::copy_file(test::testClip("mpeg2_pcm.mxf"), odd);
+    return {test::testClip("mpeg2_pcm.mxf").string(),
+            test::testClip("jump_video_high.ts").string(),
+            test::testClip("text.mov").string(),
+            (dir / "nothere.mov").string(),
+            test::testClip("pcm.wav").string(),
+            test::testClip("jump_video_low.ts").string(),
+            test::testClip("jump_video_warning.ts").string(),
+            odd.string()};
+}
+
+std::vector<nlohmann::json> jsonLines(const std::string& text)
+{
+    std::vector<nlohmann::json> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(nlohmann::json::parse(line));
+    }
+    return lines;
+}
+
+// The rows of a CSV file as Python's csv module reads them.
+std::vector<std::vector<std::string>> readCsv(const fs::path& file)
+{
+    const test::CommandResult r = test::runCommand(
+        {"python3", "-c",
+         "import csv, json, sys\n"
+         "print(json.dumps(list(csv.reader(open(sys.argv[1], newline='', encoding='utf-8-sig')))))",
+         file.string()});
+    EXPECT_EQ(r.status, 0) << r.err;
+    return r.status == 0 ? nlohmann::json::parse(r.out).get<std::vector<std::vector<std::string>>>()
+                         : std::vector<std::vector<std::string>>{};
+}
+
+// The CSV row that a JSON line of tarvoqc-check stands for.
+std::vector<std::string> expectedRow(const nlohmann::json& line)
+{
+    static const std::vector<std::string> kSeverities = {"Warning", "Low", "High", "Highest",
+                                                         "Critical"};
+    static const std::vector<std::string> kCategories = {"File",   "MediaTime", "Codec",
+                                                         "Frames", "Video",     "Audio"};
+    int worst = -1;
+    std::vector<int> counts(kCategories.size());
+    for (const nlohmann::json& issue : line["issues"]) {
+        const auto sev = std::find(kSeverities.begin(), kSeverities.end(), issue["severity"]);
+        worst = std::max(worst, static_cast<int>(sev - kSeverities.begin()));
+        ++counts[std::find(kCategories.begin(), kCategories.end(), issue["category"]) -
+                 kCategories.begin()];
+    }
+    std::vector<std::string> row = {line["path"], std::to_string(line["score"].get<int>()),
+                                    line["result"], worst < 0 ? "" : kSeverities[worst]};
+    for (const int count : counts) {
+        row.push_back(std::to_string(count));
+    }
+    char duration[32] = "";
+    if (!line["duration"].is_null()) {
+        std::snprintf(duration, sizeof duration, "%.3f", line["duration"].get<double>());
+    }
+    row.insert(row.end(), {duration, std::to_string(line["size"].get<std::int64_t>()),
+                           line["hash256"], line["fkey"].is_null() ? "" : line["fkey"]});
+    return row;
+}
+
+class ReportTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        clips = runClips(dir);
+        std::vector<std::string> args = {"--json", "-o", (dir / "run.qcout").string()};
+        args.insert(args.end(), clips.begin(), clips.end());
+        const test::CommandResult r = tool(TARVOQC_CHECK_EXE, args);
+        ASSERT_EQ(r.status, 1) << r.err;
+        lines = jsonLines(r.out);
+        ASSERT_EQ(lines.size(), clips.size());
+        test::writeFile(dir / "run.jsonl", r.out);
+    }
+
+    test::TempDir dir;
+    std::vector<std::string> clips;
+    std::vector<nlohmann::json> lines;
+};
+
+TEST_F(ReportTest, CsvAgreesRowForRowWithTheJsonLinesAndTheResultDocument)
+{
+    for (const char* input : {"run.jsonl", "run.qcout"}) {
+        SCOPED_TRACE(input);
+        const fs::path csv = dir / "report.csv";
+        const test::CommandResult r =
+            tool(TARVOQC_REPORT_EXE, {(dir / input).string(), "--csv", csv.string()});
+        EXPECT_EQ(r.status, 1) << r.err;
+        EXPECT_TRUE(r.err.empty()) << r.err;
+        EXPECT_NE(r.out.find("  0/5 ERROR             2\n"), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find("Frames:[High] Stream 0 (Video) Gap in TC of 2.00 at 4.00"),
+                  std::string::npos)
+            << "a worst clip is listed with its worst issue:\n"
+            << r.out;
+        const auto rows = readCsv(csv);
+        ASSERT_EQ(rows.size(), lines.size() + 1);
+        EXPECT_EQ(rows[0][0], "Path");
+        EXPECT_EQ(rows[0][13], "FKey");
+        for (std::size_t i = 0; i < lines.size(); ++i) {
+            EXPECT_EQ(rows[i + 1], expectedRow(lines[i]));
+        }
+    }
+}
+
+TEST_F(ReportTest, BrokenInputLinesAreNamedAndSkipped)
+{
+    const std::string good = lines[0].dump() + "\n";
+    const char* const broken[] = {
+        "{\"path\": \"/a.mxf\", \"sco",
+        "not json at all",
+        "{\"path\": 5, \"score\": 1}",
+        "{\"path\": \"/a.mxf\", \"score\": 9}",
+        "{\"path\": \"/a.mxf\", \"score\": 1, \"x\": [[[[[[[[[[[[1]]]]]]]]]]]]}",
+        "{\"path\": \"/a.mxf\", \"score\": 1, \"issues\": [{\"category\": \"Nope\"}]}",
+        "[]",
+    };
+    for (const char* line : broken) {
+        SCOPED_TRACE(line);
+        const fs::path input = dir / "in.jsonl";
+        test::writeFile(input, good + line + "\n" + good + line); // the last one unterminated
+        const test::CommandResult r =
+            tool(TARVOQC_REPORT_EXE, {"-t0", "-q", input.string(), "--csv", "-"});
+        EXPECT_EQ(r.status, 0) << r.err;
+        EXPECT_NE(r.err.find("in.jsonl:2: skipped"), std::string::npos) << r.err;
+        EXPECT_NE(r.err.find("in.jsonl:4: skipped"), std::string::npos) << r.err;
+        EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 2) << r.out; // header + one clip
+    }
+    // A result document cut off in the middle: its complete clips still count.
+    const std::string document = test::readFile(dir / "run.qcout");
+    test::writeFile(dir / "cut.qcout", document.substr(0, document.size() * 2 / 3));
+    const test::CommandResult cut =
+        tool(TARVOQC_REPORT_EXE, {"-t0", "-q", (dir / "cut.qcout").string(), "--csv", "-"});
+    EXPECT_EQ(cut.status, 0) << cut.err;
+    EXPECT_NE(cut.err.find("cut.qcout: skipped: the document is not complete"), std::string::npos)
+        << cut.err;
+    const auto rows = std::count(cut.out.begin(), cut.out.end(), '\n') - 1;
+    EXPECT_GT(rows, 2);
+    EXPECT_LT(rows, static_cast<std::ptrdiff_t>(lines.size()));
+
+    const test::CommandResult missing =
+        tool(TARVOQC_REPORT_EXE, {"-q", (dir / "run.jsonl").string(), (dir / "no.jsonl").string()});
+    EXPECT_EQ(missing.status, 2);
+    EXPECT_NE(missing.err.find("no.jsonl"), std::string::npos) << missing.err;
+}
+
+TEST_F(ReportTest, BaselineMarksWorseNewAndMissingClips)
+{
+    ASSERT_LT(lines[1]["score"].get<int>(), 5);
+    nlohmann::json better = lines[1];
+    better["score"] = 5;
+    // The baseline lacks clip 0 (new now) and has one clip the current run lacks.
+    std::string baseline = better.dump() + "\n";
+    std::string current = lines[0].dump() + "\n" + lines[1].dump() + "\n";
+    nlohmann::json gone = lines[2];
+    gone["path"] = "/gone.mxf";
+    baseline += gone.dump() + "\n";
+    test::writeFile(dir / "old.jsonl", baseline);
+    test::writeFile(dir / "new.jsonl", current);
+
+    const test::CommandResult r =
+        tool(TARVOQC_REPORT_EXE, {"-t0", (dir / "new.jsonl").string(), "--baseline",
+                                  (dir / "old.jsonl").string(), "--csv", (dir / "c.csv").string()});
+    EXPECT_EQ(r.status, 1) << "a clip got worse:\n" << r.out << r.err;
+    EXPECT_NE(r.out.find("1 worse, 0 better, 1 new, 1 missing"), std::string::npos) << r.out;
+    const auto rows = readCsv(dir / "c.csv");
+    ASSERT_EQ(rows.size(), 4U);
+    const std::vector<std::vector<std::string>> marks = {
+        {"Baseline", "Change"}, {"", "new"}, {"5", "worse"}, {lines[2]["score"].dump(), "missing"}};
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        ASSERT_EQ(rows[i].size(), 16U);
+        EXPECT_EQ(std::vector<std::string>(rows[i].end() - 2, rows[i].end()), marks[i]);
+    }
+    EXPECT_EQ(rows[3][0], "/gone.mxf");
+
+    // The same run as its own baseline: nothing is worse, and the threshold decides.
+    EXPECT_EQ(tool(TARVOQC_REPORT_EXE,
+                   {"-q", "-t0", (dir / "new.jsonl").string(), "-b", (dir / "new.jsonl").string()})
+                  .status,
+              0);
+}
+
+// Rows of the table as headless Chromium shows the page after its script ran.
+struct DomRow
+{
+    int score;
+    std::string path;
+    std::string background;
+    std::string text;
+    std::string result;
+};
+
+std::vector<DomRow> renderedRows(const fs::path& page, const std::string& fragment,
+                                 const fs::path& profile, std::string& dom)
+{
+    const test::CommandResult r = test::runCommand(
+        {"chromium", "--headless", "--no-sandbox", "--disable-gpu",
+         "--disable-background-networking", "--no-first-run", "--user-data-dir=" + profile.string(),
+         "--dump-dom", "file://" + page.string() + fragment});
+    EXPECT_EQ(r.status, 0) << r.err;
+    dom = r.out;
+    // The text after each marker, up to the next quote or tag: rows are found by their
+    // markup, as the page's script writes it.
+    std::vector<DomRow> rows;
+    std::size_t at = 0;
+    const auto next = [&](const std::string& marker, const char* ends) {
+        at = dom.find(marker, at);
+        if (at == std::string::npos) {
+            return std::string();
+        }
+        at += marker.size();
+        const std::size_t end = dom.find_first_of(ends, at);
+        return dom.substr(at, end - at);
+    };
+    while ((at = dom.find("<tr class=\"clip", at)) != std::string::npos) {
+        DomRow row;
+        row.score = std::stoi(next("data-score=\"", "\""));
+        row.path = next("<td class=\"path\">", "<");
+        row.background = next("style=\"background:", ";");
+        row.text = next(";color:", "\"");
+        row.result = next("\">", "<");
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+TEST_F(ReportTest, HtmlPageSortsFiltersAndColoursScoresInChromium)
+{
+    const fs::path page = dir / "report.html";
+    ASSERT_EQ(
+        tool(TARVOQC_REPORT_EXE, {"-q", (dir / "run.jsonl").string(), "--html", page.string()})
+            .status,
+        1);
+    const std::string html = test::readFile(page);
+    EXPECT_EQ(html.find("http"), std::string::npos) << "the page loads nothing from elsewhere";
+
+    // The window's score cells: 0x00BBGGRR colours as CSS.
+    const std::vector<std::pair<std::string, std::string>> colours = {
+        {"#400000", "#C0C0C0"}, {"#800000", "#C0C0C0"}, {"#A00000", "#C0C0C0"},
+        {"#E00000", "#000000"}, {"#FF0000", "#000000"}, {"#00FF00", "#000000"}};
+    struct Case
+    {
+        std::string fragment;
+        int direction; // 1 ascending scores, -1 descending, 0 unsorted
+        std::vector<int> scores;
+    };
+    const Case cases[] = {{"#sort=score", 1, {0, 1, 2, 3, 4, 5}},
+                          {"#sort=-score", -1, {0, 1, 2, 3, 4, 5}},
+                          {"#score=0,5", 0, {0, 5}}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.fragment);
+        std::string dom;
+        const auto rows = renderedRows(page, c.fragment, dir / "profile", dom);
+        std::vector<std::string> expected;
+        for (const nlohmann::json& line : lines) {
+            if (std::count(c.scores.begin(), c.scores.end(), line["score"].get<int>()) != 0) {
+                // As a serialised DOM writes a text.
+                std::string path;
+                for (const char ch : line["path"].get<std::string>()) {
+                    path += ch == '&'   ? "&amp;"
+                            : ch == '<' ? "&lt;"
+                            : ch == '>' ? "&gt;"
+                                        : std::string(1, ch);
+                }
+                expected.push_back(path);
+            }
+        }
+        std::vector<std::string> shown;
+        for (const DomRow& row : rows) {
+            shown.push_back(row.path);
+            EXPECT_EQ(row.background, colours[row.score].first) << row.path;
+            EXPECT_EQ(row.text, colours[row.score].second) << row.path;
+            EXPECT_EQ(row.result.substr(0, 2), std::to_string(row.score) + "/");
+        }
+        for (std::size_t i = 1; c.direction != 0 && i < rows.size(); ++i) {
+            EXPECT_LE(c.direction * rows[i - 1].score, c.direction * rows[i].score);
+        }
+        std::set<int> scores;
+        for (const DomRow& row : rows) {
+            scores.insert(row.score);
+        }
+        EXPECT_EQ(scores, std::set<int>(c.scores.begin(), c.scores.end()));
+        std::sort(shown.begin(), shown.end());
+        std::sort(expected.begin(), expected.end());
+        EXPECT_EQ(shown, expected);
+        if (c.direction != 0) {
+            EXPECT_NE(dom.find("Frames:[High] Stream 0 (Video) Gap in TC of 2.00 at 4.00"),
+                      std::string::npos)
+                << "each clip's issues are shown under it";
+        }
+    }
+}
+
+TEST_F(ReportTest, ParallelRecipeWithTwoSlotsGivesTheReportOfOneRun)
+{
+    ASSERT_EQ(tool(TARVOQC_REPORT_EXE,
+                   {"-q", (dir / "run.jsonl").string(), "--csv", (dir / "one.csv").string()})
+                  .status,
+              1);
+    std::string list;
+    for (const std::string& clip : clips) {
+        list += clip + "\n";
+    }
+    test::writeFile(dir / "list.txt", list);
+    // A checker that fails once on one clip, after writing half a line, as a host that
+    // breaks down does; the real checker otherwise.
+    const fs::path flaky = dir / "flaky-check.sh";
+    test::writeFile(flaky, "#!/bin/sh\n"
+                           "case \"$*\" in *jump_video_high*)\n"
+                           "  if mkdir \"" +
+                               (dir / "failed-once").string() +
+                               "\" 2>/dev/null; then\n"
+                               "    printf '{\"path\": \"half'; exit 2; fi;;\n"
+                               "esac\n"
+                               "exec " TARVOQC_CHECK_EXE " \"$@\"\n");
+    fs::permissions(flaky, fs::perms::owner_all);
+    for (const bool failOnce : {false, true}) {
+        SCOPED_TRACE(failOnce ? "a slot fails once" : "no failure");
+        const fs::path out = dir / (failOnce ? "flaky" : "plain");
+        const test::CommandResult r = test::runCommand(
+            {TARVOQC_SOURCE_DIR "/scripts/parallel-check.sh", "--sshlogin",
+             "2/:", (dir / "list.txt").string(), out.string()},
+            {"TARVOQC_CHECK=" + (failOnce ? flaky.string() : std::string(TARVOQC_CHECK_EXE)),
+             "TARVOQC_REPORT=" TARVOQC_REPORT_EXE});
+        EXPECT_EQ(r.status, 1) << r.out << r.err;
+        EXPECT_EQ(readCsv(out / "report.csv"), readCsv(dir / "one.csv"));
+        EXPECT_EQ(fs::exists(dir / "failed-once"), failOnce);
+        EXPECT_EQ(r.err.find("skipped"), std::string::npos) << "no half line reached the report";
+    }
+}
+
+} // namespace
+} // namespace tarvoqc

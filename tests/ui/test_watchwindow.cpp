@@ -1,0 +1,226 @@
+#include <QApplication>
+#include <QLabel>
+#include <QMenu>
+#include <QTest>
+#include <QTimer>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "settings/profilestore.h"
+#include "tests/support/testsupport.h"
+#include "ui/watchjobwindow.h"
+
+using namespace tarvoqc;
+namespace fs = std::filesystem;
+
+namespace {
+
+// The daily log is UTF-16LE; its ASCII lines read back as text.
+std::string logText(const fs::path& folder)
+{
+    std::string text;
+    if (!fs::exists(folder)) {
+        return text;
+    }
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        const std::string bytes = test::readFile(entry.path());
+        for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
+            text += bytes[i];
+        }
+    }
+    return text;
+}
+
+QStringList menuTexts(const QMenu* menu)
+{
+    QStringList texts;
+    for (const QAction* a : menu->actions()) {
+        texts << (a->isSeparator() ? QStringLiteral("-")
+                                   : a->text() + (a->isChecked() ? QStringLiteral(" *") : ""));
+    }
+    return texts;
+}
+
+class WatchWindowTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { ::setenv(kHomeVariable, m_dir.path().c_str(), 1); }
+    void TearDown() override { ::unsetenv(kHomeVariable); }
+
+    test::TempDir m_dir;
+};
+
+TEST_F(WatchWindowTest, CreationTrayMenuAndCloseAndExit)
+{
+    const fs::path logs = m_dir / "LogsQC";
+    {
+        WatchJobWindow window;
+        EXPECT_FALSE(window.isVisible());
+        EXPECT_EQ(window.size(), QSize(400, 300));
+        EXPECT_EQ(window.control(kIdTest01)->geometry(), QRect(4, 4, 48, 20));
+        EXPECT_TRUE(window.title().startsWith("Tarvo Quality Check v"));
+        EXPECT_TRUE(window.timerRunning());
+        EXPECT_EQ(menuTexts(window.trayMenu()), QStringList({"Job setup", "-", "Close and Exit"}));
+        EXPECT_NE(logText(logs).find("\tStart " + window.title().toStdString()), std::string::npos);
+        EXPECT_EQ(window.job().settings(), WatchJobSettings{}); // no "Job00": the defaults
+
+        window.command(kIdTest01);
+        EXPECT_TRUE(window.job().isRunning());
+        window.trayMenu()->actions().at(2)->trigger(); // "Close and Exit", posted
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !window.job().isRunning(); }));
+        EXPECT_EQ(window.trayIcon(), nullptr); // gone, or never there offscreen
+        EXPECT_NE(logText(logs).find("\tExit " + window.title().toStdString()), std::string::npos);
+    }
+    // Destroying the window after it ended does not log a second "Exit".
+    const std::string text = logText(logs);
+    EXPECT_EQ(text.find("\tExit "), text.rfind("\tExit "));
+
+    const QString longTitle(200, 'x');
+    EXPECT_EQ(trayTip(longTitle), QString(127, 'x'));
+    EXPECT_EQ(trayTip("short"), QString("short"));
+}
+
+TEST_F(WatchWindowTest, SetupDialogRowsAndTheOkRule)
+{
+    WatchJobSettings start;
+    start.goodThreshold = 4;
+    WatchJobSetupDialog dialog(start);
+    EXPECT_EQ(dialog.windowTitle(), QString("Setup Watch Job"));
+    EXPECT_EQ(dialog.size(), QSize(414, 354));
+    const auto text = [&](int id) { return dialog.control(id)->property("text").toString(); };
+    EXPECT_EQ(text(WatchJobSetupDialog::kIdStatus), QString("Disabled"));
+    EXPECT_EQ(text(WatchJobSetupDialog::kIdAction), QString("Quality check"));
+    EXPECT_EQ(text(WatchJobSetupDialog::kIdThreshold), QString("4/5 Good"));
+    EXPECT_EQ(menuTexts(dialog.thresholdMenu()),
+              QStringList({"Any clip", "-", "1/5 Very BAD", "2/5 BAD", "3/5 Playable", "4/5 Good *",
+                           "5/5 OK"}));
+    QStringList labels;
+    for (const QLabel* l : dialog.findChildren<QLabel*>()) {
+        labels << l->text();
+    }
+    EXPECT_EQ(labels, QStringList({"Status", "Input Folder", "Actions",
+                                   "Clip is GOOD when QC score is equal or better than"}));
+    EXPECT_EQ(text(WatchJobSetupDialog::kIdGoodToggle), QString("Move GOOD clips to folder:"));
+    EXPECT_EQ(text(WatchJobSetupDialog::kIdBadToggle), QString("Move BAD clips to folder:"));
+
+    // Pickers: their titles, and the folder they give.
+    QStringList titles;
+    setFolderAnswerer([&](const QString& title, const QString&) {
+        titles << title;
+        return QString("/picked/") + QString::number(titles.size());
+    });
+    const auto click = [&](int id) { static_cast<QPushButton*>(dialog.control(id))->click(); };
+    struct Step
+    {
+        const char* what;
+        int click;
+        bool okAccepted;
+    };
+    // Each step clicks one control, then tries OK on a copy of the state.
+    const Step steps[] = {
+        {"disabled: OK whatever the folders", 0, true},
+        {"enabled without a source folder", WatchJobSetupDialog::kIdStatus, false},
+        {"a source folder", WatchJobSetupDialog::kIdInputPick, true},
+        {"move GOOD on, no folder", WatchJobSetupDialog::kIdGoodToggle, false},
+        {"a GOOD folder", WatchJobSetupDialog::kIdGoodPick, true},
+        {"move BAD on, no folder", WatchJobSetupDialog::kIdBadToggle, false},
+        {"a BAD folder", WatchJobSetupDialog::kIdBadPick, true},
+    };
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.what);
+        if (step.click != 0) {
+            click(step.click);
+        }
+        WatchJobSetupDialog copy(dialog.settings());
+        copy.show();
+        copy.command(kIdOk);
+        EXPECT_EQ(copy.result() == QDialog::Accepted, step.okAccepted);
+        EXPECT_EQ(copy.isVisible(), !step.okAccepted);
+    }
+    setFolderAnswerer({});
+    EXPECT_EQ(text(WatchJobSetupDialog::kIdStatus), QString("ENABLED"));
+    EXPECT_EQ(titles, QStringList({"Set input folder", "Set GOOD clips output folder",
+                                   "Set Bad clips output folder"}));
+    // The fields follow their toggles.
+    click(WatchJobSetupDialog::kIdGoodToggle);
+    EXPECT_FALSE(dialog.control(WatchJobSetupDialog::kIdGoodField)->isEnabled());
+    EXPECT_FALSE(dialog.control(WatchJobSetupDialog::kIdGoodPick)->isEnabled());
+    EXPECT_TRUE(dialog.control(WatchJobSetupDialog::kIdBadField)->isEnabled());
+    dialog.thresholdMenu()->actions().at(0)->trigger(); // "Any clip"
+    EXPECT_EQ(text(WatchJobSetupDialog::kIdThreshold), QString("Any clip"));
+
+    const WatchJobSettings& s = dialog.settings();
+    EXPECT_TRUE(s.enabled);
+    EXPECT_EQ(s.sourceFolder, "/picked/1/");
+    EXPECT_EQ(s.goodFolder, "/picked/2/");
+    EXPECT_FALSE(s.moveGood);
+    EXPECT_TRUE(s.moveBad);
+    EXPECT_EQ(s.badFolder, "/picked/3/");
+    EXPECT_EQ(s.goodThreshold, 0);
+}
+
+TEST_F(WatchWindowTest, JobSetupWritesTheKeysOnOkOnly)
+{
+    WatchJobWindow window;
+    const fs::path ini = m_dir / "TarvoQC.ini";
+    const auto answer = [](bool ok) {
+        QTimer::singleShot(0, [ok] {
+            auto* setup = qobject_cast<WatchJobSetupDialog*>(QApplication::activeModalWidget());
+            ASSERT_NE(setup, nullptr);
+            setup->command(ok ? kIdOk : kIdCancel);
+        });
+    };
+    const std::string before = fs::exists(ini) ? test::readFile(ini) : "";
+    answer(false);
+    window.command(kCommandJobSetup);
+    EXPECT_EQ(fs::exists(ini) ? test::readFile(ini) : "", before);
+    answer(true);
+    window.command(kCommandJobSetup);
+    const std::string written = test::readFile(ini);
+    EXPECT_NE(written.find("[Job00]\nEnabled=0\nSource.Folder=\nGood.QCTsh=3\nGood.Move.Enable=0\n"
+                           "Good.Move.Folder=\nBad.Move.Enable=0\nBad.Move.Folder=\n"),
+              std::string::npos)
+        << written;
+}
+
+TEST_F(WatchWindowTest, ProgramMovesADroppedClipAndLogsItsExit)
+{
+    const fs::path in = m_dir / "in";
+    const fs::path good = m_dir / "good";
+    fs::create_directories(in);
+    fs::create_directories(good);
+    WatchJobSettings settings;
+    settings.enabled = true;
+    settings.sourceFolder = in.string() + "/";
+    settings.moveGood = true;
+    settings.goodFolder = good.string() + "/";
+    ASSERT_TRUE(saveWatchJobSettings((m_dir / "TarvoQC.ini").string(), settings));
+
+    test::ChildProcess watch({"env", "-u", "DISPLAY", "-u", "WAYLAND_DISPLAY", "-u",
+                              "QT_QPA_PLATFORM", "TARVOQC_HOME=" + m_dir.path().string(),
+                              TARVOQC_WATCH_EXE});
+    const fs::path clip = test::testClip("h264_aac.mp4");
+    fs::copy_file(clip, in / "drop.mp4");
+    // Settled long ago, so the next pass takes it.
+    fs::last_write_time(in / "drop.mp4",
+                        fs::file_time_type::clock::now() - std::chrono::minutes(1));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return fs::exists(good / "drop.mp4.qcout"); }, 30000));
+    EXPECT_EQ(test::sha256sumOf(good / "drop.mp4"), test::sha256sumOf(clip));
+    EXPECT_FALSE(fs::exists(in / "drop.mp4"));
+    watch.signal(SIGTERM);
+    EXPECT_EQ(watch.waitFor(std::chrono::seconds(10)), 0);
+    const std::string log = logText(m_dir / "LogsQC");
+    EXPECT_NE(log.find("\tQC 5/5 OK " + (in / "drop.mp4").string()), std::string::npos) << log;
+    EXPECT_NE(
+        log.find("\tMoved " + (in / "drop.mp4").string() + " -> " + (good / "drop.mp4").string()),
+        std::string::npos);
+    EXPECT_NE(log.find("\tExit Tarvo Quality Check v"), std::string::npos);
+}
+
+} // namespace
