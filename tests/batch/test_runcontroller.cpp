@@ -268,5 +268,19 @@ TEST(RunController, DestroyedWhileCheckingStopsItsRunners)
     EXPECT_FALSE(list.item(0).finished()) << "an interrupted check keeps no result";
 }
 
+TEST(CheckRunner, CheckSettingsComeFromTheOptionsSection)
+{
+    const test::TempDir dir;
+    const std::string ini = (dir.path() / "TarvoQC.ini").string();
+    EXPECT_EQ(loadCheckSettings(ini).level, 3); // no file: the defaults
+    EXPECT_EQ(loadCheckSettings(ini).options, ClipCheckOptions{});
+    test::writeFile(ini, "[Options]\nCheck.Level=4\nLoudness.Target=-16\nTruePeak.Limit=-2.5\n");
+    const CheckSettings read = loadCheckSettings(ini);
+    EXPECT_EQ(read.level, 4);
+    EXPECT_EQ(read.options, (ClipCheckOptions{-16.0, 1.0, -2.5, 0}));
+    test::writeFile(ini, "[Options]\nCheck.Level=5\n");
+    EXPECT_EQ(loadCheckSettings(ini).level, 3); // not a level: the default
+}
+
 } // namespace
 } // namespace tarvoqc
