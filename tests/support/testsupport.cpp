@@ -85,6 +85,25 @@ std::string readFile(const fs::path& path)
     return text.str();
 }
 
+std::string utf16(std::string_view ascii)
+{
+    std::string out;
+    for (const char c : ascii) {
+        out += c;
+        out += '\0';
+    }
+    return out;
+}
+
+std::string asciiOfUtf16(std::string_view bytes)
+{
+    std::string text;
+    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
+        text += bytes[i];
+    }
+    return text;
+}
+
 CommandResult runCommand(const std::vector<std::string>& argv,
                          const std::vector<std::string>& extraEnv)
 {
