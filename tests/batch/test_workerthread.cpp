@@ -119,8 +119,7 @@ TEST(WorkerThread, AnExceptionEscapingRunEndsTheThreadOnly)
 {
     const std::function<int(const Flag*)> bodies[] = {
         [](const Flag*) -> int { throw std::runtime_error("broken"); },
-        [](const Flag*) -> int { throw 7; },
-    };
+        [](const Flag*) -> int { throw 7; }};
     for (const auto& body : bodies) {
         TestWorker worker(body);
         ASSERT_TRUE(worker.Start());

@@ -114,14 +114,12 @@ TEST_F(DailyLogTest, NothingIsWrittenWhenThereIsNothingToWrite)
 
 TEST(DailyLog, FolderGetsOneTrailingSeparator)
 {
-    const std::pair<const char*, const char*> cases[] = {
-        {"/var/log/LogsQC", "/var/log/LogsQC/"},
-        {"/var/log/LogsQC/", "/var/log/LogsQC/"},
-        {"C:\\Logs", "C:\\Logs/"},
-        {"C:\\Logs\\", "C:\\Logs\\"},
-        {"C:/Logs/", "C:/Logs/"},
-        {"", ""},
-    };
+    const std::pair<const char*, const char*> cases[] = {{"/var/log/LogsQC", "/var/log/LogsQC/"},
+                                                         {"/var/log/LogsQC/", "/var/log/LogsQC/"},
+                                                         {"C:\\Logs", "C:\\Logs/"},
+                                                         {"C:\\Logs\\", "C:\\Logs\\"},
+                                                         {"C:/Logs/", "C:/Logs/"},
+                                                         {"", ""}};
     DailyLog log;
     for (const auto& [given, stored] : cases) {
         SCOPED_TRACE(given);

@@ -27,8 +27,7 @@ TEST(JobFile, RecognisesJobFilesByExtension)
         {"/in/job.qcin", true},   {"x.QCIN", true},   {"a.QcIn", true},
         {".qcin", true},          {"qcin", false},    {".qci", false},
         {"a.qcin.bak", false},    {"a.qcinx", false}, {"", false},
-        {"/in/job.qcout", false}, {"aqcin", false},
-    };
+        {"/in/job.qcout", false}, {"aqcin", false}};
     for (const auto& [path, job] : cases) {
         SCOPED_TRACE(path);
         EXPECT_EQ(isJobFile(path), job);
@@ -42,8 +41,7 @@ TEST(JobFile, ResultPathReplacesTheLastExtensionOfTheFileName)
         {"/in/a.b/job", "/in/a.b/job.qcout"}, // a dot in a folder is no extension
         {"job.x.qcin", "job.x.qcout"},        {"C:\\a\\b.qcin", "C:\\a\\b.qcout"},
         {"C:\\a.d\\b", "C:\\a.d\\b.qcout"},   {"/in/.qcin", "/in/.qcout"},
-        {"/in/dir/", "/in/dir/.qcout"},       {"", ".qcout"},
-    };
+        {"/in/dir/", "/in/dir/.qcout"},       {"", ".qcout"}};
     for (const auto& [job, result] : cases) {
         SCOPED_TRACE(job);
         EXPECT_EQ(jobResultPath(job), result);
@@ -90,8 +88,7 @@ TEST(JobFile, LoadJobNeedsTheRoot)
         {"<Tarvo_QC Hide=\"yes\"><Clip File=\"/a\"/></Tarvo_QC>", 1, 0, 2},
         {"<Tarvo_QC Hide=\"-3\"/>", 1, -3, 1},
         {"<Job Hide=\"1\"><Clip File=\"/a\"/></Job>", 0, 7, 1},
-        {"<Tarvo_QCX/>", 0, 7, 1},
-    };
+        {"<Tarvo_QCX/>", 0, 7, 1}};
     for (const auto& [text, result, hide, clips] : cases) {
         SCOPED_TRACE(text);
         XmlNode document;

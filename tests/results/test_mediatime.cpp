@@ -31,8 +31,7 @@ TEST(MediaTime, FormatsOfOneHundredNanosecondValues)
         {3600 * kSec, "01:00:00", "01:00:00"},
         {-(3600 * kSec + 5), "-01:00:00", "-01:00:00"},
         {24 * 3600 * kSec, "1d 24:00:00.00", "1d 24:00:00"},
-        {-(48 * 3600 * kSec + 150'000), "-2d 48:00:00.01", "-2d 48:00:00"},
-    };
+        {-(48 * 3600 * kSec + 150'000), "-2d 48:00:00.01", "-2d 48:00:00"}};
     for (const auto& [value, withHundredths, shortText] : cases) {
         SCOPED_TRACE(value);
         EXPECT_EQ(formatMediaTime100ns(value), withHundredths);
@@ -44,11 +43,12 @@ TEST(MediaTime, FormatsOfOneHundredNanosecondValues)
 TEST(MediaTime, StreamTimeBases)
 {
     const std::tuple<std::int64_t, TimeBase, const char*> cases[] = {
-        {90'000, {1, 90'000}, "1.00"},    {135'000, {1, 90'000}, "1.50"},
+        {90'000, {1, 90'000}, "1.00"},
+        {135'000, {1, 90'000}, "1.50"},
         {1'001, {1001, 30'000}, "33.40"}, // 1001 frames at 29.97 fps
-        {3'000, {1, 25}, "02:00.00"},     {-1, {1, 25}, "-0.04"},
-        {1, {1, 1000}, "0.00"},
-    };
+        {3'000, {1, 25}, "02:00.00"},
+        {-1, {1, 25}, "-0.04"},
+        {1, {1, 1000}, "0.00"}};
     for (const auto& [value, base, text] : cases) {
         SCOPED_TRACE(text);
         EXPECT_EQ(formatMediaTime(value, base), text);
@@ -91,8 +91,7 @@ TEST(MediaTime, SaturatingArithmetic)
         {kMax, 1, kMax, kMax - 1},
         {0, kNoTime, kNoTime, kMax}, // a difference against unknown is very large
         {kNoTime, 1, kNoTime + 1, kNoTime},
-        {-5, kMax, kMax - 5, kNoTime},
-    };
+        {-5, kMax, kMax - 5, kNoTime}};
     for (const auto& [a, b, sum, difference] : cases) {
         SCOPED_TRACE(testing::Message() << a << " " << b);
         EXPECT_EQ(saturatingAdd(a, b), sum);

@@ -23,8 +23,7 @@ TEST(QcIssueList, ScoreFollowsWorstSeverityOnly)
         {{Sev::Low, Sev::Warning}, 3, "3/5 Playable"},
         {{Sev::Warning, Sev::High, Sev::Low}, 2, "2/5 BAD"},
         {{Sev::Highest}, 1, "1/5 Very BAD"},
-        {{Sev::Warning, Sev::Critical, Sev::Highest}, 0, "0/5 ERROR"},
-    };
+        {{Sev::Warning, Sev::Critical, Sev::Highest}, 0, "0/5 ERROR"}};
     for (const auto& [severities, score, text] : cases) {
         SCOPED_TRACE(text);
         QcIssueList list;
@@ -105,8 +104,7 @@ TEST(QcIssueList, LineBuilders)
         {{Cat::Codec, Sev::Critical, Kind::Video, 0, "Cannot decode"},
          "[Critical] Stream 0 (Video) Cannot decode",
          "Codec:[Critical] Stream 0 (Video) Cannot decode",
-         "Stream 0 (Video) Cannot decode"},
-    };
+         "Stream 0 (Video) Cannot decode"}};
     for (const auto& [issue, shortText, longText, streamText] : cases) {
         SCOPED_TRACE(longText);
         EXPECT_EQ(QcIssueList::shortLine(issue), shortText);

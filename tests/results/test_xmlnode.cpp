@@ -190,8 +190,7 @@ TEST(XmlNode, GetByPathFollowsNamesIndexesAttributesAndTexts)
         {"R>C<>File", nullptr},
         {"R>C<1", nullptr},
         {"", nullptr},
-        {">", nullptr},
-    };
+        {">", nullptr}};
     for (const auto& [path, expected] : cases) {
         SCOPED_TRACE(path);
         std::string value = "untouched";
@@ -266,8 +265,7 @@ TEST(XmlNode, ForgivingReaderRules)
         {"<a x=\"1\" x=\"2\"/>", true, "a[x=1,x=2]"}, // read without a duplicate test
         {"<A></a>", false, "A(a)"},                   // end tags match case-sensitively
         {"<a><img src=\"x\"></a>", false, "a(img[src=x])"},
-        {"<a><hr/></a>", true, "a(hr)"},
-    };
+        {"<a><hr/></a>", true, "a(hr)"}};
     for (const auto& [text, closed, tree] : cases) {
         SCOPED_TRACE(text);
         XmlNode document;
@@ -279,22 +277,20 @@ TEST(XmlNode, ForgivingReaderRules)
 
 TEST(XmlNode, MustFail)
 {
-    const std::string inputs[] = {
-        "",
-        "no tags at all",
-        "<a>",
-        "<a>text",
-        "<a></a",
-        "<a x=\"1/>",
-        "<a><b></a>",
-        "<1st/>",
-        "<a><b/>",
-        "<-x/>",
-        "<.x/>",
-        "<?xml version=\"1.0\"?>",
-        "<!DOCTYPE a><a/>",
-        std::string("<a>\0</a>", 8),
-    };
+    const std::string inputs[] = {"",
+                                  "no tags at all",
+                                  "<a>",
+                                  "<a>text",
+                                  "<a></a",
+                                  "<a x=\"1/>",
+                                  "<a><b></a>",
+                                  "<1st/>",
+                                  "<a><b/>",
+                                  "<-x/>",
+                                  "<.x/>",
+                                  "<?xml version=\"1.0\"?>",
+                                  "<!DOCTYPE a><a/>",
+                                  std::string("<a>\0</a>", 8)};
     for (const std::string& input : inputs) {
         SCOPED_TRACE(input);
         XmlNode document;
@@ -402,8 +398,7 @@ TEST(XmlNode, DecodingReplacesWhatIsBroken)
         {"\x80\x81\xFF", "\xE2\x82\xAC\xC2\x81\xC3\xBF"},                 // Windows-1252
         {"\xC3\xA9", "\xC3\xA9"},                                         // valid UTF-8 stays
         {std::string("\xFE\xFF\x00<", 4), "\xC3\xBE\xC3\xBF" + std::string(1, '\0') + "<"},
-        {"", ""},
-    };
+        {"", ""}};
     for (const auto& [bytes, text] : cases) {
         SCOPED_TRACE(testing::PrintToString(bytes));
         EXPECT_EQ(decodeXmlFileBytes(bytes), text);
@@ -464,8 +459,7 @@ TEST(XmlNode, DetectEncodingReadsTheLeadingDeclarations)
         {"<?xml version=\"1.0\"?><a/>", ""},
         {"<a encoding=\"x\"/>", ""},
         {"<a/><?xml encoding=\"late\"?>", ""},
-        {"", ""},
-    };
+        {"", ""}};
     for (const auto& [text, encoding] : cases) {
         SCOPED_TRACE(text);
         EXPECT_EQ(XmlNode::DetectEncoding(text), encoding);

@@ -34,19 +34,17 @@ std::string iniIn(const TempDir& dir)
 TEST(ProfileStore, ValuesComeBackAsWritten)
 {
     TempDir dir;
-    const std::string values[] = {
-        "plain",
-        "Müller/日本語/😀",
-        "a=b=c",
-        "x;y ; z",
-        "  spaced both ends  ",
-        "\"quoted\"",
-        "\"",
-        "tab\tinside",
-        "C:\\Clips\\",
-        "-1, 100, 80, 640, 480 G:1",
-        std::string(3000, 'v'),
-    };
+    const std::string values[] = {"plain",
+                                  "Müller/日本語/😀",
+                                  "a=b=c",
+                                  "x;y ; z",
+                                  "  spaced both ends  ",
+                                  "\"quoted\"",
+                                  "\"",
+                                  "tab\tinside",
+                                  "C:\\Clips\\",
+                                  "-1, 100, 80, 640, 480 G:1",
+                                  std::string(3000, 'v')};
     {
         ProfileStore store(iniIn(dir));
         for (std::size_t i = 0; i < std::size(values); ++i) {
@@ -87,8 +85,7 @@ TEST(ProfileStore, EmptyValueCountsAsAbsentAndBufferSizesCountCharacters)
         {"Text", 1, "", false, ""},
         {"Text", 0, "", false, ""},
         {"Umlauts", 3, "", true, "äö"},
-        {"Umlauts", 512, "", true, "äöü"},
-    };
+        {"Umlauts", 512, "", true, "äöü"}};
     for (const auto& [key, size, fallback, result, value] : cases) {
         SCOPED_TRACE(std::string(key) + " size " + std::to_string(size));
         std::string out = "stale";
@@ -126,8 +123,7 @@ TEST(ProfileStore, ReadsHandEditedFilesLikeTheClassicFunctions)
         {"[Job00]\nEnabled=1\0junk\nGood.QCTsh=4\n"s, "Good.QCTsh", "4"},
         {"[Job00\nEnabled=1\n", "Enabled", nullptr},
         {"[Job00]\nEnabled=1\n[Job00\nGood.QCTsh=2\n", "Good.QCTsh", nullptr},
-        {"[Job00]\nEnabled=" + std::string(70000, '1') + "\n", "Enabled", nullptr},
-    };
+        {"[Job00]\nEnabled=" + std::string(70000, '1') + "\n", "Enabled", nullptr}};
     TempDir dir;
     for (const auto& [text, key, expected] : cases) {
         SCOPED_TRACE(text.substr(0, 60));
@@ -245,16 +241,14 @@ TEST(ProfileStore, TypedValues)
                     "Tail=12abc\nWord=abc\nPlus= +7 \nRgb=255,128,0\nCut=256,-1,7\nTwo=1,2\n"
                     "Spaced=1, 2, 3, 4\nBadComma=1 ,2\nJunk=red\n");
     // key, read as 64-bit integer and as integer flag, default -5
-    const std::tuple<const char*, std::int64_t, int> ints[] = {
-        {"Missing", -5, -5},
-        {"Empty", -5, -5},
-        {"Big", 123456789012345, INT32_MAX},
-        {"Neg", -42, -42},
-        {"Huge", INT64_MAX, INT32_MAX},
-        {"Tail", 12, 12},
-        {"Word", 0, 0},
-        {"Plus", 7, 7},
-    };
+    const std::tuple<const char*, std::int64_t, int> ints[] = {{"Missing", -5, -5},
+                                                               {"Empty", -5, -5},
+                                                               {"Big", 123456789012345, INT32_MAX},
+                                                               {"Neg", -42, -42},
+                                                               {"Huge", INT64_MAX, INT32_MAX},
+                                                               {"Tail", 12, 12},
+                                                               {"Word", 0, 0},
+                                                               {"Plus", 7, 7}};
     for (const auto& [key, int64, flag] : ints) {
         SCOPED_TRACE(key);
         EXPECT_EQ(readProfileInt64(path, "T", key, -5), int64);
@@ -266,8 +260,7 @@ TEST(ProfileStore, TypedValues)
         {"Rgb", 0x123456, true, 0x0080FF},    {"Rgb", 0, false, 0}, // black by default: never read
         {"Cut", 1, true, 0x07FF00},           {"Two", 1, true, 0x000201},
         {"Empty", 0x123456, false, 0x123456}, {"Missing", 0x123456, false, 0x123456},
-        {"Junk", 0x123456, false, 0x123456},
-    };
+        {"Junk", 0x123456, false, 0x123456}};
     for (const auto& [key, before, read, after] : colours) {
         SCOPED_TRACE(key);
         std::uint32_t colour = before;
@@ -279,8 +272,7 @@ TEST(ProfileStore, TypedValues)
     const std::tuple<const char*, bool, ProfileRect> rects[] = {
         {"Two", true, {1, 2, 0, 0}},      {"Spaced", true, {1, 2, 3, 4}},
         {"BadComma", true, {1, 0, 0, 0}}, {"Empty", false, untouched},
-        {"Missing", false, untouched},    {"Junk", false, untouched},
-    };
+        {"Missing", false, untouched},    {"Junk", false, untouched}};
     for (const auto& [key, read, expected] : rects) {
         SCOPED_TRACE(key);
         ProfileRect rect = untouched;
@@ -357,8 +349,7 @@ TEST(ProfileStore, SettingsLocation)
         {"", writable, "/x", "/home/u", writable},
         {nullptr, missing, "/x/cfg", "/home/u", "/x/cfg/TarvoQC/"},
         {nullptr, missing, "relative", "/home/u", "/home/u/.config/TarvoQC/"},
-        {nullptr, missing, nullptr, "/home/u/", "/home/u/.config/TarvoQC/"},
-    };
+        {nullptr, missing, nullptr, "/home/u/", "/home/u/.config/TarvoQC/"}};
     for (const auto& [home, program, xdg, user, expected] : cases) {
         SCOPED_TRACE(expected);
         EXPECT_EQ(settingsFolderFor(home, program, xdg, user), expected);
@@ -406,8 +397,7 @@ TEST(ProfileStore, HostileFilesGiveDefaults)
         {"invalid UTF-8", "[Job00]\n\xC3\x28\xFF=\xFE\nGood.QCTsh=\xE2\x82\n", 0, 0},
         {"10 MB line", "[Job00]\nEnabled=" + std::string(10 << 20, '1'), 0, 3},
         {"10 MB file, valid start", validStart + std::string(10 << 20, 'x'), 1, 5},
-        {"cut at the cap", std::string(kMaxProfileBytes - 5, '\n') + "[Job00]\nEnabled=1", 0, 3},
-    };
+        {"cut at the cap", std::string(kMaxProfileBytes - 5, '\n') + "[Job00]\nEnabled=1", 0, 3}};
     for (const auto& [what, bytes, enabled, threshold] : cases) {
         SCOPED_TRACE(what);
         writeFile(path, bytes);

@@ -213,8 +213,7 @@ TEST_F(KitTest, DialogKeyboardRules)
         {"Shortcut row", 10, Qt::Key_O, kCtrl, 10, 77, 0},
         {"Two modifiers", 11, Qt::Key_X, Qt::AltModifier | Qt::ShiftModifier, 11, 78, 0},
         {"Rows after the end marker are not read", 10, Qt::Key_P, kCtrl, 10, 0, 0},
-        {"Enter on OK is OK's", kIdOk, Qt::Key_Return, kNone, 0, kIdOk, 0},
-    };
+        {"Enter on OK is OK's", kIdOk, Qt::Key_Return, kNone, 0, kIdOk, 0}};
     for (const auto& [what, from, key, modifiers, focusAfter, command, fieldKeys] : rows) {
         SCOPED_TRACE(what);
         KeyDialog dialog;
@@ -272,8 +271,7 @@ TEST_F(KitTest, VersionCheckAsksInOrderAndStopsAtNo)
          {"avformat", "avutil"},
          true},
         {"micro alone differs", all(v + 1, v), {QMessageBox::Yes}, {"avformat"}, true},
-        {"box closed otherwise", all(v + 1, v), {QMessageBox::NoButton}, {"avformat"}, true},
-    };
+        {"box closed otherwise", all(v + 1, v), {QMessageBox::NoButton}, {"avformat"}, true}};
     for (const auto& [what, libraries, answers, askedAbout, goesOn] : rows) {
         SCOPED_TRACE(what);
         std::vector<std::string> asked;

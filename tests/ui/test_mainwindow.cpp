@@ -138,8 +138,7 @@ TEST_F(MainWindowTest, OverLimitWarningCarriesTheNumbers)
     const std::tuple<std::size_t, std::size_t, std::size_t, const char*, std::size_t> rows[] = {
         {49999, 0, 3, "add 3 items (2 over the limit), it will only 1.", 50000},
         {50000, 0, 4, "add 4 items (4 over the limit), it will only 0.", 50000},
-        {50000, 2, 1, "add 1 items (3 over the limit), it will only -2.", 50002},
-    };
+        {50000, 2, 1, "add 1 items (3 over the limit), it will only -2.", 50002}};
     for (const auto& [listed, fromJob, dropped, numbers, rowsAfter] : rows) {
         SCOPED_TRACE(numbers);
         m_boxes.clear();
@@ -168,8 +167,7 @@ TEST_F(MainWindowTest, CheckAllShowsScoresColoursAndIssueGroups)
         {"truncated.mxf", "3/5 Playable", 0x0000E0, 0x000000, "MediaTime "},
         {"jump_video_high.ts", "2/5 BAD", 0x0000A0, 0xC0C0C0, "Frames "},
         {"pcm.wav", "1/5 Very BAD", 0x000080, 0xC0C0C0, "MediaTime "},
-        {"text.mov", "0/5 ERROR", 0x000040, 0xC0C0C0, "File "},
-    };
+        {"text.mov", "0/5 ERROR", 0x000040, 0xC0C0C0, "File "}};
     MainWindow w;
     QAbstractItemModelTester tester(grid(w)->model(),
                                     QAbstractItemModelTester::FailureReportingMode::Warning);

@@ -120,8 +120,7 @@ TEST_F(WatchWindowTest, SetupDialogRowsAndTheOkRule)
         {"move GOOD on, no folder", WatchJobSetupDialog::kIdGoodToggle, false},
         {"a GOOD folder", WatchJobSetupDialog::kIdGoodPick, true},
         {"move BAD on, no folder", WatchJobSetupDialog::kIdBadToggle, false},
-        {"a BAD folder", WatchJobSetupDialog::kIdBadPick, true},
-    };
+        {"a BAD folder", WatchJobSetupDialog::kIdBadPick, true}};
     for (const auto& [what, control, okAccepted] : steps) {
         SCOPED_TRACE(what);
         if (control != 0) {
