@@ -86,50 +86,30 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
                                   "\nQCheck 3/5 Playable\n";
     const auto in = [&](const char* name) { return (jobs / name).string(); };
     const std::string all = clipLines + "Clip " + broken.string() + " -\nQCheck 0/5 ERROR\n";
-    // what, arguments, whether it ends by itself (else it waits to be closed and gets
-    // SIGTERM), the document expected in the job folder (nullptr: none), what it holds,
-    // whether no platform is named at all
-    const std::tuple<const char*, std::vector<std::string>, bool, const char*, std::string, bool>
-        rows[] = {{"empty command line: interactive, no document", {}, false, nullptr, "", false},
-                  {"one job, upper-case extension, path with spaces",
-                   {in("A.QCIN")},
-                   true,
-                   "A.qcout",
-                   all,
-                   false},
-                  {"a job then a clip: no document",
-                   {in("A.QCIN"), ok.string()},
-                   true,
-                   nullptr,
-                   "",
-                   false},
-                  {"two jobs: the second's document lists both",
-                   {in("A.QCIN"), in("second.qcin")},
-                   true,
-                   "second.qcout",
-                   all,
-                   false},
-                  {"a job without clips stays open; closing writes it",
-                   {in("empty.qcin")},
-                   false,
-                   "empty.qcout",
-                   "",
-                   false},
-                  {"a job that does not parse adds nothing",
-                   {in("broken.qcin")},
-                   false,
-                   "broken.qcout",
-                   "",
-                   false},
-                  {"clips, not jobs", {in("x.qcin.bak"), in(".qci")}, true, nullptr, "", false},
-                  {"Hide without a display",
-                   {in("hidden.qcin")},
-                   true,
-                   "hidden.qcout",
-                   "Clip " + ok.string() + " " + hashOk + "\nQCheck 5/5 OK\n",
-                   true}};
-    for (const auto& [what, args, endsByItself, document, summary, unsetPlatform] : rows) {
-        SCOPED_TRACE(what);
+    const std::string hidden = "Clip " + ok.string() + " " + hashOk + "\nQCheck 5/5 OK\n";
+    // arguments, whether it ends by itself (else it waits to be closed and gets SIGTERM), the
+    // document expected in the job folder (nullptr: none), what it holds, whether no
+    // platform is named at all
+    const std::tuple<std::vector<std::string>, bool, const char*, std::string, bool> rows[] = {
+        // empty command line: interactive, no document
+        {{}, false, nullptr, "", false},
+        // one job, upper-case extension, path with spaces
+        {{in("A.QCIN")}, true, "A.qcout", all, false},
+        // a job then a clip: no document
+        {{in("A.QCIN"), ok.string()}, true, nullptr, "", false},
+        // two jobs: the second's document lists both
+        {{in("A.QCIN"), in("second.qcin")}, true, "second.qcout", all, false},
+        // a job without clips stays open; closing writes it
+        {{in("empty.qcin")}, false, "empty.qcout", "", false},
+        // a job that does not parse adds nothing
+        {{in("broken.qcin")}, false, "broken.qcout", "", false},
+        // clips, not jobs
+        {{in("x.qcin.bak"), in(".qci")}, true, nullptr, "", false},
+        // Hide without a display
+        {{in("hidden.qcin")}, true, "hidden.qcout", hidden, true},
+    };
+    for (const auto& [args, endsByItself, document, summary, unsetPlatform] : rows) {
+        SCOPED_TRACE(testing::PrintToString(args));
         for (const auto& entry : fs::directory_iterator(jobs)) {
             if (entry.path().extension() == ".qcout") {
                 fs::remove(entry.path());
