@@ -21,6 +21,7 @@ CheckRunner::~CheckRunner()
 void CheckRunner::StartCheck()
 {
     m_checker.setInterruptFlag(stopFlag());
+    m_checkEnded.store(false, std::memory_order_relaxed);
     if (Start()) {
         SetPriority(m_priority);
         return;
@@ -38,7 +39,27 @@ int CheckRunner::Run()
         m_checker.Run(stopFlag());
     }
     m_checker.Close();
+    m_checkEnded.store(true, std::memory_order_release);
+    if (m_endSignal != nullptr) {
+        m_endSignal->notify();
+    }
     return 0;
+}
+
+void RunnerEndSignal::notify()
+{
+    // Taking the lock orders the notification after the waiter's look at ended(): a wakeup
+    // cannot fall between that look and its wait.
+    {
+        const std::lock_guard lock(m_lock);
+    }
+    m_changed.notify_all();
+}
+
+bool RunnerEndSignal::waitFor(std::chrono::milliseconds timeout, const std::function<bool()>& ended)
+{
+    std::unique_lock lock(m_lock);
+    return m_changed.wait_for(lock, timeout, ended);
 }
 
 } // namespace tarvoqc

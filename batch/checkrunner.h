@@ -1,6 +1,11 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
+#include <mutex>
 #include <string>
 
 #include "batch/workerthread.h"
@@ -10,6 +15,24 @@
 namespace tarvoqc {
 
 class TaskItem;
+
+// Tells an owner of several runners that one of them has ended its check, so that it can
+// start the next clip at once instead of at its next poll. Runners call notify() last
+// thing on their worker; the owner waits in waitFor().
+//
+// Thread-safety: notify() from any thread; waitFor() from the owning thread.
+class RunnerEndSignal
+{
+public:
+    void notify();
+    // Waits until ended() holds or timeout passed; ended() is evaluated under the signal's
+    // lock (it must only read atomics). True when ended() held.
+    bool waitFor(std::chrono::milliseconds timeout, const std::function<bool()>& ended);
+
+private:
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+};
 
 // Checks one clip on a worker thread at idle priority: opens it (on the worker, so a slow
 // or blocked open never holds up the caller), runs the read and decode pass, and closes
@@ -34,8 +57,17 @@ public:
     // that its result still records how far it got; the runner then counts as finished.
     void StartCheck();
 
-    // True once the check has ended (or never ran).
-    bool finished() const { return !IsRunning(); }
+    // True once the check has ended (or never ran): the checker is closed and its result
+    // complete, though the thread may still be on its way out.
+    bool checkEnded() const { return m_checkEnded.load(std::memory_order_acquire) || !IsRunning(); }
+    // True once the thread is gone too, so that destroying the runner never waits: an idle
+    // thread on a busy machine may take seconds to be given the processor for its last
+    // steps, and the window thread must not wait for that.
+    bool finished() const { return !IsRunning() && HasExited(); }
+
+    // Notified when the check ends (not after a forced abort). Set before StartCheck; the
+    // signal must outlive the runner's thread.
+    void setEndSignal(RunnerEndSignal* signal) { m_endSignal = signal; }
 
     std::uint64_t itemId() const { return m_itemId; }
     const std::string& path() const { return m_path; }
@@ -52,6 +84,8 @@ private:
     const int m_decoderThreadOption;
     const int m_priority;
     ClipChecker m_checker;
+    std::atomic<bool> m_checkEnded{false};
+    RunnerEndSignal* m_endSignal = nullptr;
 };
 
 } // namespace tarvoqc

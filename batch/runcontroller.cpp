@@ -16,6 +16,8 @@ bool RunController::CheckAll()
         return false;
     }
     m_state = RunState::All;
+    m_cursor = 0;
+    m_cursorRevision = m_list.revision();
     return true;
 }
 
@@ -34,6 +36,7 @@ void RunController::startRunner(TaskItem& item)
 {
     auto runner = std::make_unique<CheckRunner>(item, m_options.level,
                                                 m_options.decoderThreadOption, m_options.priority);
+    runner->setEndSignal(&m_endSignal);
     runner->StartCheck();
     m_runners.push_back(std::move(runner));
 }
@@ -46,13 +49,28 @@ bool RunController::beingChecked(const TaskItem& item) const
 
 TaskItem* RunController::nextUnchecked()
 {
-    for (std::size_t i = 0; i < m_list.size(); ++i) {
-        TaskItem& item = m_list.item(i);
+    if (m_cursorRevision != m_list.revision()) {
+        m_cursor = 0; // rows were inserted or removed: look again from the top
+        m_cursorRevision = m_list.revision();
+    }
+    for (; m_cursor < m_list.size(); ++m_cursor) {
+        TaskItem& item = m_list.item(m_cursor);
         if (!item.finished() && !beingChecked(item)) {
             return &item;
         }
     }
     return nullptr;
+}
+
+void RunController::waitForRunnerEnd(std::chrono::milliseconds timeout)
+{
+    if (m_runners.empty()) {
+        return;
+    }
+    m_endSignal.waitFor(timeout, [this] {
+        return std::any_of(m_runners.begin(), m_runners.end(),
+                           [](const auto& runner) { return runner->checkEnded(); });
+    });
 }
 
 TickReport RunController::tick()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -72,6 +73,12 @@ public:
 
     TickReport tick();
 
+    // For an owner that calls tick() in a loop (the command line): blocks until a runner's
+    // check has ended or timeout passed, so that the next tick starts the next clip at
+    // once. Returns at once when no runner exists or one has already ended. The window
+    // does not use it; it keeps its timer.
+    void waitForRunnerEnd(std::chrono::milliseconds timeout);
+
     bool busy() const { return !m_runners.empty(); }
     // The runners now checking, oldest first (for per-clip progress).
     const std::vector<std::unique_ptr<CheckRunner>>& runners() const { return m_runners; }
@@ -85,6 +92,11 @@ private:
     const RunControllerOptions m_options;
     RunState m_state = RunState::Idle;
     int m_lastBusy = -1; // what the status cell last showed: -1 nothing yet, 0 or 1
+    // Every row before the cursor has a result or is being checked, as long as the list's
+    // revision is the one noted: "Check all" then never scans the list from the top again.
+    std::size_t m_cursor = 0;
+    std::uint64_t m_cursorRevision = 0;
+    RunnerEndSignal m_endSignal; // declared before the runners, which notify it
     std::vector<std::unique_ptr<CheckRunner>> m_runners;
 };
 

@@ -216,6 +216,11 @@ public:
 
     std::int32_t run(std::string* finalPath);
 
+    bool wasCancelled() const { return m_cancelled; }
+    // True when the source path still names the file that was copied, as it was at open:
+    // same device, inode, size and modification time.
+    bool sourceUnchanged() const;
+
 private:
     std::int32_t fail(std::int32_t code, const char* format, ...)
         __attribute__((format(printf, 3, 4)));
@@ -237,6 +242,8 @@ private:
     Fd m_temp;
     std::string m_tempName; // set while a temp file of ours exists under this name
     std::uint64_t m_size = 0;
+    struct stat m_opened = {}; // the source as it was opened
+    std::uint64_t m_copied = 0;
     std::uint64_t m_total = 0;
     std::uint64_t m_done = 0;
     bool m_cancelled = false;
@@ -278,12 +285,14 @@ std::int32_t Transfer::openSource()
     // Non-blocking, so that a FIFO put in place of a clip fails below instead of waiting
     // for a writer forever, and a file under another program's write lease is refused.
     m_input.reset(openFile(m_source, O_RDONLY | O_NOCTTY | O_NONBLOCK));
-    struct stat st = {};
-    if (!m_input.valid() || ::fstat(m_input.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
+    if (!m_input.valid() || ::fstat(m_input.get(), &m_opened) != 0 || !S_ISREG(m_opened.st_mode) ||
         isWriteLocked(m_input.get())) {
         m_input.reset();
         return fail(-1, "Cannot open input %s", m_source.c_str());
     }
+    // The handle's size is the one the copy must reach (the name may have been replaced
+    // between the query and the open).
+    m_size = static_cast<std::uint64_t>(m_opened.st_size);
     ::posix_fadvise(m_input.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     return 0;
 }
@@ -321,6 +330,11 @@ std::int32_t Transfer::reserveTemp()
         return fail(-9, "Cannot open output file %s", tempName.c_str());
     }
     ::posix_fadvise(m_temp.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    // The copy gets the source's permission bits, not those of a new file: a clip kept
+    // private stays private in its new place.
+    if (::fchmod(m_temp.get(), m_opened.st_mode & 0777) != 0) {
+        return fail(-9, "Cannot open output file %s", tempName.c_str());
+    }
     return 0;
 }
 
@@ -333,8 +347,11 @@ std::int32_t Transfer::copy()
             return fail(-22, "Cannot read input file %s", m_source.c_str());
         }
         if (got == 0) {
-            return 0;
+            // A source cut short during the copy ends early: without verify, that copy
+            // would otherwise pass for the whole file.
+            return m_copied < m_size ? fail(-22, "Cannot read input file %s", m_source.c_str()) : 0;
         }
+        m_copied += static_cast<std::uint64_t>(got);
         if (report(static_cast<std::uint64_t>(got))) {
             return cancelled();
         }
@@ -453,6 +470,15 @@ std::int32_t Transfer::finish(std::string* finalPath)
     return 0;
 }
 
+bool Transfer::sourceUnchanged() const
+{
+    struct stat now = {};
+    return ::stat(m_source.c_str(), &now) == 0 && now.st_dev == m_opened.st_dev &&
+           now.st_ino == m_opened.st_ino && now.st_size == m_opened.st_size &&
+           now.st_mtim.tv_sec == m_opened.st_mtim.tv_sec &&
+           now.st_mtim.tv_nsec == m_opened.st_mtim.tv_nsec;
+}
+
 std::int32_t Transfer::run(std::string* finalPath)
 {
     if (const std::int32_t rc = openSource(); rc != 0) {
@@ -566,8 +592,10 @@ TransferProgress::State TransferProgress::snapshot() const
     return m_state;
 }
 
-std::int32_t SafeTransfer(const std::string& destination, const std::string& source,
-                          std::uint32_t flags, TransferProgress* progress, std::string* finalPath)
+namespace {
+
+std::int32_t checkNames(const std::string& destination, const std::string& source,
+                        TransferProgress* progress)
 {
     if (!validName(source)) {
         TransferProgress::setError(progress, "Invalid input name");
@@ -577,8 +605,45 @@ std::int32_t SafeTransfer(const std::string& destination, const std::string& sou
         TransferProgress::setError(progress, "Invalid output name");
         return -1;
     }
+    return 0;
+}
+
+} // namespace
+
+std::int32_t SafeTransfer(const std::string& destination, const std::string& source,
+                          std::uint32_t flags, TransferProgress* progress, std::string* finalPath)
+{
+    if (const std::int32_t rc = checkNames(destination, source, progress); rc != 0) {
+        return rc;
+    }
     Transfer transfer(destination, source, flags, progress);
     return transfer.run(finalPath);
+}
+
+std::int32_t SafeMove(const std::string& destination, const std::string& source,
+                      std::uint32_t flags, TransferProgress* progress, std::string* finalPath)
+{
+    if (const std::int32_t rc = checkNames(destination, source, progress); rc != 0) {
+        return rc;
+    }
+    Transfer transfer(destination, source, flags | TransferVerify, progress);
+    const std::int32_t rc = transfer.run(finalPath);
+    if (rc != 0 || transfer.wasCancelled()) {
+        return rc;
+    }
+    // Another file renamed over the source, or the source written to, since it was opened:
+    // the copy holds the old content, and deleting the name would lose the new one.
+    if (!transfer.sourceUnchanged()) {
+        TransferProgress::setError(progress, "Source %s changed during the move; it is kept",
+                                   source.c_str());
+        return kSourceChanged;
+    }
+    if (::unlink(source.c_str()) != 0) {
+        TransferProgress::setError(progress, "Cannot delete source %s", source.c_str());
+        return kSourceNotDeleted;
+    }
+    syncFolder(folderOf(source)); // the copy is safe already; this only settles the name
+    return 0;
 }
 
 bool FileExists(const std::string& path)

@@ -79,8 +79,8 @@ private:
 // unique by UniqueFileName) in the destination's folder, is optionally read back and
 // compared with the source (TransferVerify), and the temp file is renamed to the
 // destination only then. The new file and its folder are on disk (fsync) before 0 is
-// returned. The source is never changed or deleted; a move is a SafeTransfer giving 0 with
-// the caller's cancel flag clear, followed by the caller's deletion of the source.
+// returned. The copy gets the source's permission bits. The source is never changed or
+// deleted; a move is SafeMove below.
 //
 // destination: the full path of the new file; its folder is the text up to and including
 // the last "/" (no "/" at all means the current folder). A destination ending in "/" names
@@ -106,7 +106,8 @@ private:
 //  -21  "Cannot write to output file"; also when the copy cannot be flushed to disk, and
 //       when its folder cannot be flushed after the rename: the copy then stays under its
 //       final name (finalPath says which) and the caller keeps the source
-//  -22  "Cannot read input file %s": the source fails to read during the copy
+//  -22  "Cannot read input file %s": the source fails to read during the copy, or ends
+//       before the size it had when it was opened (it shrank under the copy)
 //  -51  "Error writing to output file": a block is stored only in part (disk full)
 //  -30  "Memory alloc failed, exiting."   -31  "Cannot read output file"
 //  -32  "Verify proces failed.": the copy differs from the source, in bytes or in length
@@ -118,6 +119,33 @@ private:
 std::int32_t SafeTransfer(const std::string& destination, const std::string& source,
                           std::uint32_t flags, TransferProgress* progress,
                           std::string* finalPath = nullptr);
+
+// Result codes of SafeMove beyond those of SafeTransfer.
+inline constexpr std::int32_t kSourceChanged =
+    -23; // "Source %s changed during the move; it is kept"
+inline constexpr std::int32_t kSourceNotDeleted = -24; // "Cannot delete source %s"
+
+// Moves source to destination: a SafeTransfer with TransferVerify added to flags, then the
+// source is deleted, but only when its path still names the file that was copied (same
+// device, inode, size and modification time as when it was opened). This is the move of
+// the watch job. A narrow window stays between that look and the deletion; a file renamed
+// over the source or written to during the copy is caught.
+//
+// Result, with the error text set in the progress record:
+//    0  moved: the copy is under its final name (finalPath) and the source is gone; also
+//       after a cancellation, when nothing was moved, the source is kept and finalPath is
+//       left alone (the caller tells the two apart by its cancel flag)
+//  kSourceChanged (-23)  "Source %s changed during the move; it is kept": the copy (of the
+//       file as it was opened) is under finalPath, and the source path, which now names
+//       another file or a changed one, is not touched
+//  kSourceNotDeleted (-24)  "Cannot delete source %s": the copy is under finalPath, the
+//       source stays
+//  any other code: that of SafeTransfer; the source is kept.
+//
+// Blocks like SafeTransfer; the same thread rules apply.
+std::int32_t SafeMove(const std::string& destination, const std::string& source,
+                      std::uint32_t flags, TransferProgress* progress,
+                      std::string* finalPath = nullptr);
 
 // True when the name is taken: the path opens for reading, or something exists under it
 // that cannot be opened (no permission, a dangling link, a file another program holds).

@@ -45,12 +45,14 @@ struct FolderEntry
 };
 
 // Lists a folder completely and closes it before anything is done with the entries, so a
-// deep tree never holds more than one folder open. False when it cannot be listed.
+// deep tree never holds more than one folder open. False when it cannot be listed (then
+// unreadable, when given, is set) or was listed before.
 bool listFolder(const std::string& folder, std::set<std::pair<dev_t, ino_t>>& visited,
-                std::vector<FolderEntry>& entries)
+                std::vector<FolderEntry>& entries, bool& unreadable)
 {
     DIR* dir = ::opendir(folder.c_str());
     if (dir == nullptr) {
+        unreadable = true;
         return false;
     }
     struct stat self = {};
@@ -112,9 +114,16 @@ std::string TaskLimitWarning::text() const
 
 std::size_t TaskList::indexOfId(std::uint64_t id) const
 {
-    const auto it = std::find_if(m_items.begin(), m_items.end(),
-                                 [id](const auto& item) { return item->id() == id; });
-    return it == m_items.end() ? npos : static_cast<std::size_t>(it - m_items.begin());
+    if (m_rowsStale) {
+        m_rowOfId.clear();
+        m_rowOfId.reserve(m_items.size());
+        for (std::size_t row = 0; row < m_items.size(); ++row) {
+            m_rowOfId[m_items[row]->id()] = row;
+        }
+        m_rowsStale = false;
+    }
+    const auto it = m_rowOfId.find(id);
+    return it == m_rowOfId.end() ? npos : it->second;
 }
 
 std::size_t TaskList::firstUnfinished() const
@@ -168,6 +177,7 @@ AddFilesResult TaskList::AddFiles(std::int64_t position, const std::vector<std::
     }
     m_items.insert(m_items.begin() + static_cast<std::ptrdiff_t>(row),
                    std::make_move_iterator(block.begin()), std::make_move_iterator(block.end()));
+    rowsMoved(row == static_cast<std::size_t>(existing));
     for (std::int64_t i = 0; i < toAdd; ++i) {
         track(*kept[static_cast<std::size_t>(i)]);
     }
@@ -186,6 +196,9 @@ void TaskList::AppendFromCommandLine(const std::string& path)
     }
     m_items.push_back(std::make_unique<TaskItem>(path));
     track(path);
+    if (!m_rowsStale) {
+        m_rowOfId[m_items.back()->id()] = m_items.size() - 1;
+    }
     if (m_observer != nullptr) {
         m_observer->rowsInserted();
     }
@@ -207,6 +220,7 @@ void TaskList::ClearAll()
     }
     m_items.clear();
     m_pathCounts.clear();
+    rowsMoved(false);
     if (m_observer != nullptr) {
         m_observer->reset();
     }
@@ -225,13 +239,33 @@ std::size_t TaskList::ClearFinished()
             untrack(item->path());
             return true;
         });
+    if (removed > 0) {
+        rowsMoved(false);
+    }
     if (m_observer != nullptr) {
         m_observer->reset();
     }
     return removed;
 }
 
-void TaskList::ScanFolder(const std::string& folder, std::vector<std::string>& out) const
+void TaskList::rowsMoved(bool appendedOnly)
+{
+    if (appendedOnly) {
+        // Rows before the end kept their numbers: the new ones join the index when it is
+        // next rebuilt, or now when it is current.
+        if (!m_rowsStale) {
+            for (std::size_t row = m_rowOfId.size(); row < m_items.size(); ++row) {
+                m_rowOfId[m_items[row]->id()] = row;
+            }
+        }
+        return;
+    }
+    ++m_revision;
+    m_rowsStale = true;
+}
+
+void TaskList::ScanFolder(const std::string& folder, std::vector<std::string>& out,
+                          std::vector<std::string>* unreadable) const
 {
     if (folder.empty()) {
         return;
@@ -248,8 +282,11 @@ void TaskList::ScanFolder(const std::string& folder, std::vector<std::string>& o
     std::vector<Level> stack;
     const auto enter = [&](const std::string& path) {
         Level level{path + "/", {}, 0};
-        if (listFolder(path, visited, level.entries)) {
+        bool failed = false;
+        if (listFolder(path, visited, level.entries, failed)) {
             stack.push_back(std::move(level));
+        } else if (failed && unreadable != nullptr) {
+            unreadable->push_back(path);
         }
     };
     enter(folder);

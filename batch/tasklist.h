@@ -124,8 +124,13 @@ public:
     const TaskItem& item(std::size_t index) const { return *m_items[index]; }
 
     static constexpr std::size_t npos = static_cast<std::size_t>(-1);
-    // Row of the item with this id(), or npos when it has left the list.
+    // Row of the item with this id(), or npos when it has left the list. Constant time
+    // from an index that is rebuilt once after rows moved.
     std::size_t indexOfId(std::uint64_t id) const;
+    // Changes whenever items are inserted before the end or removed, so that a caller that
+    // remembers a row (the run controller's next-item cursor) knows when to look again
+    // from the top. Appending does not change it.
+    std::uint64_t revision() const { return m_revision; }
     // Row of the first item without a result, or npos.
     std::size_t firstUnfinished() const;
     // True when an item has exactly this path.
@@ -152,9 +157,11 @@ public:
     // system lists them, skipping paths already listed. folder + "/" + name is the text of
     // each entry even when folder ends with "/" (the doubled separator is kept). Folder
     // links are followed, but every folder (by device and inode) is entered at most once
-    // per call, so link loops end. Folders that cannot be listed add nothing. An empty
-    // folder text adds nothing.
-    void ScanFolder(const std::string& folder, std::vector<std::string>& out) const;
+    // per call, so link loops end. Folders that cannot be listed add nothing; when
+    // unreadable is given, their paths are appended to it (the window stays silent about
+    // them, the command line names them). An empty folder text adds nothing.
+    void ScanFolder(const std::string& folder, std::vector<std::string>& out,
+                    std::vector<std::string>* unreadable = nullptr) const;
 
     // Drop decisions. CanAccept: true as soon as one path is an existing folder or passes
     // the clip test. collectDrop: each folder scanned, each other path kept when it passes
@@ -167,12 +174,18 @@ public:
 private:
     void track(const std::string& path);
     void untrack(const std::string& path);
+    // Rows were inserted or removed; appendedOnly when only new rows at the end came.
+    void rowsMoved(bool appendedOnly);
 
     std::vector<std::unique_ptr<TaskItem>> m_items;
     TaskListObserver* m_observer = nullptr;
     // How many items hold each path: the duplicate test stays fast at 50000 items, and
     // command-line items may share a path.
     std::unordered_map<std::string, std::size_t> m_pathCounts;
+    std::uint64_t m_revision = 0;
+    // Row of each item's id; rebuilt on the next lookup after rows moved.
+    mutable std::unordered_map<std::uint64_t, std::size_t> m_rowOfId;
+    mutable bool m_rowsStale = false;
 };
 
 } // namespace tarvoqc

@@ -31,8 +31,6 @@ namespace {
 // The window's choice of decoder threads: the library decides.
 constexpr int kDecoderThreadOption = 2;
 constexpr std::string_view kDocumentExtension = ".qcout";
-// Given by the move helper when the copy is made but the source stays where it was.
-constexpr std::int32_t kSourceNotDeleted = -46;
 
 std::string withSlash(const std::string& folder)
 {
@@ -63,48 +61,6 @@ bool sameFolder(const std::string& a, const std::string& b)
     return ::stat(a.empty() ? "." : a.c_str(), &stA) == 0 &&
            ::stat(b.empty() ? "." : b.c_str(), &stB) == 0 && stA.st_dev == stB.st_dev &&
            stA.st_ino == stB.st_ino;
-}
-
-// Moves a file: SafeTransfer, then the source is deleted, but only when the copy has its
-// final name (finalPath set: a cancelled transfer sets none and deletes nothing) and the
-// source path still names the very file that was copied (same identity, size and
-// modification time as when the move began; the file is held open meanwhile, so its
-// identity cannot be handed to another file). When the copy is made but the source
-// stays, the result is kSourceNotDeleted with the error "Cannot delete %s" and finalPath
-// says where the copy is. Otherwise the result and texts are those of SafeTransfer.
-// The watch job moves through this one call.
-std::int32_t safeMoveFile(const std::string& destination, const std::string& source,
-                          std::uint32_t flags, TransferProgress* progress, std::string* finalPath)
-{
-    std::string copied;
-    const int pin = ::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    struct stat before = {};
-    const bool known = pin >= 0 && ::fstat(pin, &before) == 0;
-    const std::int32_t rc = SafeTransfer(destination, source, flags, progress, &copied);
-    if (rc == 0 && !copied.empty()) {
-        if (finalPath != nullptr) {
-            *finalPath = copied;
-        }
-        struct stat after = {};
-        // Followed like the copy's own open: for a link, the link goes and its file stays.
-        const bool same = known && ::stat(source.c_str(), &after) == 0 &&
-                          after.st_dev == before.st_dev && after.st_ino == before.st_ino &&
-                          after.st_size == before.st_size &&
-                          nanoseconds(after.st_mtim) == nanoseconds(before.st_mtim);
-        if (!same || ::unlink(source.c_str()) != 0) {
-            if (pin >= 0) {
-                ::close(pin);
-            }
-            TransferProgress::setError(progress, "Cannot delete %s", source.c_str());
-            return kSourceNotDeleted;
-        }
-    } else if (rc != 0 && finalPath != nullptr && !copied.empty()) {
-        *finalPath = copied;
-    }
-    if (pin >= 0) {
-        ::close(pin);
-    }
-    return rc;
 }
 
 // The clip names of a folder in listing order; folders left out. Empty when the folder
@@ -478,8 +434,8 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
             rc = -4;
             TransferProgress::setError(&progress, "Cannot copy, output exists");
         } else {
-            rc = safeMoveFile(withSlash(target) + name, path, TransferVerify | TransferUnique,
-                              &progress, &finalPath);
+            rc = SafeMove(withSlash(target) + name, path, TransferVerify | TransferUnique,
+                          &progress, &finalPath);
         }
         if (rc == 0 && !finalPath.empty()) {
             m_seen.erase(path);

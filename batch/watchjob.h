@@ -99,7 +99,7 @@ struct WatchJobStatus
 // is logged and documented once per run of the worker, and a failed move is logged again
 // only when it fails differently; a clip that cannot be opened is logged once per version
 // as "Cannot open <path>" and is neither moved nor documented. A move whose copy was made
-// but whose source could not be deleted (code -46, "Cannot delete <path>") is not repeated
+// but whose source could not be deleted or had changed (SafeMove's -24 and -23) is not repeated
 // for that version, so no stream of copies grows. An empty GOOD or BAD folder fails the
 // move with -1 "Invalid output name", that folder being the source folder with -4.
 // The worker runs at the owner's priority (use nice for a lower one).

@@ -10,6 +10,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "engine/abortpoint.h"
@@ -139,6 +140,7 @@ void WorkerThread::entry()
     {
         std::lock_guard lock(m_lock);
         m_tid.store(tid, std::memory_order_release);
+        m_lastTid.store(tid, std::memory_order_release);
         m_started = true;
         m_changed.notify_all();
     }
@@ -238,6 +240,16 @@ void WorkerThread::Stop()
 bool WorkerThread::IsRunning() const
 {
     return !m_ended.load(std::memory_order_acquire);
+}
+
+bool WorkerThread::HasExited() const
+{
+    if (!m_ended.load(std::memory_order_acquire)) {
+        return false;
+    }
+    const pid_t tid = m_lastTid.load(std::memory_order_acquire);
+    // Signal 0 only asks whether the thread still exists.
+    return tid == 0 || (::syscall(SYS_tgkill, ::getpid(), tid, 0) != 0 && errno == ESRCH);
 }
 
 bool WorkerThread::SetPriority(int level)

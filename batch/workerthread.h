@@ -83,6 +83,9 @@ public:
 
     // True from Start until Run has returned (or the thread was aborted).
     bool IsRunning() const;
+    // True when the last thread has not only returned but is gone from the system, so a
+    // join (Stop, the destructor) returns at once; true before the first Start.
+    bool HasExited() const;
 
     // Sets the thread's priority (kThreadPriority...; Windows-style levels above Normal
     // map to negative nice values and need privileges). The idle level is SCHED_IDLE, or
@@ -153,6 +156,7 @@ private:
     bool m_hasExitCode = false;
     std::atomic<bool> m_aborted{false};
     std::atomic<pid_t> m_tid{0};
+    std::atomic<pid_t> m_lastTid{0}; // kept after the end, for HasExited
 
     // Read by the signal handler on the worker: whether a jump target is set, and whether
     // the unsafe stage has begun.

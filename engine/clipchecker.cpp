@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <vector>
 
 #include <fcntl.h>
 #include <strings.h>
@@ -29,6 +30,21 @@ constexpr TimeBase kMicroseconds{1, AV_TIME_BASE};
 ClipTicks toClipTicks(std::int64_t value, TimeBase base)
 {
     return value == AV_NOPTS_VALUE ? kNoTime : rescaleTime(value, base, kClipTimeBase);
+}
+
+// Reads the stream information with the picture-size limit on every decoder the library
+// opens for it, so that a small file claiming a huge picture cannot cost gigabytes.
+bool findStreamInfo(AVFormatContext* format)
+{
+    std::vector<AVDictionary*> options(format->nb_streams, nullptr);
+    for (AVDictionary*& streamOptions : options) {
+        av_dict_set_int(&streamOptions, "max_pixels", kMaxPicturePixels, 0);
+    }
+    const int rc = avformat_find_stream_info(format, options.empty() ? nullptr : options.data());
+    for (AVDictionary*& streamOptions : options) {
+        av_dict_free(&streamOptions);
+    }
+    return rc >= 0;
 }
 
 } // namespace
@@ -204,11 +220,9 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
 
     m_session = std::make_unique<ClipSession>(*this);
     ClipSession& session = *m_session;
-    {
-        // Opening a FIFO or a file on a hung mount blocks here: a forced abort may end it.
-        AbortPoint abortable;
-        session.fd = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
-    }
+    // A FIFO, a device or a folder under a clip's name is refused here, before any read
+    // could wait for ever; a file on a hung mount may still block, as an abort point.
+    session.fd = openRegularFile(m_path);
     if (session.fd >= 0) {
         ::posix_fadvise(session.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
         auto* buffer = static_cast<std::uint8_t*>(av_malloc(kIoBufferSize));
@@ -238,7 +252,7 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
     session.format.reset(format);
     EngineTrace(kTraceNormal, ".File openned\n");
 
-    if (avformat_find_stream_info(format, nullptr) < 0) {
+    if (!findStreamInfo(format)) {
         EngineTrace(kTraceStreamInfo, "Couldn't find stream information\n");
         publishFacts();
         return false;

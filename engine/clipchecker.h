@@ -20,6 +20,12 @@ struct ClipSession;
 // Progress of a check in hundred-thousandths of the clip.
 inline constexpr std::int32_t kProgressMax = 100000;
 
+// The largest picture (width x height) any decoder of the engine, and of the library's
+// probe, may allocate: room for 8K (8192 x 4320, rounded up to whole 64-line blocks), so
+// that a small file whose header claims a huge picture fails at once as a codec issue
+// instead of costing gigabytes.
+inline constexpr std::int64_t kMaxPicturePixels = 8192LL * 4352;
+
 // The engine object for one clip: Open (query the file, open the container, probe the
 // streams, set up decoders, header checks), Run (read every packet, hash the file,
 // decode, time-stamp checks, decoded checks, keys), Close. Findings become issues in the
@@ -40,15 +46,19 @@ public:
     // Opens and probes the clip at path (UTF-8). level is the CheckLevel (see
     // results/qcresult.h); decoderThreadOption below 0 makes decoding single-threaded,
     // otherwise the library picks. True when the streams were built. A false result
-    // leaves the reason in the issue list (attributes or open failed), except when the
-    // stream information could not be read: that failure is traced only.
+    // leaves the reason in the issue list (attributes or open failed; a path that names no
+    // regular file, such as a FIFO, a device or a folder, fails the open at once), except
+    // when the stream information could not be read: that failure is traced only. Every
+    // decoder, the probe's too, refuses pictures above kMaxPicturePixels.
     bool Open(const std::string& path, CheckLevel level, int decoderThreadOption);
 
     // The read and decode pass, the keys and the decoded checks; only after a successful
     // Open. cancelFlag (may be null) is polled before each packet: non-zero stops the
     // pass early, and the file is still hashed to its end. Returns 1 when the pass ran
     // (also when cancelled or when the demuxer failed), -9 when the clip file could not
-    // be opened for reading (write-locked).
+    // be opened for reading (write-locked). When the file's size or modification time at the
+    // end of the pass differ from those recorded at open, the clip gets the issue "File
+    // changed while being checked" (File, High): its keys describe no stable file.
     int Run(const std::atomic<std::int32_t>* cancelFlag);
 
     // Releases the streams, the decoders and the container. Safe to call at any time on
@@ -101,6 +111,9 @@ private:
     void startHash(int fd);
     void advanceHash(std::int64_t position);
     void finishHash();
+    // Raises "File changed while being checked" when the clip's size or modification time
+    // differ from those recorded at open.
+    void checkUnchanged();
 
     std::string m_path;
     CheckLevel m_level = 0;

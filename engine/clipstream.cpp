@@ -131,6 +131,7 @@ int ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
     if (decoderThreadOption < 0) {
         m_context->thread_count = 1;
     }
+    m_context->max_pixels = kMaxPicturePixels;
     if (avcodec_open2(m_context.get(), m_decoder, nullptr) < 0) {
         m_owner.report(Cat::Codec, Sev::Critical, m_index, "...Could not open codec %s\n",
                        m_decoder->name);

@@ -31,11 +31,7 @@ int ClipChecker::Run(const std::atomic<std::int32_t>* cancelFlag)
     m_progress.store(0, std::memory_order_relaxed);
     m_cancelFlag = cancelFlag;
 
-    int hashFd = -1;
-    {
-        AbortPoint abortable;
-        hashFd = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
-    }
+    int hashFd = openRegularFile(m_path);
     if (hashFd >= 0 && isWriteLocked(hashFd)) {
         ::close(hashFd);
         hashFd = -1;
@@ -58,6 +54,7 @@ int ClipChecker::Run(const std::atomic<std::int32_t>* cancelFlag)
     }
 
     finishHash();
+    checkUnchanged();
 
     if (m_level >= 3) {
         for (const auto& stream : m_session->streams) {
@@ -133,6 +130,22 @@ void ClipChecker::finishHash()
     m_work.hash256 = makeHash256(digest);
     m_work.fkey = makeFKey(digest);
     m_session->hash.reset();
+}
+
+void ClipChecker::checkUnchanged()
+{
+    // The keys and the facts hold only for the file as it was at open: a clip cut or
+    // rewritten in place meanwhile (seen on the handle), or replaced under its name (seen
+    // on the path), is described by neither version.
+    FileInfo handle;
+    FileInfo named;
+    const auto same = [this](const FileInfo& now) {
+        return now.size == m_work.fileSize && now.lastWriteTime == m_work.lastWriteTime;
+    };
+    if (!queryFileInfo(m_session->fd, handle) || !same(handle) || !queryFileInfo(m_path, named) ||
+        !same(named)) {
+        report(Cat::File, Sev::High, -1, "File changed while being checked");
+    }
 }
 
 void ClipChecker::flushDecoders()

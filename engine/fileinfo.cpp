@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "engine/abortpoint.h"
 
@@ -36,13 +37,15 @@ std::string_view baseName(std::string_view path)
 
 } // namespace
 
-bool queryFileInfo(const std::string& path, FileInfo& info)
+namespace {
+
+bool statFile(int dirFd, const char* path, int flags, std::string_view name, FileInfo& info)
 {
     struct statx st = {};
     int rc = 0;
     {
         AbortPoint abortable;
-        rc = ::statx(AT_FDCWD, path.c_str(), 0, STATX_BASIC_STATS | STATX_BTIME, &st);
+        rc = ::statx(dirFd, path, flags, STATX_BASIC_STATS | STATX_BTIME, &st);
     }
     if (rc != 0) {
         return false;
@@ -51,7 +54,6 @@ bool queryFileInfo(const std::string& path, FileInfo& info)
     if ((st.stx_mode & S_IWUSR) == 0) {
         attributes |= kAttrReadOnly;
     }
-    const std::string_view name = baseName(path);
     if (!name.empty() && name.front() == '.' && name != "." && name != "..") {
         attributes |= kAttrHidden;
     }
@@ -66,6 +68,38 @@ bool queryFileInfo(const std::string& path, FileInfo& info)
     info.creationTime = toFileTime(created.tv_sec, created.tv_nsec);
     info.lastWriteTime = toFileTime(st.stx_mtime.tv_sec, st.stx_mtime.tv_nsec);
     return true;
+}
+
+} // namespace
+
+bool queryFileInfo(const std::string& path, FileInfo& info)
+{
+    return statFile(AT_FDCWD, path.c_str(), 0, baseName(path), info);
+}
+
+bool queryFileInfo(int fd, FileInfo& info)
+{
+    return statFile(fd, "", AT_EMPTY_PATH, {}, info);
+}
+
+int openRegularFile(const std::string& path)
+{
+    int fd = -1;
+    {
+        AbortPoint abortable;
+        fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    }
+    if (fd < 0) {
+        return -1;
+    }
+    struct stat st = {};
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || flags < 0 ||
+        ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 bool isWriteLocked(int fd)

@@ -73,8 +73,11 @@ QcIssueList::QcIssueList()
     m_all.reserve(kIssueCap);
 }
 
-QcIssueList::QcIssueList(const QcIssueList& other) : QcIssueList()
+// A copy holds only what it copies: results kept for every clip of a long list must not
+// each carry room for the cap.
+QcIssueList::QcIssueList(const QcIssueList& other)
 {
+    m_all.reserve(other.m_all.size());
     assign(other);
 }
 

@@ -78,6 +78,16 @@ const std::vector<OptionRow>& optionTable()
     return table;
 }
 
+const OptionRow* findRow(std::string_view name, bool isLong)
+{
+    for (const OptionRow& row : optionTable()) {
+        if (isLong ? row.longName == name : (!row.shortName.empty() && row.shortName == name)) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
 } // namespace
 
 std::optional<CheckOptions> parseCheckOptions(const std::vector<std::string>& args,
@@ -98,24 +108,40 @@ std::optional<CheckOptions> parseCheckOptions(const std::vector<std::string>& ar
             onlyPaths = true;
             continue;
         }
-        const bool isLong = arg.starts_with("--");
-        std::string_view name = arg.substr(isLong ? 2 : 1);
+        if (!arg.starts_with("--")) {
+            // A cluster of short options ("-qj2"): flags one after another; the first that
+            // takes a value takes the rest of the cluster, or else the next argument.
+            for (std::size_t k = 1; k < arg.size(); ++k) {
+                const OptionRow* row = findRow(arg.substr(k, 1), false);
+                if (row == nullptr) {
+                    error = "unknown option '-" + std::string(arg.substr(k, 1)) + "' (see --help)";
+                    return std::nullopt;
+                }
+                std::string_view value;
+                if (row->takesValue) {
+                    if (k + 1 < arg.size()) {
+                        value = arg.substr(k + 1);
+                    } else if (i + 1 < args.size()) {
+                        value = args[++i];
+                    } else {
+                        error = "option '-" + std::string(row->shortName) + "' needs a value";
+                        return std::nullopt;
+                    }
+                    k = arg.size();
+                }
+                if (!row->apply(options, value, error)) {
+                    return std::nullopt;
+                }
+            }
+            continue;
+        }
+        std::string_view name = arg.substr(2);
         std::optional<std::string_view> inlineValue;
-        if (const auto eq = name.find('='); isLong && eq != std::string_view::npos) {
+        if (const auto eq = name.find('='); eq != std::string_view::npos) {
             inlineValue = name.substr(eq + 1);
             name = name.substr(0, eq);
-        } else if (!isLong && name.size() > 1) {
-            inlineValue = name.substr(1); // -l2
-            name = name.substr(0, 1);
         }
-        const OptionRow* row = nullptr;
-        for (const OptionRow& candidate : optionTable()) {
-            if ((isLong && candidate.longName == name) ||
-                (!isLong && !candidate.shortName.empty() && candidate.shortName == name)) {
-                row = &candidate;
-                break;
-            }
-        }
+        const OptionRow* row = findRow(name, true);
         if (row == nullptr) {
             error = "unknown option '" + std::string(arg) + "' (see --help)";
             return std::nullopt;

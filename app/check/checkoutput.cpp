@@ -14,12 +14,37 @@ nlohmann::json seconds(ClipTicks value)
 
 } // namespace
 
+std::string escapeControl(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\\') {
+            out += "\\\\";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (byte < 0x20 || byte == 0x7F) {
+            char hex[5];
+            std::snprintf(hex, sizeof hex, "\\x%02X", byte);
+            out += hex;
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
 std::string humanReport(const QcResult& result, bool brief)
 {
     char head[32];
     std::snprintf(head, sizeof head, "%-13s", scoreText(result.score()).data());
     std::string text = head;
-    text += result.path;
+    text += escapeControl(result.path);
     text += '\n';
     if (!brief) {
         for (const QcIssue* issue : result.issues.ordered()) {
@@ -74,6 +99,11 @@ nlohmann::json jsonReport(const QcResult& result)
             {"qcDuration", seconds(facts.qcDuration)},
             {"streams", streams},
             {"issues", issues}};
+}
+
+std::string jsonLine(const QcResult& result)
+{
+    return jsonReport(result).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 } // namespace tarvoqc::check

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "results/qcresult.h"
 
@@ -8,12 +9,22 @@
 
 namespace tarvoqc::check {
 
-// Human output of one clip: a line with the score text and the path, then, unless
-// brief, each issue as its long line, worst first.
+// A path (or any text) for one line of human-readable output: control characters become
+// "\n", "\r", "\t" or "\xHH", and a backslash "\\", so a name can neither split a line
+// nor pass for another name. Other bytes, UTF-8 or not, stay as they are.
+std::string escapeControl(std::string_view text);
+
+// Human output of one clip: a line with the score text and the path (escaped), then,
+// unless brief, each issue as its long line, worst first.
 std::string humanReport(const QcResult& result, bool brief);
 
 // The JSON object of one clip (one line of the --json output): times in seconds, null
 // where unknown; issues worst first.
 nlohmann::json jsonReport(const QcResult& result);
+
+// jsonReport as one line of text. Paths are bytes and need not be UTF-8: each byte that is
+// not part of a valid UTF-8 sequence is written as U+FFFD, so the line is always valid
+// JSON.
+std::string jsonLine(const QcResult& result);
 
 } // namespace tarvoqc::check

@@ -5,6 +5,8 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "app/check/checkoptions.h"
@@ -12,6 +14,7 @@
 #include "batch/runcontroller.h"
 #include "batch/tasklist.h"
 #include "results/jobfile.h"
+#include "results/qcissue.h"
 #include "results/resultfile.h"
 #include "results/xmlnode.h"
 #include "tarvoqc/version.h"
@@ -23,22 +26,33 @@ namespace {
 constexpr int kExitPass = 0;
 constexpr int kExitBelowThreshold = 1;
 constexpr int kExitUsage = 2;
-// The command line polls its runners more often than the window's 100 ms: with many short
-// clips the wait between two clips would otherwise dominate.
-constexpr auto kTickInterval = std::chrono::milliseconds(10);
+// The next clip starts as soon as a check ends (RunController::waitForRunnerEnd); this is
+// only how often the progress bar is redrawn while checks run.
+constexpr auto kProgressInterval = std::chrono::milliseconds(100);
 
 // Fills the list from the command line's paths: a job file adds its clips (each once), a
 // folder adds the clips found in it (each once), anything else is checked as a clip,
-// whatever its name. Job files that cannot be read are named in unreadableJobs.
-void fillTaskList(const std::vector<std::string>& paths, TaskList& list,
-                  std::vector<std::string>& unreadableJobs)
+// whatever its name. Job files that cannot be read, or are no job (their root element is
+// not "Tarvo_QC"), are named on standard error and make the run an input error; so are
+// folders that cannot be listed. Returns false after any such error.
+bool fillTaskList(const std::vector<std::string>& paths, TaskList& list)
 {
+    bool ok = true;
     for (const std::string& path : paths) {
         std::error_code ec;
         if (isJobFile(path)) {
+            XmlNode document;
             Job job;
-            if (!readJobFile(path, job)) {
-                unreadableJobs.push_back(path);
+            const char* problem = nullptr;
+            if (!document.Load(path)) {
+                problem = "could not be read";
+            } else if (loadJob(document, job) == 0) {
+                problem = "has no \"Tarvo_QC\" root element";
+            }
+            if (problem != nullptr) {
+                std::fprintf(stderr, "tarvoqc-check: job file '%s' %s; its clips are skipped\n",
+                             check::escapeControl(path).c_str(), problem);
+                ok = false;
             }
             for (const JobClip& clip : job.clips) {
                 list.AppendFromJob(clip.clipPath);
@@ -49,14 +63,87 @@ void fillTaskList(const std::vector<std::string>& paths, TaskList& list,
                 folder.pop_back();
             }
             std::vector<std::string> found;
-            list.ScanFolder(folder, found);
+            std::vector<std::string> unreadable;
+            list.ScanFolder(folder, found, &unreadable);
             for (const std::string& clip : found) {
                 list.AppendFromJob(clip);
+            }
+            for (const std::string& skipped : unreadable) {
+                std::fprintf(stderr, "tarvoqc-check: folder '%s' cannot be read; it is skipped\n",
+                             check::escapeControl(skipped).c_str());
+                ok = false;
             }
         } else {
             list.AppendFromCommandLine(path);
         }
     }
+    return ok;
+}
+
+// Whether an existing file may be replaced by a result document: one written before (it
+// begins as this program writes them: the UTF-16 mark, then the root "Tarvo_QC" without
+// attributes, which job files may carry; and it is not named like a job file), or an
+// empty file (made by mktemp, say). Only the first bytes are read, so a document of any
+// size is recognised at once.
+bool replaceableDocument(const std::string& path, const struct stat& st)
+{
+    if (st.st_size == 0) {
+        return true;
+    }
+    if (isJobFile(path)) {
+        return false;
+    }
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) {
+        return false;
+    }
+    std::string head(32, '\0');
+    const ssize_t got = ::read(fd, head.data(), head.size());
+    ::close(fd);
+    head.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    const auto utf16 = [](std::string_view ascii) {
+        std::string bytes = "\xFF\xFE";
+        for (const char c : ascii) {
+            bytes += c;
+            bytes += '\0';
+        }
+        return bytes;
+    };
+    return head.starts_with(utf16("<Tarvo_QC>")) || head.starts_with(utf16("<Tarvo_QC/>"));
+}
+
+// Why the result document must not be written to path, or empty when it may. The checker
+// never destroys a file: not one of its inputs (same device and inode, whatever the
+// name), not a device or a folder, not a file that holds anything but an earlier result.
+std::string documentRefusal(const std::string& path, const TaskList& list,
+                            const std::vector<std::string>& inputs)
+{
+    struct stat target = {};
+    if (::stat(path.c_str(), &target) != 0) {
+        return {}; // a new file (or a link to one)
+    }
+    if (!S_ISREG(target.st_mode)) {
+        return "it is not a regular file";
+    }
+    const auto sameFile = [&target](const std::string& other) {
+        struct stat st = {};
+        return ::stat(other.c_str(), &st) == 0 && st.st_dev == target.st_dev &&
+               st.st_ino == target.st_ino;
+    };
+    for (const std::string& input : inputs) {
+        if (sameFile(input)) {
+            return "it is one of the inputs";
+        }
+    }
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        if (sameFile(list.item(i).path())) {
+            return "it is one of the clips to check";
+        }
+    }
+    if (!replaceableDocument(path, target)) {
+        return "it exists and is not a result document";
+    }
+    return {};
 }
 
 // Where the result document goes: --output when given; otherwise, as in the window
@@ -72,6 +159,16 @@ std::string resultDocumentPath(const check::CheckOptions& options)
     return {};
 }
 
+// Characters of a UTF-8 text: every byte that is not a continuation byte starts one.
+std::size_t utf8Length(std::string_view text)
+{
+    std::size_t chars = 0;
+    for (const char c : text) {
+        chars += (static_cast<unsigned char>(c) & 0xC0) != 0x80 ? 1 : 0;
+    }
+    return chars;
+}
+
 // One line on standard error, redrawn in place: done/total, the mean progress of the
 // running checks, and the clip being checked.
 class ProgressBar
@@ -85,17 +182,22 @@ public:
             return;
         }
         constexpr int kWidth = 30;
+        constexpr std::size_t kNameChars = 40;
         const double fraction = total == 0 ? 1.0
                                            : (static_cast<double>(done) + progress / 100000.0) /
                                                  static_cast<double>(total);
         const int filled = static_cast<int>(fraction * kWidth);
         std::string bar(static_cast<std::size_t>(filled), '#');
         bar.resize(kWidth, '-');
-        std::string name = std::filesystem::path(path).filename().string();
-        if (name.size() > 40) {
-            name = name.substr(0, 37) + "...";
+        // Cut and padded by characters, never inside one.
+        std::string name = check::escapeControl(std::filesystem::path(path).filename().string());
+        std::size_t chars = utf8Length(name);
+        if (chars > kNameChars) {
+            name = cutUtf8(name, kNameChars - 3) + "...";
+            chars = kNameChars;
         }
-        std::fprintf(stderr, "\r[%s] %3d%% %zu/%zu %-40s", bar.c_str(),
+        name.append(kNameChars - chars, ' ');
+        std::fprintf(stderr, "\r[%s] %3d%% %zu/%zu %s", bar.c_str(),
                      static_cast<int>(fraction * 100), done, total, name.c_str());
         std::fflush(stderr);
         m_shown = true;
@@ -137,17 +239,21 @@ int main(int argc, char** argv)
     }
 
     TaskList list;
-    std::vector<std::string> unreadableJobs;
-    fillTaskList(options->paths, list, unreadableJobs);
-    for (const std::string& job : unreadableJobs) {
-        std::fprintf(stderr,
-                     "tarvoqc-check: job file '%s' could not be read; its clips are skipped\n",
-                     job.c_str());
-    }
-    const std::string documentPath = resultDocumentPath(*options);
+    const bool inputsRead = fillTaskList(options->paths, list);
+    // A run that could not read all its inputs writes no result document: the one it would
+    // write lacks their clips, and the earlier one (beside a job file, say) stays as it was.
+    const std::string documentPath = inputsRead ? resultDocumentPath(*options) : std::string();
     if (list.empty() && documentPath.empty()) {
         std::fprintf(stderr, "tarvoqc-check: no clips found in the given paths\n");
         return kExitUsage;
+    }
+    if (!documentPath.empty()) {
+        if (const std::string why = documentRefusal(documentPath, list, options->paths);
+            !why.empty()) {
+            std::fprintf(stderr, "tarvoqc-check: will not write the result document to '%s': %s\n",
+                         check::escapeControl(documentPath).c_str(), why.c_str());
+            return kExitUsage;
+        }
     }
 
     RunControllerOptions runOptions;
@@ -177,7 +283,7 @@ int main(int argc, char** argv)
                 ++below;
             }
             if (options->json) {
-                std::puts(check::jsonReport(result).dump().c_str());
+                std::puts(check::jsonLine(result).c_str());
             } else if (!options->quiet) {
                 std::fputs(check::humanReport(result, false).c_str(), stdout);
             }
@@ -191,7 +297,7 @@ int main(int argc, char** argv)
             progress.show(printed, list.size(), report.progress.value_or(0),
                           controller.runners().front()->path());
         }
-        std::this_thread::sleep_for(kTickInterval);
+        controller.waitForRunnerEnd(kProgressInterval);
     }
     progress.clear();
 
@@ -201,7 +307,7 @@ int main(int argc, char** argv)
                  count == 1 ? "" : "s", options->level, count - below,
                  scoreText(options->threshold).data(), below);
 
-    bool ioError = !unreadableJobs.empty();
+    bool ioError = !inputsRead;
     if (!documentPath.empty()) {
         std::vector<ResultDocumentEntry> entries;
         for (std::size_t i = 0; i < list.size(); ++i) {
@@ -211,7 +317,7 @@ int main(int argc, char** argv)
         buildResultDocument(document, entries);
         if (!document.Save(documentPath)) {
             std::fprintf(stderr, "tarvoqc-check: cannot write the result document '%s'\n",
-                         documentPath.c_str());
+                         check::escapeControl(documentPath).c_str());
             ioError = true;
         }
     }

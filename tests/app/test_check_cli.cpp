@@ -1,7 +1,10 @@
 #include <filesystem>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -104,7 +107,9 @@ TEST(CheckCli, VersionHelpAndQuiet)
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.out.find("--threshold"), std::string::npos);
 
-    const test::CommandResult quiet = check({"-q", "-l1", clip("text.mov"), clip("mpeg2_pcm.mxf")});
+    // Short options combine as usual: "-qj2" is "-q -j2".
+    const test::CommandResult quiet =
+        check({"-qj2", "-l1", clip("text.mov"), clip("mpeg2_pcm.mxf")});
     EXPECT_EQ(quiet.status, 1);
     EXPECT_EQ(quiet.out, "2 clips checked at level 1: 1 at or above \"3/5 Playable\", 1 below\n");
 
@@ -310,6 +315,165 @@ TEST(CheckCliDocument, AnUnwritableResultDocumentIsAnError)
         check({"-l1", "-o", "/nonexistent-folder/x.qcout", clip("mpeg2_pcm.mxf")});
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find("cannot write the result document"), std::string::npos) << r.err;
+}
+
+} // namespace
+} // namespace tarvoqc
+
+namespace tarvoqc {
+namespace {
+
+namespace fs = std::filesystem;
+
+// What an attacker or a careless user may hand the checker. Each row ends with its exit
+// status and says why; none may hang, crash or change a file that was there before.
+TEST(CheckCliHostile, NoCrashNoHangNoLostFile)
+{
+    const test::TempDir dir;
+    const auto at = [&](const std::string& name) { return (dir / name).string(); };
+    const std::string clean = test::readFile(test::testClip("mpeg2_pcm.mxf"));
+    const std::string badName = "bad\xff\xfename.mxf";
+    for (const std::string& name :
+         {std::string("victim.mxf"), std::string("new\nline.mxf"), badName}) {
+        test::writeFile(at(name), clean);
+    }
+    fs::create_directory(at("folder.mxf"));
+    ASSERT_EQ(::mkfifo(at("fifo.ts").c_str(), 0600), 0);
+    fs::create_symlink(at("victim.mxf"), at("link.mxf"));
+    const std::string job = "<Tarvo_QC><Clip File=\"" + at("victim.mxf") + "\"/></Tarvo_QC>";
+    const std::map<std::string, std::string> kept = {
+        {"job.qcin", job},
+        {"odd.qcin", "<Tarvo_QC><Clip File=\"" + at("folder.mxf") + "\"/><Clip File=\"" +
+                         at("fifo.ts") + "\"/></Tarvo_QC>"},
+        {"notes.txt", "my notes\n"},
+        {"broken.qcin", "<Tarvo_QC><Clip File=\"x.mxf\">"},
+        {"broken.qcout", "earlier document"},
+        {"other.qcin", "<Other><Clip File=\"" + at("victim.mxf") + "\"/></Other>"},
+        {"other.qcout", "earlier document"},
+    };
+    for (const auto& [name, bytes] : kept) {
+        test::writeFile(at(name), bytes);
+    }
+
+    struct Case
+    {
+        const char* name;
+        std::vector<std::string> args;
+        int status;
+        std::string outHas;
+        std::string errHas;
+    };
+    const Case cases[] = {
+        {"non-UTF-8 name, JSON",
+         {"--json", "-l1", at(badName)},
+         0,
+         "bad\xEF\xBF\xBD\xEF\xBF\xBDname.mxf\"",
+         ""},
+        {"non-UTF-8 name in a folder scan, JSON",
+         {"--json", "-l1", dir.path().string()},
+         1,
+         "bad\xEF\xBF\xBD",
+         ""},
+        {"FIFO", {"-l3", at("fifo.ts")}, 1, "Couldn't open file", ""},
+        {"device", {"-l2", "/dev/zero"}, 1, "Couldn't open file", ""},
+        {"folder and FIFO in a job", {"-l3", at("odd.qcin")}, 1, "Couldn't open file", ""},
+        {"newline in a name", {"-l1", at("new\nline.mxf")}, 0, "new\\nline.mxf\n", ""},
+        {"-o onto its input",
+         {"-l1", "-o", at("victim.mxf"), at("victim.mxf")},
+         2,
+         "",
+         "one of the inputs"},
+        {"-o onto a link to an input",
+         {"-l1", "-o", at("link.mxf"), at("victim.mxf")},
+         2,
+         "",
+         "one of the inputs"},
+        {"-o onto the job", {"-o", at("job.qcin"), at("job.qcin")}, 2, "", "one of the inputs"},
+        {"-o onto a clip of the job",
+         {"-o", at("victim.mxf"), at("job.qcin")},
+         2,
+         "",
+         "one of the clips"},
+        {"-o onto another file",
+         {"-l1", "-o", at("notes.txt"), at("victim.mxf")},
+         2,
+         "",
+         "not a result document"},
+        {"-o onto a FIFO",
+         {"-l1", "-o", at("fifo.ts"), at("victim.mxf")},
+         2,
+         "",
+         "not a regular file"},
+        {"broken job beside an earlier document",
+         {"-l1", at("broken.qcin")},
+         2,
+         "",
+         "could not be read"},
+        {"job with another root", {"-l1", at("other.qcin")}, 2, "", "no \"Tarvo_QC\" root"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const test::CommandResult r = check(c.args);
+        EXPECT_EQ(r.status, c.status) << r.out << r.err;
+        EXPECT_NE(r.out.find(c.outHas), std::string::npos) << r.out;
+        EXPECT_NE(r.err.find(c.errHas), std::string::npos) << r.err;
+        if (c.args.front() == "--json") {
+            for (const nlohmann::json& line : jsonLines(r.out)) {
+                EXPECT_TRUE(line.contains("score"));
+            }
+        }
+    }
+    for (const std::string& name :
+         {std::string("victim.mxf"), std::string("new\nline.mxf"), badName}) {
+        EXPECT_EQ(test::readFile(at(name)), clean) << name;
+    }
+    for (const auto& [name, bytes] : kept) {
+        EXPECT_EQ(test::readFile(at(name)), bytes) << name;
+    }
+    EXPECT_TRUE(fs::is_fifo(at("fifo.ts")));
+    EXPECT_TRUE(fs::is_symlink(at("link.mxf")));
+}
+
+// On a terminal the progress bar shows the clip's name, cut to 40 characters: never
+// inside one.
+TEST(CheckCliHostile, ProgressBarCutsLongNamesBetweenCharacters)
+{
+    const test::TempDir dir;
+    std::string name(36, 'a');
+    for (int i = 0; i < 10; ++i) {
+        name += "\xC3\xA9"; // e acute
+    }
+    const std::string path = (dir / (name + ".mxf")).string();
+    test::writeFile(path, test::readFile(test::testClip("mpeg2_pcm.mxf")));
+    const test::CommandResult r = test::runCommand(
+        {"script", "-qec", std::string(TARVOQC_CHECK_EXE) + " -l2 '" + path + "'", "/dev/null"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find(std::string(36, 'a') + "\xC3\xA9..."), std::string::npos) << r.out;
+}
+
+// An earlier result document is replaced in place: through a link to it, with its mode,
+// and under a name as long as the file system allows.
+TEST(CheckCliHostile, EarlierDocumentIsReplacedThroughLinksWithItsMode)
+{
+    const test::TempDir dir;
+    const std::string earlier = (dir / "earlier.qcout").string();
+    const std::string link = (dir / "link.qcout").string();
+    const std::string longName = (dir / (std::string(244, 'a') + ".qcout")).string();
+    ASSERT_EQ(check({"-l1", "-o", earlier, clip("text.mov")}).status, 1);
+    fs::permissions(earlier,
+                    fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+    fs::create_symlink(earlier, link);
+    for (const std::string& target : {link, longName, longName}) {
+        SCOPED_TRACE(target.size());
+        const test::CommandResult r = check({"-l1", "-o", target, clip("mpeg2_pcm.mxf")});
+        EXPECT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(readResultDocument(target)["clips"][0]["path"], clip("mpeg2_pcm.mxf"));
+    }
+    EXPECT_TRUE(fs::is_symlink(link));
+    EXPECT_EQ(fs::status(earlier).permissions(),
+              fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 3)
+        << "no temp file is left behind";
 }
 
 } // namespace

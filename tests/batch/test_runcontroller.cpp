@@ -200,31 +200,34 @@ TEST(CheckRunner, WindowChecksRunAtIdlePriority)
         << "policy " << policy;
 }
 
-// A clip whose open never returns by itself: a FIFO that nobody writes to. Destroying
-// the runner waits the graceful 2 s, then the forced abort ends the thread.
-TEST(CheckRunner, ForcedAbortOfAnOpenThatNeverReturns)
+// A FIFO that nobody writes to, in place of a clip: refused at once, never a hang. The
+// command line's wait returns as soon as that check ends, and rows inserted before the
+// next-item cursor during the run are still checked.
+TEST(RunController, WaitEndsWithTheCheckAndInsertedRowsAreStillChecked)
 {
     const test::TempDir dir;
     const std::string fifo = (dir / "stuck.mxf").string();
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     TaskList list;
     list.AppendFromCommandLine(fifo);
-
-    // Normal priority: the stop's timing is measured, and a loaded machine must not starve it.
-    auto runner = std::make_unique<CheckRunner>(list.item(0), 3, -1, kThreadPriorityNormal);
-    runner->StartCheck();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_FALSE(runner->finished());
+    list.AppendFromCommandLine(clip("mpeg2_pcm.mxf"));
+    RunController controller(list, {1, -1, 1, kThreadPriorityNormal});
+    ASSERT_TRUE(controller.CheckAll());
+    controller.tick();
     const auto start = Clock::now();
-    runner->Stop();
-    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    EXPECT_GE(seconds, 1.9);
-    EXPECT_LT(seconds, 3.0) << "about 2.2 s are allowed";
-    EXPECT_TRUE(runner->WasAborted());
-    EXPECT_EQ(runner->ExitCode(), kExitCodeAborted);
-    const QcResult result = runner->result();
-    EXPECT_FALSE(result.opened);
-    runner.reset(); // releases the checker on this thread: no leak, no hang
+    controller.waitForRunnerEnd(std::chrono::seconds(30));
+    EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 5.0);
+    ASSERT_EQ(controller.tick().harvestedRows, std::vector<std::size_t>{0});
+    EXPECT_EQ(list.item(0).result()->issues.at(0).text, "Couldn't open file");
+
+    list.AddFiles(0, {(dir / "inserted.mxf").string()});
+    while (controller.state() != RunState::Idle) {
+        controller.waitForRunnerEnd(std::chrono::seconds(30));
+        controller.tick();
+    }
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        EXPECT_TRUE(list.item(i).finished()) << list.item(i).path();
+    }
 }
 
 TEST(CheckRunner, DestroyedAtRandomMomentsOfARealCheck)

@@ -108,7 +108,7 @@ struct RaceOutcome
 RaceOutcome transferWhile(const fs::path& dest, const fs::path& src, std::uint32_t flags,
                           const std::function<bool(const TransferProgress::State&)>& when,
                           const std::function<void()>& action,
-                          std::atomic<std::int32_t>* cancel = nullptr)
+                          std::atomic<std::int32_t>* cancel = nullptr, bool move = false)
 {
     TransferProgress record(cancel);
     std::atomic<bool> ended{false};
@@ -130,7 +130,8 @@ RaceOutcome transferWhile(const fs::path& dest, const fs::path& src, std::uint32
         }
     });
     RaceOutcome out;
-    out.code = SafeTransfer(dest.string(), src.string(), flags, &record, &out.finalPath);
+    out.code = (move ? SafeMove : SafeTransfer)(dest.string(), src.string(), flags, &record,
+                                                &out.finalPath);
     ended = true;
     watcher.join();
     out.acted = acted;
@@ -205,31 +206,48 @@ TEST(SafeTransfer, CopiesEverySizeWithAndWithoutVerify)
         std::size_t size;
         std::uint32_t flags;
         bool withRecord;
+        bool move;
+        fs::perms mode;
     };
+    const auto rw = fs::perms::owner_read | fs::perms::owner_write;
+    const auto shared = rw | fs::perms::group_read | fs::perms::others_read;
     const Case cases[] = {
-        {0, 0, true},       {0, TransferVerify, true},        {1, TransferVerify, true},
-        {65'535, 0, true},  {65'536, TransferVerify, true},   {65'537, 0, false},
-        {200'003, 0, true}, {200'003, TransferVerify, false}, {1 << 20, TransferVerify, true},
+        {0, 0, true, false, shared},
+        {0, TransferVerify, true, false, rw},
+        {1, TransferVerify, true, true, rw},
+        {65'535, 0, true, false, shared},
+        {65'536, TransferVerify, true, false, shared},
+        {65'537, 0, false, false, fs::perms::owner_read},
+        {200'003, 0, true, false, rw},
+        {200'003, TransferVerify, false, true, shared},
+        {1 << 20, TransferVerify, true, false, rw | fs::perms::group_write},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << "size " << c.size << " flags " << c.flags);
+        SCOPED_TRACE(testing::Message() << "size " << c.size << " flags " << c.flags << " move "
+                                        << c.move << " mode " << static_cast<int>(c.mode));
         TempDir dir;
         const std::string bytes = makeBytes(c.size, static_cast<std::uint32_t>(c.size));
         writeFile(dir / "in.mxf", bytes);
+        fs::permissions(dir / "in.mxf", c.mode);
         fs::create_directory(dir / "out");
         const fs::path dest = dir / "out" / "clip.mxf";
 
         TransferProgress record;
         std::string finalPath;
-        const std::int32_t rc = SafeTransfer(dest.string(), (dir / "in.mxf").string(), c.flags,
-                                             c.withRecord ? &record : nullptr, &finalPath);
+        const std::int32_t rc =
+            (c.move ? SafeMove : SafeTransfer)(dest.string(), (dir / "in.mxf").string(), c.flags,
+                                               c.withRecord ? &record : nullptr, &finalPath);
         EXPECT_EQ(rc, 0) << record.error();
         EXPECT_EQ(finalPath, dest.string());
         EXPECT_EQ(readFile(dest), bytes);
-        EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
+        EXPECT_EQ(fs::status(dest).permissions(), c.mode) << "the copy keeps the source's mode";
+        EXPECT_EQ(fs::exists(dir / "in.mxf"), !c.move);
+        if (!c.move) {
+            EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
+        }
         EXPECT_TRUE(tempFilesIn(dir / "out").empty());
         if (c.withRecord) {
-            EXPECT_EQ(record.status(), (c.flags & TransferVerify) != 0
+            EXPECT_EQ(record.status(), (c.flags & TransferVerify) != 0 || c.move
                                            ? std::string("Verifying")
                                            : "Open input " + (dir / "in.mxf").string());
             EXPECT_EQ(record.error(), "");
@@ -386,10 +404,11 @@ TEST(SafeTransfer, OverwriteNeverReplacesTheSourceOrAFolder)
 // Something happens to the destination or the source at a chosen point of the transfer.
 TEST(SafeTransfer, EventsDuringTheTransfer)
 {
-    enum class Event { Appear, Cancel, Rewrite, Grow, Shrink };
+    enum class Event { Appear, Cancel, Rewrite, Grow, Shrink, Replace };
     struct Case
     {
         const char* name;
+        bool move; // SafeMove, which deletes the source only when it is still the one copied
         std::uint32_t flags;
         bool allNumbersTaken;
         bool (*when)(const TransferProgress::State&);
@@ -400,21 +419,32 @@ TEST(SafeTransfer, EventsDuringTheTransfer)
     };
     const char* kVerifyFailed = "Verify proces failed.";
     const Case cases[] = {
-        {"destination appears", 0, false, copying, Event::Appear, -45,
+        {"destination appears", false, 0, false, copying, Event::Appear, -45,
          "Cannot rename temp file {dir}/##-##-#### ######.tmp to {dir}/clip.mxf", ""},
-        {"appears, unique", TransferUnique, false, copying, Event::Appear, 0, "", "clip (1).mxf"},
-        {"appears, unique, no free name", TransferUnique | TransferVerify, true, copying,
+        {"appears, unique", false, TransferUnique, false, copying, Event::Appear, 0, "",
+         "clip (1).mxf"},
+        {"appears, unique, no free name", false, TransferUnique | TransferVerify, true, copying,
          Event::Appear, -43, "Cannot generate output filename", ""},
-        {"appears, overwrite", TransferOverwrite | TransferVerify, false, copying, Event::Appear, 0,
-         "", "clip.mxf"},
-        {"cancel in copy", 0, false, copying, Event::Cancel, 0, "", ""},
-        {"cancel in copy before verify", TransferVerify, false, copying, Event::Cancel, 0, "", ""},
-        {"cancel in verify", TransferVerify, false, verifyingFirstHalf, Event::Cancel, 0, "", ""},
-        {"source rewritten", TransferVerify, false, verifyingFirstHalf, Event::Rewrite, -32,
-         kVerifyFailed, ""},
-        {"source grown", TransferVerify, false, verifyingFirstHalf, Event::Grow, -32, kVerifyFailed,
+        {"appears, overwrite", false, TransferOverwrite | TransferVerify, false, copying,
+         Event::Appear, 0, "", "clip.mxf"},
+        {"cancel in copy", false, 0, false, copying, Event::Cancel, 0, "", ""},
+        {"cancel in copy before verify", false, TransferVerify, false, copying, Event::Cancel, 0,
+         "", ""},
+        {"cancel in verify", false, TransferVerify, false, verifyingFirstHalf, Event::Cancel, 0, "",
          ""},
-        {"source shrunk", TransferVerify, false, verifyingFirstHalf, Event::Shrink, -32,
+        {"cancel in move", true, 0, false, copying, Event::Cancel, 0, "", ""},
+        {"source rewritten", false, TransferVerify, false, verifyingFirstHalf, Event::Rewrite, -32,
+         kVerifyFailed, ""},
+        {"source grown", false, TransferVerify, false, verifyingFirstHalf, Event::Grow, -32,
+         kVerifyFailed, ""},
+        {"source shrunk", false, TransferVerify, false, verifyingFirstHalf, Event::Shrink, -32,
+         kVerifyFailed, ""},
+        {"source shrunk in copy", false, 0, false, copying, Event::Shrink, -22,
+         "Cannot read input file {dir}/in.mxf", ""},
+        {"source replaced in copy", false, 0, false, copying, Event::Replace, 0, "", "clip.mxf"},
+        {"source replaced in move", true, 0, false, copying, Event::Replace, kSourceChanged,
+         "Source {dir}/in.mxf changed during the move; it is kept", "clip.mxf"},
+        {"source grown in move", true, 0, false, verifyingFirstHalf, Event::Grow, -32,
          kVerifyFailed, ""},
     };
     for (const Case& c : cases) {
@@ -452,20 +482,29 @@ TEST(SafeTransfer, EventsDuringTheTransfer)
                         bytes.pop_back();
                         fs::resize_file(src, bytes.size());
                         break;
+                    case Event::Replace:
+                        writeFile(dir / "new.mxf", "a newer clip");
+                        fs::rename(dir / "new.mxf", src);
+                        break;
                     }
                 },
-                &cancel);
+                &cancel, c.move);
             if (!r.acted) {
                 continue; // the transfer outran the watcher: try a bigger one
             }
             raced = true;
             EXPECT_EQ(r.code, c.code) << r.state.error;
             EXPECT_TRUE(matchesPattern(r.state.error, c.error, dir.path())) << r.state.error;
+            // The copy holds the file as it was opened; the name keeps whatever is under it.
+            const std::string copied = bytes;
+            if (c.event == Event::Replace) {
+                bytes = "a newer clip";
+            }
             EXPECT_EQ(readFile(src), bytes);
             EXPECT_TRUE(tempFilesIn(dir.path()).empty());
             if (*c.copyIn != '\0') {
                 EXPECT_EQ(r.finalPath, (dir / c.copyIn).string());
-                EXPECT_EQ(readFile(r.finalPath), bytes);
+                EXPECT_EQ(readFile(r.finalPath), copied);
             } else if (c.event == Event::Appear) {
                 EXPECT_EQ(readFile(dest), "late arrival");
             } else {

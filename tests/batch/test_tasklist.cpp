@@ -361,10 +361,14 @@ TEST(TaskList, ScanFolderSkipsUnreadableFolders)
     const std::optional<std::string> listed = test::runUnprivileged([&] {
         TaskList list;
         Paths out;
-        list.ScanFolder(r, out);
+        Paths unreadable;
+        list.ScanFolder(r, out, &unreadable);
         std::string text;
         for (const std::string& path : out) {
             text += path + "\n";
+        }
+        for (const std::string& path : unreadable) {
+            text += "unreadable " + path + "\n";
         }
         return text;
     });
@@ -377,7 +381,8 @@ TEST(TaskList, ScanFolderSkipsUnreadableFolders)
     }
     EXPECT_EQ(sorted(found),
               sorted({r + "/a.mp4", r + "/C.MXF", r + "/dir.mxf/inner.mov", r + "/sub/x.ts",
-                      r + "/sub/deeper/y.m2ts", r + "/sub/deeper/k.mov/w.wav"}));
+                      r + "/sub/deeper/y.m2ts", r + "/sub/deeper/k.mov/w.wav",
+                      "unreadable " + r + "/locked"}));
 }
 
 TEST(TaskList, DropDecisions)

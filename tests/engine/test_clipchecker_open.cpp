@@ -116,14 +116,21 @@ TEST(ClipCheckerOpen, IssuesOfOpenAndProbeOnRealClips)
     }
 }
 
-TEST(ClipCheckerOpen, FolderWhereAClipIsExpected)
+// Nothing but a regular file is opened: a FIFO or a device would block the open or the
+// reads for ever.
+TEST(ClipCheckerOpen, PathsThatAreNoRegularFileAreRefusedAtOnce)
 {
     const test::TempDir dir;
-    std::filesystem::create_directory(dir / "clip.mxf");
-    const QcResult result = openOnly((dir / "clip.mxf").string(), 3);
-    ASSERT_EQ(result.issues.size(), 1U);
-    EXPECT_EQ(result.issues.at(0).text, "Couldn't open file");
-    EXPECT_EQ(result.facts.attributes & 0x10U, 0x10U);
+    std::filesystem::create_directory(dir / "folder.mxf");
+    ASSERT_EQ(::mkfifo((dir / "fifo.ts").c_str(), 0600), 0);
+    for (const std::string& path :
+         {(dir / "folder.mxf").string(), (dir / "fifo.ts").string(), std::string("/dev/zero")}) {
+        SCOPED_TRACE(path);
+        const QcResult result = openOnly(path, 3);
+        ASSERT_EQ(result.issues.size(), 1U) << test::describe(result);
+        EXPECT_EQ(result.issues.at(0).text, "Couldn't open file");
+        EXPECT_EQ(result.facts.attributes & 0x10U, path.ends_with(".mxf") ? 0x10U : 0U);
+    }
 }
 
 TEST(ClipCheckerOpen, FactsOfACleanMxf)

@@ -1,6 +1,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -163,6 +164,12 @@ TEST(DecodePass, DamagedClipsAndTheirScores)
          1,
          {{Cat::MediaTime, Sev::Highest, 0, "Decoded data have no start timecode"},
           {Cat::MediaTime, Sev::Highest, 0, "Decoded data have no end timecode"}}},
+        // 61 KB claiming 16000 x 16000 pictures: refused by the picture-size limit instead
+        // of costing gigabytes (the memory is measured by bench/hostile.sh).
+        {"huge_picture.ts",
+         0,
+         {{Cat::Codec, Sev::Critical, 0, "...Could not open codec h264"},
+          {Cat::MediaTime, Sev::Highest, 0, "Decoded data have no start timecode"}}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.clip);
@@ -246,6 +253,54 @@ TEST(DecodePass, CancelBeforeTheFirstPacket)
     EXPECT_EQ(r.facts.hash256, test::sha256sumOf(test::testClip("mpeg2_pcm.mxf")));
     EXPECT_EQ(test::countText(r, "Decoded data have no start timecode"), 2) << test::describe(r);
     EXPECT_EQ(r.facts.streams.at(0).byteCount, 0);
+}
+
+TEST(DecodePass, ClipChangedDuringTheCheckIsReported)
+{
+    const std::string original = test::readFile(test::testClip("mpeg2_pcm.mxf"));
+    struct Case
+    {
+        const char* change;
+        void (*apply)(const std::filesystem::path& clip, const std::string& bytes);
+    };
+    const Case cases[] = {
+        {"none", [](const std::filesystem::path&, const std::string&) {}},
+        {"grown", [](const std::filesystem::path& clip,
+                     const std::string& bytes) { test::writeFile(clip, bytes + "tail"); }},
+        {"truncated",
+         [](const std::filesystem::path& clip, const std::string& bytes) {
+             std::filesystem::resize_file(clip, bytes.size() / 2);
+         }},
+        {"touched",
+         [](const std::filesystem::path& clip, const std::string&) {
+             std::filesystem::last_write_time(clip, std::filesystem::last_write_time(clip) -
+                                                        std::chrono::hours(1));
+         }},
+        {"replaced",
+         [](const std::filesystem::path& clip, const std::string& bytes) {
+             test::writeFile(clip.string() + ".new", bytes);
+             std::filesystem::rename(clip.string() + ".new", clip);
+         }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.change);
+        const test::TempDir dir;
+        const auto copy = dir / "clip.mxf";
+        test::writeFile(copy, original);
+        std::filesystem::last_write_time(copy, std::filesystem::file_time_type::clock::now() -
+                                                   std::chrono::hours(2));
+        ClipChecker checker;
+        ASSERT_TRUE(checker.Open(copy.string(), 2, -1));
+        c.apply(copy, original);
+        EXPECT_EQ(checker.Run(nullptr), 1);
+        checker.Close();
+        const QcResult r = checker.result();
+        const bool changed = std::string_view(c.change) != "none";
+        EXPECT_EQ(
+            test::countIssues(r, {Cat::File, Sev::High, -1, "File changed while being checked"}),
+            changed ? 1 : 0)
+            << test::describe(r);
+    }
 }
 
 TEST(DecodePass, WriteLockedClipIsNotRead)

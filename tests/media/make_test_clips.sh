@@ -101,6 +101,59 @@ make late_audio.ts -f lavfi -i "$(video 3)" -itsoffset 1 -f lavfi -i "$(tone 2)"
 # H.264 without its parameter sets: the decoder can make nothing of it.
 make nothing_decodes.ts -f lavfi -i "$(video 2 160x120)" -c:v libx264 -x264-params threads=1 \
     -bsf:v "filter_units=remove_types=7|8" -f mpegts
+# H.264 whose sequence header claims 16000 x 16000 pictures over 176 x 144 of data: a
+# small file that costs gigabytes when decoders take its size at its word. The size fields
+# of each sequence header are rewritten (a baseline header has no fields between them
+# that depend on the profile); the remux caps the probe's decoder to stay small itself.
+if [[ ! -e "$out/huge_picture.ts" ]]; then
+    "${ff[@]}" -f lavfi -i "$(video 2 176x144)" -c:v libx264 -preset veryfast -profile:v baseline \
+        -x264-params threads=1 "${exact[@]}" -f h264 "$out/.tmp.small.h264"
+    python3 - "$out/.tmp.small.h264" "$out/.tmp.huge.h264" 16000 16000 <<'PY'
+import re, sys
+src, dst, width, height = sys.argv[1], sys.argv[2], int(sys.argv[3]), int(sys.argv[4])
+class Bits:
+    def __init__(self, data): self.data, self.pos = data, 0
+    def u(self, n):
+        v = 0
+        for _ in range(n):
+            v = (v << 1) | ((self.data[self.pos >> 3] >> (7 - (self.pos & 7))) & 1)
+            self.pos += 1
+        return v
+    def ue(self):
+        zeros = 0
+        while self.u(1) == 0: zeros += 1
+        return (1 << zeros) - 1 + self.u(zeros)
+def ue(v):
+    s = bin(v + 1)[2:]
+    return '0' * (len(s) - 1) + s
+def patch(payload):
+    rbsp = re.sub(b'\x00\x00\x03', b'\x00\x00', payload)
+    assert rbsp[0] == 66, 'baseline profile expected'
+    r = Bits(rbsp)
+    out = format(r.u(24), '024b') + ue(r.ue()) + ue(r.ue())  # profile..level, id, frame num
+    poc = r.ue()
+    out += ue(poc) + (ue(r.ue()) if poc == 0 else '')
+    assert poc in (0, 2)
+    out += ue(r.ue()) + str(r.u(1))  # reference frames, gaps allowed
+    r.ue(); r.ue()
+    out += ue(width // 16 - 1) + ue(height // 16 - 1)
+    out += ''.join(str(r.u(1)) for _ in range(len(rbsp) * 8 - r.pos)).rstrip('0')
+    out += '0' * (-len(out) % 8)
+    body = bytes(int(out[i:i + 8], 2) for i in range(0, len(out), 8))
+    return re.sub(b'\x00\x00(?=[\x00-\x03])', b'\x00\x00\x03', body)
+parts = re.split(b'(\x00\x00\x01)', open(src, 'rb').read())
+for i in range(1, len(parts)):
+    part = parts[i]
+    if parts[i - 1] == b'\x00\x00\x01' and part and part[0] & 0x1f == 7:
+        body = part.rstrip(b'\x00')
+        parts[i] = body[:1] + patch(body[1:]) + part[len(body):]
+open(dst, 'wb').write(b''.join(parts))
+PY
+    "${ff[@]}" -loglevel fatal -max_pixels 65536 -f h264 -framerate 25 -i "$out/.tmp.huge.h264" \
+        -c copy "${exact[@]}" -f mpegts "$out/.tmp.huge_picture.ts"
+    mv "$out/.tmp.huge_picture.ts" "$out/huge_picture.ts"
+    rm -f "$out/.tmp.small.h264" "$out/.tmp.huge.h264"
+fi
 # Matroska written to a pipe has no duration in its header.
 if [[ ! -e "$out/no_duration.mkv" ]]; then
     "${ff[@]}" -f lavfi -i "$(video 2 160x120)" -f lavfi -i "$(tone 2)" -c:v mpeg2video -c:a mp2 \

@@ -1,6 +1,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -139,31 +140,31 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
     }
 }
 
-TEST(WindowProgram, TerminationDuringALongCheckWritesTheDocument)
+TEST(WindowProgram, TerminationDuringALongRunWritesTheDocument)
 {
     test::TempDir dir;
-    // Eight names of a 30 s clip: a job that takes seconds even on a fast machine.
-    std::vector<fs::path> clips;
-    for (int i = 0; i < 8; ++i) {
-        clips.push_back(dir / ("long" + std::to_string(i) + ".ts"));
-        fs::create_symlink(test::testClip("long.ts"), clips.back());
-    }
-    test::writeFile(dir / "long.qcin", job(clips));
-    test::ChildProcess process = windowProcess({(dir / "long.qcin").string()}, dir / "home", false);
+    const fs::path clip = test::testClip("long.ts");
+    test::writeFile(dir / "long.qcin", job({clip}));
+    // Clip tokens are listed however often they come: a run of many checks, then the job.
+    std::vector<std::string> args(40, clip.string());
+    args.push_back((dir / "long.qcin").string());
+    test::ChildProcess process = windowProcess(args, dir / "home", false);
     EXPECT_FALSE(process.waitFor(std::chrono::milliseconds(700)));
     const auto asked = Clock::now();
     process.signal(SIGTERM);
     EXPECT_EQ(process.waitFor(std::chrono::seconds(10)), 0);
     EXPECT_LT(Clock::now() - asked, std::chrono::milliseconds(2500));
-    // Every clip listed; the interrupted and the unchecked ones with no result.
-    const std::string summary = documentSummary(dir / "long.qcout");
-    EXPECT_TRUE(summary.ends_with("Clip " + clips.back().string() + " -\n")) << summary;
-    std::size_t listed = 0;
-    for (auto at = summary.find("Clip "); at != std::string::npos;
-         at = summary.find("Clip ", at + 1)) {
-        ++listed;
+    // Every clip listed once (the job's is a duplicate); the interrupted ones without a
+    // result.
+    std::istringstream lines(documentSummary(dir / "long.qcout"));
+    std::size_t clips = 0;
+    std::size_t results = 0;
+    for (std::string line; std::getline(lines, line);) {
+        clips += line.rfind("Clip ", 0) == 0 ? 1 : 0;
+        results += line.rfind("QCheck ", 0) == 0 ? 1 : 0;
     }
-    EXPECT_EQ(listed, clips.size());
+    EXPECT_EQ(clips, 40u);
+    EXPECT_LT(results, 40u);
 }
 
 } // namespace
