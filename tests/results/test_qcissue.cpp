@@ -143,7 +143,7 @@ TEST(QcIssueList, TextIsCutAt1024CharactersWithoutSplittingUtf8)
     EXPECT_EQ(list.at(1).text, std::string(1023, 'b') + "\xC3\xA9");
 }
 
-TEST(QcIssueList, OutOfRangeIndexThrowsTheDescribedFailure)
+TEST(QcIssueList, OutOfRangeIndexThrowsTheVectorSubscriptFailure)
 {
     QcIssueList list;
     try {

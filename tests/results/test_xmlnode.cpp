@@ -34,7 +34,7 @@ std::string nested(int levels)
     return open + close;
 }
 
-TEST(XmlNode, AddChildRefusesTheDescribedNames)
+TEST(XmlNode, AddChildRefusesNamesThatCannotBeReadBack)
 {
     const std::string refusedChars = " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~\t\r\n";
     XmlNode document;
