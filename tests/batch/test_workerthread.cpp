@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -178,7 +179,10 @@ TEST(WorkerThread, ForcedAbortLeavesABlockingCallInAnAbortPoint)
     });
     ASSERT_TRUE(worker.Start());
     ASSERT_TRUE(waitUntil([&] { return attempts.load() > 0; }));
-    std::this_thread::sleep_for(50ms); // let it block inside open: no state tells that
+    // Blocked inside open: the kernel shows the thread in that system call.
+    const std::string syscall = "/proc/self/task/" + std::to_string(worker.threadId()) + "/syscall";
+    ASSERT_TRUE(waitUntil(
+        [&] { return test::readFile(syscall).starts_with(std::to_string(SYS_openat) + " "); }));
     const double seconds = timedStop(worker);
     EXPECT_GE(seconds, 1.95) << "the graceful wait comes first";
     EXPECT_LT(seconds, 3.5);
