@@ -826,6 +826,7 @@ bool XmlNode::GetByPath(std::string_view path, std::string& value) const
         pos = nameEnd;
         std::size_t index = 0;
         if (pos != std::string_view::npos && path[pos] == '<') {
+            // The index's closing bracket is also the ">" that ends the segment.
             const std::size_t close = path.find('>', pos + 1);
             if (close == std::string_view::npos || close == pos + 1) {
                 return false;
@@ -837,12 +838,7 @@ bool XmlNode::GetByPath(std::string_view path, std::string& value) const
                 index = std::min<std::size_t>(index * 10 + static_cast<std::size_t>(path[i] - '0'),
                                               std::numeric_limits<std::uint32_t>::max());
             }
-            pos = close + 1;
-            if (pos == path.size()) {
-                pos = std::string_view::npos;
-            } else if (path[pos] != '>') {
-                return false; // the closing bracket ends the segment
-            }
+            pos = close;
         }
         if (pos == std::string_view::npos) {
             const std::string* attribute = node->GetAttribute(name);

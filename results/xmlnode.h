@@ -99,11 +99,12 @@ public:
     void SetText(std::string_view text);
 
     // Follows a path of child names separated by ">", each optionally with an index in
-    // angle brackets ("Clip<2>": the third child named exactly Clip). A last segment not
-    // followed by ">" names an attribute of the node reached (an index on it is ignored);
-    // a path ending in ">" names the text of the node reached (empty when none). Stores
-    // the text in value and returns true, or returns false (value untouched) when a step
-    // is missing or the path is malformed.
+    // angle brackets ("Clip<2>": the third child named exactly Clip) whose closing bracket
+    // also ends the segment ("R>C<1>F" is attribute F of the second C, "R>C<1>" its text).
+    // A last segment not followed by ">" names an attribute of the node reached; a path
+    // ending in ">" names the text of the node reached (empty when none). Stores the text
+    // in value and returns true, or returns false (value untouched) when a step is missing
+    // or the path is malformed.
     bool GetByPath(std::string_view path, std::string& value) const;
 
     // Clears this node, then reads the file: FF FE starts UTF-16LE, EF BB BF starts UTF-8,

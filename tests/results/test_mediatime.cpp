@@ -1,5 +1,6 @@
 #include <cstdint>
 #include <limits>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -12,13 +13,8 @@ constexpr std::int64_t kSec = kTicksPerSecond;
 
 TEST(MediaTime, FormatsOfOneHundredNanosecondValues)
 {
-    struct Case
-    {
-        std::int64_t value;
-        const char* withHundredths;
-        const char* shortText;
-    };
-    const Case cases[] = {
+    // value, text with hundredths, short text
+    const std::tuple<std::int64_t, const char*, const char*> cases[] = {
         {0, "0.00", "00:00"},
         {15'000'000, "1.50", "00:01"},
         {612'500'000, "01:01.25", "01:01"},
@@ -35,33 +31,27 @@ TEST(MediaTime, FormatsOfOneHundredNanosecondValues)
         {3600 * kSec, "01:00:00", "01:00:00"},
         {-(3600 * kSec + 5), "-01:00:00", "-01:00:00"},
         {24 * 3600 * kSec, "1d 24:00:00.00", "1d 24:00:00"},
-        {-(48 * 3600 * kSec + 150'000), "-2d 48:00:00.01", "-2d 48:00:00"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.value);
-        EXPECT_EQ(formatMediaTime100ns(c.value), c.withHundredths);
-        EXPECT_EQ(formatMediaTime(c.value, kClipTimeBase), c.withHundredths);
-        EXPECT_EQ(formatMediaTimeShort(c.value, kClipTimeBase), c.shortText);
+        {-(48 * 3600 * kSec + 150'000), "-2d 48:00:00.01", "-2d 48:00:00"}};
+    for (const auto& [value, withHundredths, shortText] : cases) {
+        SCOPED_TRACE(value);
+        EXPECT_EQ(formatMediaTime100ns(value), withHundredths);
+        EXPECT_EQ(formatMediaTime(value, kClipTimeBase), withHundredths);
+        EXPECT_EQ(formatMediaTimeShort(value, kClipTimeBase), shortText);
     }
 }
 
 TEST(MediaTime, StreamTimeBases)
 {
-    struct Case
-    {
-        std::int64_t value;
-        TimeBase base;
-        const char* text;
-    };
-    const Case cases[] = {
-        {90'000, {1, 90'000}, "1.00"},    {135'000, {1, 90'000}, "1.50"},
+    const std::tuple<std::int64_t, TimeBase, const char*> cases[] = {
+        {90'000, {1, 90'000}, "1.00"},
+        {135'000, {1, 90'000}, "1.50"},
         {1'001, {1001, 30'000}, "33.40"}, // 1001 frames at 29.97 fps
-        {3'000, {1, 25}, "02:00.00"},     {-1, {1, 25}, "-0.04"},
-        {1, {1, 1000}, "0.00"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.text);
-        EXPECT_EQ(formatMediaTime(c.value, c.base), c.text);
+        {3'000, {1, 25}, "02:00.00"},
+        {-1, {1, 25}, "-0.04"},
+        {1, {1, 1000}, "0.00"}};
+    for (const auto& [value, base, text] : cases) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(formatMediaTime(value, base), text);
     }
 }
 
@@ -95,21 +85,17 @@ TEST(MediaTime, ExtremeValuesNeitherOverflowNorCrash)
 TEST(MediaTime, SaturatingArithmetic)
 {
     constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
-    struct Case
-    {
-        std::int64_t a, b, sum, difference;
-    };
-    const Case cases[] = {
+    // a, b, a + b, a - b
+    const std::tuple<std::int64_t, std::int64_t, std::int64_t, std::int64_t> cases[] = {
         {5, 3, 8, 2},
         {kMax, 1, kMax, kMax - 1},
         {0, kNoTime, kNoTime, kMax}, // a difference against unknown is very large
         {kNoTime, 1, kNoTime + 1, kNoTime},
-        {-5, kMax, kMax - 5, kNoTime},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.a << " " << c.b);
-        EXPECT_EQ(saturatingAdd(c.a, c.b), c.sum);
-        EXPECT_EQ(saturatingSub(c.a, c.b), c.difference);
+        {-5, kMax, kMax - 5, kNoTime}};
+    for (const auto& [a, b, sum, difference] : cases) {
+        SCOPED_TRACE(testing::Message() << a << " " << b);
+        EXPECT_EQ(saturatingAdd(a, b), sum);
+        EXPECT_EQ(saturatingSub(a, b), difference);
     }
     EXPECT_EQ(saturatingAbs(kNoTime), kMax);
     EXPECT_EQ(saturatingAbs(-7), 7);
@@ -117,32 +103,24 @@ TEST(MediaTime, SaturatingArithmetic)
 
 TEST(MediaTime, RescaleRoundsToNearestAndKeepsUnknown)
 {
-    struct Case
-    {
-        std::int64_t value;
-        TimeBase from, to;
-        std::int64_t expected;
+    constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+    // value, its time base, the value in 100 ns
+    const std::tuple<std::int64_t, TimeBase, std::int64_t> cases[] = {
+        {90'000, {1, 90'000}, kSec},
+        {1, {1, 90'000}, 111},   // 111.1 rounds down
+        {1, {1, 48'000}, 208},   // 208.33
+        {3, {1, 20'000'000}, 2}, // 1.5 rounds away from zero
+        {-3, {1, 20'000'000}, -2},
+        {1'500'000, {1, 1'000'000}, 15'000'000},
+        {kNoTime, {1, 90'000}, kNoTime},
+        {5, {1, 0}, kNoTime},
+        {5, {0, 1}, kNoTime},
+        {kMax, {1, 1}, kMax},
+        {kNoTime + 1, {1, 1}, kNoTime + 1}, // saturates but stays known
     };
-    const Case cases[] = {
-        {90'000, {1, 90'000}, kClipTimeBase, kSec},
-        {1, {1, 90'000}, kClipTimeBase, 111}, // 111.1 rounds down
-        {1, {1, 48'000}, kClipTimeBase, 208}, // 208.33
-        {1, {1, 30'000}, kClipTimeBase, 333},
-        {3, {1, 20'000'000}, kClipTimeBase, 2}, // 1.5 rounds away from zero
-        {-3, {1, 20'000'000}, kClipTimeBase, -2},
-        {1'500'000, {1, 1'000'000}, kClipTimeBase, 15'000'000},
-        {kNoTime, {1, 90'000}, kClipTimeBase, kNoTime},
-        {5, {1, 0}, kClipTimeBase, kNoTime},
-        {5, {0, 1}, kClipTimeBase, kNoTime},
-        {std::numeric_limits<std::int64_t>::max(),
-         {1, 1},
-         kClipTimeBase,
-         std::numeric_limits<std::int64_t>::max()},
-        {kNoTime + 1, {1, 1}, kClipTimeBase, kNoTime + 1}, // saturates but stays known
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.value);
-        EXPECT_EQ(rescaleTime(c.value, c.from, c.to), c.expected);
+    for (const auto& [value, from, expected] : cases) {
+        SCOPED_TRACE(value);
+        EXPECT_EQ(rescaleTime(value, from, kClipTimeBase), expected);
     }
 }
 

@@ -1,9 +1,8 @@
-#include <clocale>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <sys/stat.h>
@@ -14,31 +13,28 @@
 #include "results/xmlnode.h"
 #include "tests/fuzz/xmlfuzzchecks.h"
 #include "tests/support/testsupport.h"
+#include "tests/support/xmldump.h"
 
 namespace tarvoqc {
 namespace {
 
 using test::readFile;
 using test::TempDir;
+using test::utf16;
 using test::writeFile;
 
-// UTF-16LE bytes of an ASCII text.
-std::string utf16(std::string_view ascii)
+std::string nested(int levels)
 {
-    std::string out;
-    for (const char c : ascii) {
-        out += c;
-        out += '\0';
+    std::string open;
+    std::string close;
+    for (int i = 0; i < levels; ++i) {
+        open += "<e>";
+        close += "</e>";
     }
-    return out;
+    return open + close;
 }
 
-std::string fileBytes(std::string_view asciiBody)
-{
-    return "\xFF\xFE" + utf16(asciiBody) + std::string(2, '\0');
-}
-
-TEST(XmlNode, AddChildRefusesTheDescribedNames)
+TEST(XmlNode, AddChildRefusesNamesThatCannotBeReadBack)
 {
     const std::string refusedChars = " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~\t\r\n";
     XmlNode document;
@@ -108,10 +104,7 @@ TEST(XmlNode, AttributesKeepOrderAndMatchNamesExactly)
     node.SetAttribute("a", "2");
     node.SetAttribute("B", "3");
     node.SetAttribute("b", "4");
-    ASSERT_EQ(node.attributeCount(), 3u);
-    EXPECT_EQ(node.attributeName(0), "b");
-    EXPECT_EQ(node.attributeValue(0), "4");
-    EXPECT_EQ(node.attributeName(2), "B");
+    EXPECT_EQ(test::xmlDump(node), "[b=4,a=2,B=3]");
     EXPECT_EQ(*node.GetAttribute("B"), "3");
     EXPECT_EQ(node.GetAttribute("A"), nullptr);
     EXPECT_EQ(node.GetString("A", "dflt"), "dflt");
@@ -121,16 +114,9 @@ TEST(XmlNode, AttributesKeepOrderAndMatchNamesExactly)
 TEST(XmlNode, TypedSettersFormatTheirValues)
 {
     XmlNode n;
-    struct Case
-    {
-        const char* name;
-        const char* expected;
-    };
-    n.setInt("i1", -5);
-    n.setInt("i2", INT32_MIN);
+    n.setInt("i", INT32_MIN);
     n.setUInt("u", UINT32_MAX);
-    n.setInt64("l1", INT64_MIN);
-    n.setInt64("l2", 411783797);
+    n.setInt64("l", INT64_MIN);
     n.setUInt64("ul", UINT64_MAX);
     n.setHex32("h1", 0xAB);
     n.setHex32("h2", 0xAB, true);
@@ -145,67 +131,34 @@ TEST(XmlNode, TypedSettersFormatTheirValues)
     n.setReal("r5", 1234567.00005, 2);
     n.setSeconds("s1", 15'000'000);
     n.setSeconds("s2", 0);
-    n.setSeconds("s3", 1);
-    n.setSeconds("s4", -1);
-    n.setSeconds("s5", -25'000'000);
-    n.setSeconds("s6", kNoTime);
-    n.setSeconds("s7", INT64_MAX);
-    n.setSeconds("s8", INT64_MIN + 1);
-    const Case cases[] = {
-        {"i1", "-5"},
-        {"i2", "-2147483648"},
-        {"u", "4294967295"},
-        {"l1", "-9223372036854775808"},
-        {"l2", "411783797"},
-        {"ul", "18446744073709551615"},
-        {"h1", "000000AB"},
-        {"h2", "ab"},
-        {"h3", "0"},
-        {"x1", "01D9F00DCAFEBABE"},
-        {"x2", "00000000000000FF"},
-        {"x3", "deadbeef12"},
-        {"r1", "1.5000"},
-        {"r2", "0.2500"},
-        {"r3", "-3.1416"},
-        {"r4", "0.0000"},
-        {"r5", "1234567.00"},
-        {"s1", "1.5000000"},
-        {"s2", "0.0000000"},
-        {"s3", "0.0000001"},
-        {"s4", "-0.0000001"},
-        {"s5", "-2.5000000"},
-        {"s6", "NA"},
-        {"s7", "922337203685.4775807"},
-        {"s8", "-922337203685.4775807"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(n.GetString(c.name, "missing"), c.expected);
-    }
+    n.setSeconds("s3", -1);
+    n.setSeconds("s4", kNoTime);
+    n.setSeconds("s5", INT64_MAX);
+    n.setSeconds("s6", INT64_MIN + 1);
+    EXPECT_EQ(test::xmlDump(n),
+              "[i=-2147483648,u=4294967295,l=-9223372036854775808,"
+              "ul=18446744073709551615,h1=000000AB,h2=ab,h3=0,x1=01D9F00DCAFEBABE,"
+              "x2=00000000000000FF,x3=deadbeef12,r1=1.5000,r2=0.2500,r3=-3.1416,"
+              "r4=0.0000,r5=1234567.00,s1=1.5000000,s2=0.0000000,s3=-0.0000001,s4=NA,"
+              "s5=922337203685.4775807,s6=-922337203685.4775807]");
 }
 
 TEST(XmlNode, GetIntReadsLeadingDigitsLikeTheCLibrary)
 {
     XmlNode n;
-    struct Case
-    {
-        const char* value;
-        std::int32_t expected;
-    };
-    const Case cases[] = {{"1", 1},
-                          {"12abc", 12},
-                          {"abc", 0},
-                          {"", 0},
-                          {"  -7", -7},
-                          {"+3", 3},
-                          {"0x10", 0},
-                          {"99999999999", INT32_MAX},
-                          {"-99999999999", INT32_MIN},
-                          {"1.9", 1}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.value);
-        n.SetAttribute("v", c.value);
-        EXPECT_EQ(n.GetInt("v", 42), c.expected);
+    const std::pair<const char*, std::int32_t> cases[] = {{"12abc", 12},
+                                                          {"abc", 0},
+                                                          {"", 0},
+                                                          {"  -7", -7},
+                                                          {"+3", 3},
+                                                          {"0x10", 0},
+                                                          {"1.9", 1},
+                                                          {"99999999999", INT32_MAX},
+                                                          {"-99999999999", INT32_MIN}};
+    for (const auto& [value, expected] : cases) {
+        SCOPED_TRACE(value);
+        n.SetAttribute("v", value);
+        EXPECT_EQ(n.GetInt("v", 42), expected);
     }
     EXPECT_EQ(n.GetInt("missing", 42), 42);
 }
@@ -213,37 +166,36 @@ TEST(XmlNode, GetIntReadsLeadingDigitsLikeTheCLibrary)
 TEST(XmlNode, GetByPathFollowsNamesIndexesAttributesAndTexts)
 {
     XmlNode document;
-    ASSERT_TRUE(document.Parse("<Tarvo_QC Hide=\"1\"><Clip File=\"a\">ta</Clip><clip File=\"x\"/>"
-                               "<Clip File=\"b\"><Media Dur=\"5\"/></Clip></Tarvo_QC>"));
-    struct Case
-    {
-        const char* path;
-        bool found;
-        const char* value;
-    };
-    const Case cases[] = {
-        {"Tarvo_QC>Hide", true, "1"},
-        {"Tarvo_QC>Clip>File", true, "a"},
-        {"Tarvo_QC>Clip<0>>File", true, "a"},
-        {"Tarvo_QC>Clip<1>>File", true, "b"},
-        {"Tarvo_QC>Clip<1>>Media>Dur", true, "5"},
-        {"Tarvo_QC>Clip>", true, "ta"},
-        {"Tarvo_QC>Clip<1>>", true, ""},
-        {"Tarvo_QC>Clip<2>>File", false, ""}, // exact names: "clip" does not count
-        {"tarvo_qc>Hide", false, ""},
-        {"Tarvo_QC>Missing", false, ""},
-        {"Tarvo_QC>Clip<x>>File", false, ""},
-        {"Tarvo_QC>Clip<>>File", false, ""},
-        {"Tarvo_QC>Clip<1", false, ""},
-        {"Tarvo_QC>Clip<1>File", false, ""},
-        {"", false, ""},
-        {">", false, ""},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.path);
+    ASSERT_TRUE(document.Parse("<R Hide=\"1\"><C File=\"a\">ta<F/></C><c File=\"x\"/>"
+                               "<C File=\"b\" F=\"cf\">tb<F Dur=\"5\">tf</F></C></R>"));
+    // the value found, or nullptr when the path finds nothing
+    const std::pair<const char*, const char*> cases[] = {
+        {"R>Hide", "1"},
+        {"R>C>File", "a"},
+        {"R>C<0>File", "a"},
+        {"R>C<1>File", "b"},
+        {"R>C<1>F", "cf"}, // the bracket ends the segment: attribute F of the second C
+        {"R>C<1>F>Dur", "5"},
+        {"R>C<1>F<0>Dur", "5"},
+        {"R>C<1>F>", "tf"},
+        {"R>C<1>", "tb"},
+        {"R>C>", "ta"},
+        {"R>C<0>F>", ""},
+        {"R>C<2>File", nullptr},  // exact names: "c" does not count
+        {"R>C<1>>File", nullptr}, // an empty name after the bracket
+        {"R>C<0>F", nullptr},
+        {"r>Hide", nullptr},
+        {"R>Missing", nullptr},
+        {"R>C<x>File", nullptr},
+        {"R>C<>File", nullptr},
+        {"R>C<1", nullptr},
+        {"", nullptr},
+        {">", nullptr}};
+    for (const auto& [path, expected] : cases) {
+        SCOPED_TRACE(path);
         std::string value = "untouched";
-        EXPECT_EQ(document.GetByPath(c.path, value), c.found);
-        EXPECT_EQ(value, c.found ? c.value : "untouched");
+        EXPECT_EQ(document.GetByPath(path, value), expected != nullptr);
+        EXPECT_EQ(value, expected != nullptr ? expected : "untouched");
     }
 }
 
@@ -254,7 +206,8 @@ TEST(XmlNode, SaveWritesTheExactBytes)
     root->SetAttribute("Hide", "1");
     root->AddChild("Clip");
     EXPECT_EQ(document.saveBytes(),
-              fileBytes("<Tarvo_QC Hide=\"1\">\r\n  <Clip/>\r\n</Tarvo_QC>\r\n"));
+              "\xFF\xFE" + utf16("<Tarvo_QC Hide=\"1\">\r\n  <Clip/>\r\n</Tarvo_QC>\r\n") +
+                  std::string(2, '\0'));
 
     XmlNode* clip = root->child(0);
     clip->SetAttribute("File", "q\"a&b'c<d>e");
@@ -287,34 +240,14 @@ TEST(XmlNode, SaveWritesUtf16WithSurrogatePairsAndReplacesBrokenUtf8)
     EXPECT_EQ(again.child(0)->text(), "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80\xEF\xBF\xBD");
 }
 
-TEST(XmlNode, ReadsTheDescribedEdgeCases)
-{
-    XmlNode document;
-    ASSERT_TRUE(document.Parse("<Tarvo_QC Hide=\"1\">\r\n  <Clip File=\"a &amp; b.mp4\"/>\r\n"
-                               "</Tarvo_QC>\r\n"));
-    EXPECT_TRUE(document.isClosed());
-    const XmlNode* root = document.child(0);
-    EXPECT_EQ(root->GetInt("Hide", 0), 1);
-    ASSERT_EQ(root->childCount(), 1u);
-    EXPECT_EQ(root->child(0)->GetString("File", ""), "a & b.mp4");
-
-    ASSERT_TRUE(document.Parse("<a v='x&gt;y' w=\"&quot;&apos;&lt;&amp;&nbsp;\"/>"));
-    EXPECT_EQ(document.child(0)->GetString("v", ""), "x&gt;y");
-    EXPECT_EQ(document.child(0)->GetString("w", ""), "\"'<&&nbsp;");
-
-    ASSERT_TRUE(document.Parse("<a>&nbsp;&quot;&amp;&lt;&gt;&apos;&copy;</a>"));
-    EXPECT_EQ(document.child(0)->text(), " \"&<>'&copy;");
-}
-
 TEST(XmlNode, ForgivingReaderRules)
 {
-    struct Case
-    {
-        const char* text;
-        bool ok;
-        const char* dump; // the tree as name[attr=value,...]{text}(children)
-    };
-    const Case cases[] = {
+    // text, whether every element was closed, the tree read
+    const std::tuple<const char*, bool, const char*> cases[] = {
+        {"<Tarvo_QC Hide=\"1\">\r\n  <Clip File=\"a &amp; b.mp4\"/>\r\n</Tarvo_QC>\r\n", true,
+         "Tarvo_QC[Hide=1](Clip[File=a & b.mp4])"},
+        {"<a v='x&gt;y' w=\"&quot;&apos;&lt;&amp;&nbsp;\"/>", true, "a[v=x&gt;y,w=\"'<&&nbsp;]"},
+        {"<a>&nbsp;&quot;&amp;&lt;&gt;&apos;&copy;</a>", true, "a{ \"&<>'&copy;}"},
         {"<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n<!-- c --><a/>", true, "a"},
         {"<a x = \"1\" y='2'>t</a>", true, "a[x =1,y=2]{t}"},
         {"<a b c=\"1\" d>x</a>", true, "a[b c=1]{x}"},
@@ -332,80 +265,36 @@ TEST(XmlNode, ForgivingReaderRules)
         {"<a x=\"1\" x=\"2\"/>", true, "a[x=1,x=2]"}, // read without a duplicate test
         {"<A></a>", false, "A(a)"},                   // end tags match case-sensitively
         {"<a><img src=\"x\"></a>", false, "a(img[src=x])"},
-        {"<a><hr/></a>", true, "a(hr)"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.text);
+        {"<a><hr/></a>", true, "a(hr)"}};
+    for (const auto& [text, closed, tree] : cases) {
+        SCOPED_TRACE(text);
         XmlNode document;
-        EXPECT_EQ(document.Parse(c.text), c.ok);
+        EXPECT_EQ(document.Parse(text), closed);
         ASSERT_EQ(document.childCount(), 1u);
-        std::string dump;
-        // Small recursive dump through a lambda.
-        auto write = [&](auto&& self, const XmlNode& n) -> void {
-            dump += n.name();
-            if (n.attributeCount() > 0) {
-                dump += '[';
-                for (std::size_t i = 0; i < n.attributeCount(); ++i) {
-                    dump += (i ? "," : "") + n.attributeName(i) + "=" + n.attributeValue(i);
-                }
-                dump += ']';
-            }
-            if (!n.text().empty()) {
-                dump += "{" + n.text() + "}";
-            }
-            if (n.childCount() > 0) {
-                dump += '(';
-                for (std::size_t i = 0; i < n.childCount(); ++i) {
-                    dump += i ? "," : "";
-                    self(self, *n.child(i));
-                }
-                dump += ')';
-            }
-        };
-        write(write, *document.child(0));
-        EXPECT_EQ(dump, c.dump);
+        EXPECT_EQ(test::xmlDump(*document.child(0)), tree);
     }
 }
 
 TEST(XmlNode, MustFail)
 {
-    const std::string deep300 = [] {
-        std::string s;
-        for (int i = 0; i < 300; ++i) {
-            s += "<e>";
-        }
-        for (int i = 0; i < 300; ++i) {
-            s += "</e>";
-        }
-        return s;
-    }();
-    const std::string manyAttributes = [] {
-        std::string s = "<a";
-        for (std::size_t i = 0; i <= kMaxXmlAttributes; ++i) {
-            s += " n" + std::to_string(i) + "=\"v\"";
-        }
-        return s + "/>";
-    }();
-    const std::vector<std::string> inputs = {
+    const std::string inputs[] = {
         "",
         "no tags at all",
         "<a>",
         "<a>text",
         "<a></a",
-        "<a x=\"1/>",
-        "<a><b></a>",
         "<1st/>",
-        "<a><b/>",
+        "<a x=\"1/>",
         "<-x/>",
+        "<a><b></a>",
         "<.x/>",
+        "<a><b/>",
         "<?xml version=\"1.0\"?>",
         "<!DOCTYPE a><a/>",
         std::string("<a>\0</a>", 8),
-        deep300,
-        manyAttributes,
     };
     for (const std::string& input : inputs) {
-        SCOPED_TRACE(input.substr(0, 40));
+        SCOPED_TRACE(input);
         XmlNode document;
         EXPECT_FALSE(document.Parse(input));
         EXPECT_EQ(fuzz::checkParse(input), "");
@@ -414,22 +303,12 @@ TEST(XmlNode, MustFail)
 
 TEST(XmlNode, ReaderLimitsSitAtTheirValues)
 {
-    auto nested = [](int levels) {
-        std::string s;
-        for (int i = 0; i < levels; ++i) {
-            s += "<e>";
-        }
-        for (int i = 0; i < levels; ++i) {
-            s += "</e>";
-        }
-        return s;
-    };
     XmlNode document;
     EXPECT_TRUE(document.Parse(nested(kMaxXmlDepth)));
     EXPECT_FALSE(document.Parse(nested(kMaxXmlDepth + 1)));
     // The content past the limit is dropped; what was read stays.
     EXPECT_NE(document.FindDeep("e"), nullptr);
-    EXPECT_EQ(fuzz::checkTreeShape(document), "");
+    EXPECT_EQ(fuzz::checkParse(nested(kMaxXmlDepth + 1)), "");
 
     std::string attributes = "<a";
     for (std::size_t i = 0; i < kMaxXmlAttributes; ++i) {
@@ -437,6 +316,8 @@ TEST(XmlNode, ReaderLimitsSitAtTheirValues)
     }
     EXPECT_TRUE(document.Parse(attributes + "/>"));
     EXPECT_EQ(document.child(0)->attributeCount(), kMaxXmlAttributes);
+    EXPECT_FALSE(document.Parse(attributes + " x=''/>"));
+    EXPECT_EQ(fuzz::checkParse(attributes + " x=''/>"), "");
 }
 
 // A tree with every kind of content the writer has to get right.
@@ -504,43 +385,30 @@ TEST(XmlNode, TheThreeEncodingsReadToTheSameTree)
 
 TEST(XmlNode, DecodingReplacesWhatIsBroken)
 {
-    struct Case
-    {
-        std::string bytes;
-        std::string text;
-    };
-    const std::string fffd = "\xEF\xBF\xBD";
-    const Case cases[] = {
+    const std::string bad = "\xEF\xBF\xBD"; // U+FFFD
+    const std::string bom = "\xEF\xBB\xBF";
+    const std::pair<std::string, std::string> cases[] = {
         {std::string("\xFF\xFE\x3D\xD8\x00\xDE", 6), "\xF0\x9F\x98\x80"}, // pair joined
-        {std::string("\xFF\xFE\x3D\xD8\x41\x00", 6), fffd + "A"},         // lone high
-        {std::string("\xFF\xFE\x00\xDE\x41\x00", 6), fffd + "A"},         // lone low
-        {std::string("\xFF\xFE\x41\x00\x42", 5), "A" + fffd},             // odd last byte
-        {std::string("\xFF\xFE\x3D\xD8", 4), fffd},                       // high at the end
-        {"\xEF\xBB\xBF"
-         "a\xC3",
-         "a" + fffd}, // cut sequence
-        {"\xEF\xBB\xBF"
-         "\xED\xA0\x80",
-         fffd + fffd + fffd}, // UTF-8 surrogate
-        {"\xEF\xBB\xBF"
-         "\xC0\xAF",
-         fffd + fffd}, // overlong
-        {"\xEF\xBB\xBF"
-         "\xF4\x90\x80\x80",
-         fffd + fffd + fffd + fffd},                      // past U+10FFFF
-        {"\x80\x81\xFF", "\xE2\x82\xAC\xC2\x81\xC3\xBF"}, // Windows-1252
-        {"\xC3\xA9", "\xC3\xA9"},                         // valid UTF-8 stays
+        {std::string("\xFF\xFE\x3D\xD8\x41\x00", 6), bad + "A"},          // lone high
+        {std::string("\xFF\xFE\x00\xDE\x41\x00", 6), bad + "A"},          // lone low
+        {std::string("\xFF\xFE\x41\x00\x42", 5), "A" + bad},              // odd last byte
+        {std::string("\xFF\xFE\x3D\xD8", 4), bad},                        // high at the end
+        {bom + "a\xC3", "a" + bad},                                       // cut sequence
+        {bom + "\xED\xA0\x80", bad + bad + bad},                          // UTF-8 surrogate
+        {bom + "\xC0\xAF", bad + bad},                                    // overlong
+        {bom + "\xF4\x90\x80\x80", bad + bad + bad + bad},                // past U+10FFFF
+        {"\x80\x81\xFF", "\xE2\x82\xAC\xC2\x81\xC3\xBF"},                 // Windows-1252
+        {"\xC3\xA9", "\xC3\xA9"},                                         // valid UTF-8 stays
         {std::string("\xFE\xFF\x00<", 4), "\xC3\xBE\xC3\xBF" + std::string(1, '\0') + "<"},
-        {"", ""},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::PrintToString(c.bytes));
-        EXPECT_EQ(decodeXmlFileBytes(c.bytes), c.text);
-        EXPECT_EQ(fuzz::checkLoad(c.bytes), "");
+        {"", ""}};
+    for (const auto& [bytes, text] : cases) {
+        SCOPED_TRACE(testing::PrintToString(bytes));
+        EXPECT_EQ(decodeXmlFileBytes(bytes), text);
+        EXPECT_EQ(fuzz::checkLoad(bytes), "");
     }
     XmlNode document;
     EXPECT_TRUE(document.Parse("<a v=\"\xFF\xC3\"/>"));
-    EXPECT_EQ(document.child(0)->GetString("v", ""), fffd + fffd);
+    EXPECT_EQ(document.child(0)->GetString("v", ""), bad + bad);
 }
 
 TEST(XmlNode, EveryTruncationOfADocumentFails)
@@ -587,22 +455,16 @@ TEST(XmlNode, LoadFailuresLeaveTheDocumentCleared)
 
 TEST(XmlNode, DetectEncodingReadsTheLeadingDeclarations)
 {
-    struct Case
-    {
-        const char* text;
-        const char* encoding;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"<?xml version=\"1.0\" encoding=\"UTF-8\"?><a/>", "UTF-8"},
         {"<!-- x --><?XML encoding='windows-1252'?><a/>", "windows-1252"},
         {"<?xml version=\"1.0\"?><a/>", ""},
         {"<a encoding=\"x\"/>", ""},
         {"<a/><?xml encoding=\"late\"?>", ""},
-        {"", ""},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.text);
-        EXPECT_EQ(XmlNode::DetectEncoding(c.text), c.encoding);
+        {"", ""}};
+    for (const auto& [text, encoding] : cases) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(XmlNode::DetectEncoding(text), encoding);
     }
 }
 
@@ -617,8 +479,7 @@ TEST(XmlNode, VeryDeepBuiltTreesAreDestroyedWithoutRecursion)
     EXPECT_EQ(document->FindDeep("D"), document->child(0));
     node->AddChild("needle");
     EXPECT_EQ(document->FindDeep("needle"), node->child(0));
-    document.reset();
-    SUCCEED() << "destroyed without exhausting the stack";
+    document.reset(); // without exhausting the stack
 }
 
 // Every kept fuzz regression input and every seed must satisfy the reader invariants.

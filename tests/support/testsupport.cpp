@@ -85,6 +85,40 @@ std::string readFile(const fs::path& path)
     return text.str();
 }
 
+std::string utf16(std::string_view ascii)
+{
+    std::string out;
+    for (const char c : ascii) {
+        out += c;
+        out += '\0';
+    }
+    return out;
+}
+
+std::string asciiOfUtf16(std::string_view bytes)
+{
+    std::string text;
+    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
+        text += bytes[i];
+    }
+    return text;
+}
+
+namespace {
+
+// The null-terminated pointer array the spawn calls take; the strings stay owned by texts.
+std::vector<char*> pointersTo(std::vector<std::string>& texts)
+{
+    std::vector<char*> pointers;
+    for (std::string& text : texts) {
+        pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+} // namespace
+
 CommandResult runCommand(const std::vector<std::string>& argv,
                          const std::vector<std::string>& extraEnv)
 {
@@ -105,17 +139,9 @@ CommandResult runCommand(const std::vector<std::string>& argv,
         env.emplace_back(*e);
     }
     env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-    std::vector<char*> envp;
-    for (auto& e : env) {
-        envp.push_back(e.data());
-    }
-    envp.push_back(nullptr);
+    std::vector<char*> envp = pointersTo(env);
     std::vector<std::string> args = argv;
-    std::vector<char*> argp;
-    for (auto& a : args) {
-        argp.push_back(a.data());
-    }
-    argp.push_back(nullptr);
+    std::vector<char*> argp = pointersTo(args);
 
     pid_t pid = 0;
     const int rc = ::posix_spawnp(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
@@ -233,11 +259,7 @@ std::optional<std::string> runUnprivileged(const std::function<std::string()>& b
 ChildProcess::ChildProcess(const std::vector<std::string>& argv)
 {
     std::vector<std::string> args = argv;
-    std::vector<char*> argp;
-    for (std::string& a : args) {
-        argp.push_back(a.data());
-    }
-    argp.push_back(nullptr);
+    std::vector<char*> argp = pointersTo(args);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);

@@ -38,6 +38,11 @@ private:
 void writeFile(const std::filesystem::path& path, std::string_view bytes);
 std::string readFile(const std::filesystem::path& path);
 
+// UTF-16LE bytes of an ASCII text, and back: the low byte of each unit (the daily log's
+// and the result documents' ASCII content).
+std::string utf16(std::string_view ascii);
+std::string asciiOfUtf16(std::string_view bytes);
+
 // Runs argv[0] with the arguments (no shell), with optional extra environment entries
 // "NAME=value"; gives its exit status (or -1 when it could not run) and its outputs.
 struct CommandResult

@@ -5,6 +5,8 @@
 #include <QTextEdit>
 #include <memory>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -43,65 +45,52 @@ protected:
 
 TEST(WindowPlacement, ValueTextsAndNumbers)
 {
-    struct Row
-    {
-        bool maximised;
-        bool position;
-        std::string text;
-    };
-    const Row rows[] = {{false, false, "640, 480"},
-                        {false, true, "100, 80, 640, 480"},
-                        {true, false, "-1, 640, 480"},
-                        {true, true, "-1, 100, 80, 640, 480"}};
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.text);
-        EXPECT_EQ(placementText({row.maximised, row.position, QRect(100, 80, 640, 480)}), row.text);
-        std::vector<int> expected =
-            row.position ? std::vector<int>{100, 80, 640, 480} : std::vector<int>{640, 480};
-        if (row.maximised) {
-            expected.insert(expected.begin(), -1);
-        }
-        EXPECT_EQ(placementNumbers(row.text + " G:7, 8"), expected);
+    // maximised, with position, the text, its numbers
+    const std::tuple<bool, bool, std::string, std::vector<int>> rows[] = {
+        {false, false, "640, 480", {640, 480}},
+        {false, true, "100, 80, 640, 480", {100, 80, 640, 480}},
+        {true, false, "-1, 640, 480", {-1, 640, 480}},
+        {true, true, "-1, 100, 80, 640, 480", {-1, 100, 80, 640, 480}}};
+    for (const auto& [maximised, position, text, numbers] : rows) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(placementText({maximised, position, QRect(100, 80, 640, 480)}), text);
+        EXPECT_EQ(placementNumbers(text + " G:7, 8"), numbers);
     }
 }
 
 TEST_F(KitTest, PlacementRoundTripsForEveryForm)
 {
-    struct Row
-    {
-        bool keepPosition;
-        bool maximise;
-    };
-    for (const Row row : {Row{false, false}, Row{true, false}, Row{false, true}, Row{true, true}}) {
+    for (const auto& [keepPosition, maximise] : {std::pair(false, false), std::pair(true, false),
+                                                 std::pair(false, true), std::pair(true, true)}) {
         SCOPED_TRACE(testing::Message()
-                     << "position " << row.keepPosition << " maximised " << row.maximise);
+                     << "position " << keepPosition << " maximised " << maximise);
         {
             CWDlgClass dialog;
-            dialog.setPlacementName("DLG", row.keepPosition);
+            dialog.setPlacementName("DLG", keepPosition);
             dialog.setGeometry(30, 40, 500, 300);
             dialog.show();
             ASSERT_TRUE(QTest::qWaitForWindowExposed(&dialog));
-            if (row.maximise) {
+            if (maximise) {
                 dialog.showMaximized();
                 ASSERT_TRUE(QTest::qWaitFor([&] { return dialog.isMaximized(); }));
             }
         } // saved on destruction
-        EXPECT_EQ(saved("DLG").rfind("-1, ", 0) == 0, row.maximise) << saved("DLG");
+        EXPECT_EQ(saved("DLG").rfind("-1, ", 0) == 0, maximise) << saved("DLG");
 
         CWDlgClass again;
-        again.setPlacementName("DLG", row.keepPosition);
+        again.setPlacementName("DLG", keepPosition);
         again.resize(200, 100);
         again.restorePlacement();
         again.show();
         ASSERT_TRUE(QTest::qWaitForWindowExposed(&again));
-        EXPECT_EQ(again.isMaximized(), row.maximise);
-        if (row.maximise) {
+        EXPECT_EQ(again.isMaximized(), maximise);
+        if (maximise) {
             again.showNormal();
             ASSERT_TRUE(QTest::qWaitFor([&] { return !again.isMaximized(); }));
         }
         EXPECT_TRUE(QTest::qWaitFor([&] { return again.size() == QSize(500, 300); }))
             << saved("DLG");
-        if (row.keepPosition) {
+        if (keepPosition) {
             EXPECT_EQ(again.geometry().topLeft(), QPoint(30, 40));
         }
     }
@@ -114,30 +103,23 @@ TEST_F(KitTest, SizeOnlyIsCentredOverTheMainWindowNeverBelowZero)
     main.show();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(&main));
     setKitMainWindow(&main);
-    struct Row
-    {
-        const char* value;
-        QPoint expected;
-    };
-    const Row rows[] = {{"640, 480", QPoint(180, 160)},
-                        {"1200, 1000 G:x", QPoint(0, 0)},
-                        {"700, 200", QPoint(150, 300)}};
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.value);
-        m_store.WriteString(kSectionWindowsSize, "BOX", row.value);
+    const QRect screen = QGuiApplication::primaryScreen()->geometry();
+    // saved value, whether the main window is shown, the place restored
+    const std::tuple<const char*, bool, QPoint> rows[] = {
+        {"640, 480", true, QPoint(180, 160)},
+        {"1200, 1000 G:x", true, QPoint(0, 0)},
+        {"700, 200", true, QPoint(150, 300)},
+        // Without a visible main window the screen is the reference.
+        {"100, 50", false, QPoint(screen.width() / 2 - 50, screen.height() / 2 - 25)}};
+    for (const auto& [value, shown, expected] : rows) {
+        SCOPED_TRACE(value);
+        main.setVisible(shown);
+        m_store.WriteString(kSectionWindowsSize, "BOX", value);
         CWDlgClass dialog;
         dialog.setPlacementName("BOX", false);
         dialog.restorePlacement();
-        EXPECT_EQ(dialog.pos(), row.expected);
+        EXPECT_EQ(dialog.pos(), expected);
     }
-    // Without a visible main window the screen is the reference.
-    main.hide();
-    m_store.WriteString(kSectionWindowsSize, "BOX", "100, 50");
-    CWDlgClass dialog;
-    dialog.setPlacementName("BOX", false);
-    dialog.restorePlacement();
-    const QRect screen = QGuiApplication::primaryScreen()->geometry();
-    EXPECT_EQ(dialog.pos(), QPoint(screen.width() / 2 - 50, screen.height() / 2 - 25));
 }
 
 TEST_F(KitTest, EmptyNameSavesNothingAndMissingKeyChangesNothing)
@@ -147,7 +129,7 @@ TEST_F(KitTest, EmptyNameSavesNothingAndMissingKeyChangesNothing)
         unnamed.setPlacementName("", true);
         unnamed.resize(300, 200);
     }
-    EXPECT_FALSE(test::readFile(m_dir / "TarvoQC.ini").find("WindowsSize") != std::string::npos);
+    EXPECT_EQ(test::readFile(m_dir / "TarvoQC.ini").find("WindowsSize"), std::string::npos);
     CWDlgClass fresh;
     fresh.setPlacementName("NEVER", true);
     fresh.setGeometry(7, 8, 300, 200);
@@ -213,62 +195,45 @@ public:
 
 TEST_F(KitTest, DialogKeyboardRules)
 {
-    struct Row
-    {
-        const char* what;
-        int from;
-        Qt::Key key;
-        Qt::KeyboardModifiers modifiers;
-        int focusAfter; // 0: the dialog ended
-        std::vector<int> commands;
-        int fieldKeys = 0; // presses that reached the multi-line or rich-text field
-    };
-    const Row rows[] = {
-        {"Tab moves along the list", 10, Qt::Key_Tab, Qt::NoModifier, 11, {}},
-        {"Shift+Tab wraps to the end", 10, Qt::Key_Backtab, Qt::ShiftModifier, 14, {}},
-        {"Tab wraps to the start", 14, Qt::Key_Tab, Qt::NoModifier, 10, {}},
-        {"Enter in a field navigates", 10, Qt::Key_Return, Qt::NoModifier, 11, {}},
-        {"Enter on a button clicks and navigates", 11, Qt::Key_Return, Qt::NoModifier, 12, {11}},
-        {"Enter in a multi-line field navigates", 12, Qt::Key_Enter, Qt::NoModifier, 14, {}},
-        {"Ctrl+Enter stays in a multi-line field",
-         12,
-         Qt::Key_Return,
-         Qt::ControlModifier,
-         12,
-         {},
-         1},
-        {"Enter on a grid is the grid's", 14, Qt::Key_Return, Qt::NoModifier, 14, {}},
-        {"Ctrl+Enter on a grid navigates", 14, Qt::Key_Return, Qt::ControlModifier, 10, {}},
-        {"Rich text keeps Enter", 13, Qt::Key_Return, Qt::NoModifier, 13, {}, 1},
-        {"Shortcut row", 10, Qt::Key_O, Qt::ControlModifier, 10, {77}},
-        {"Shortcut with two modifiers",
-         11,
-         Qt::Key_X,
-         Qt::AltModifier | Qt::ShiftModifier,
-         11,
-         {78}},
-        {"Rows after the end marker are not read", 10, Qt::Key_P, Qt::ControlModifier, 10, {}},
-        {"Enter on OK is OK's", kIdOk, Qt::Key_Return, Qt::NoModifier, 0, {kIdOk}},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.what);
+    constexpr auto kNone = Qt::NoModifier;
+    constexpr auto kCtrl = Qt::ControlModifier;
+    // what, focus before, key, focus after (0: the dialog ended), command posted (0: none),
+    // presses that reached the multi-line or rich-text field
+    const std::tuple<const char*, int, Qt::Key, Qt::KeyboardModifiers, int, int, int> rows[] = {
+        {"Tab moves along the list", 10, Qt::Key_Tab, kNone, 11, 0, 0},
+        {"Shift+Tab wraps to the end", 10, Qt::Key_Backtab, Qt::ShiftModifier, 14, 0, 0},
+        {"Tab wraps to the start", 14, Qt::Key_Tab, kNone, 10, 0, 0},
+        {"Enter in a field navigates", 10, Qt::Key_Return, kNone, 11, 0, 0},
+        {"Enter on a button clicks and navigates", 11, Qt::Key_Return, kNone, 12, 11, 0},
+        {"Enter in a multi-line field navigates", 12, Qt::Key_Enter, kNone, 14, 0, 0},
+        {"Ctrl+Enter stays in a multi-line field", 12, Qt::Key_Return, kCtrl, 12, 0, 1},
+        {"Enter on a grid is the grid's", 14, Qt::Key_Return, kNone, 14, 0, 0},
+        {"Ctrl+Enter on a grid navigates", 14, Qt::Key_Return, kCtrl, 10, 0, 0},
+        {"Rich text keeps Enter", 13, Qt::Key_Return, kNone, 13, 0, 1},
+        {"Shortcut row", 10, Qt::Key_O, kCtrl, 10, 77, 0},
+        {"Two modifiers", 11, Qt::Key_X, Qt::AltModifier | Qt::ShiftModifier, 11, 78, 0},
+        {"Rows after the end marker are not read", 10, Qt::Key_P, kCtrl, 10, 0, 0},
+        {"Enter on OK is OK's", kIdOk, Qt::Key_Return, kNone, 0, kIdOk, 0}};
+    for (const auto& [what, from, key, modifiers, focusAfter, command, fieldKeys] : rows) {
+        SCOPED_TRACE(what);
         KeyDialog dialog;
         dialog.show();
         ASSERT_TRUE(QTest::qWaitForWindowExposed(&dialog));
         dialog.activateWindow();
-        dialog.focusControl(dialog.control(row.from));
-        ASSERT_TRUE(QTest::qWaitFor(
-            [&] { return QApplication::focusWidget() == dialog.control(row.from); }));
-        QTest::keyClick(QApplication::focusWidget(), row.key, row.modifiers);
-        QTest::qWait(20); // queued clicks and commands arrive
-        if (row.focusAfter == 0) {
+        dialog.focusControl(dialog.control(from));
+        ASSERT_TRUE(
+            QTest::qWaitFor([&] { return QApplication::focusWidget() == dialog.control(from); }));
+        QTest::keyClick(QApplication::focusWidget(), key, modifiers);
+        QCoreApplication::sendPostedEvents(); // the posted clicks and commands
+        QCoreApplication::sendPostedEvents();
+        if (focusAfter == 0) {
             EXPECT_FALSE(dialog.isVisible());
             EXPECT_EQ(dialog.result(), QDialog::Accepted);
         } else {
-            EXPECT_EQ(kitId(QApplication::focusWidget()), row.focusAfter);
+            EXPECT_EQ(kitId(QApplication::focusWidget()), focusAfter);
         }
-        EXPECT_EQ(dialog.commands, row.commands);
-        EXPECT_EQ(dialog.keysSeen.count, row.fieldKeys);
+        EXPECT_EQ(dialog.commands, command ? std::vector<int>{command} : std::vector<int>{});
+        EXPECT_EQ(dialog.keysSeen.count, fieldKeys);
     }
 }
 
@@ -286,14 +251,6 @@ TEST_F(KitTest, FocusOnATextFieldSelectsItsText)
 
 TEST_F(KitTest, VersionCheckAsksInOrderAndStopsAtNo)
 {
-    struct Row
-    {
-        const char* what;
-        std::vector<LibraryVersion> libraries;
-        std::vector<QMessageBox::StandardButton> answers;
-        std::vector<std::string> askedAbout;
-        bool goesOn;
-    };
     const std::uint32_t v = (59 << 16) | (37 << 8) | 100;
     const auto all = [v](std::uint32_t avformat, std::uint32_t avutil) {
         return std::vector<LibraryVersion>{{"avcodec", v, v},
@@ -302,7 +259,10 @@ TEST_F(KitTest, VersionCheckAsksInOrderAndStopsAtNo)
                                            {"swresample", v, v},
                                            {"swscale", v, v}};
     };
-    const Row rows[] = {
+    using Answers = std::vector<QMessageBox::StandardButton>;
+    using Names = std::vector<std::string>;
+    // what, the libraries, the answers given, the libraries asked about, whether start-up goes on
+    const std::tuple<const char*, std::vector<LibraryVersion>, Answers, Names, bool> rows[] = {
         {"all equal", all(v, v), {}, {}, true},
         {"avformat differs, No", all(v + 256, v + 256), {QMessageBox::No}, {"avformat"}, false},
         {"two differ, Yes twice",
@@ -311,10 +271,9 @@ TEST_F(KitTest, VersionCheckAsksInOrderAndStopsAtNo)
          {"avformat", "avutil"},
          true},
         {"micro alone differs", all(v + 1, v), {QMessageBox::Yes}, {"avformat"}, true},
-        {"box closed otherwise", all(v + 1, v), {QMessageBox::NoButton}, {"avformat"}, true},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.what);
+        {"box closed otherwise", all(v + 1, v), {QMessageBox::NoButton}, {"avformat"}, true}};
+    for (const auto& [what, libraries, answers, askedAbout, goesOn] : rows) {
+        SCOPED_TRACE(what);
         std::vector<std::string> asked;
         std::size_t next = 0;
         setMessageBoxAnswerer([&](const MessageBoxRequest& box) {
@@ -323,10 +282,10 @@ TEST_F(KitTest, VersionCheckAsksInOrderAndStopsAtNo)
             EXPECT_EQ(box.buttons, QMessageBox::Yes | QMessageBox::No);
             EXPECT_EQ(box.defaultButton, QMessageBox::No);
             asked.push_back(box.text.section(' ', 3, 3).toStdString());
-            return next < row.answers.size() ? row.answers[next++] : QMessageBox::No;
+            return next < answers.size() ? answers[next++] : QMessageBox::No;
         });
-        EXPECT_EQ(CheckMediaLibraries(nullptr, row.libraries), row.goesOn);
-        EXPECT_EQ(asked, row.askedAbout);
+        EXPECT_EQ(CheckMediaLibraries(nullptr, libraries), goesOn);
+        EXPECT_EQ(asked, askedAbout);
     }
     EXPECT_EQ(libraryVersionQuestion({"avcodec", 0x392264, 0x395964}),
               "Your version of avcodec (v57.89.100) is NOT the one required (v57.34.100).\n"

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -84,63 +85,39 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
     const std::string clipLines = "Clip " + ok.string() + " " + hashOk + "\nQCheck 5/5 OK\n" +
                                   "Clip " + truncated.string() + " " + hashTruncated +
                                   "\nQCheck 3/5 Playable\n";
-    struct Row
-    {
-        const char* what;
-        std::vector<std::string> args;
-        bool endsByItself;    // else it waits to be closed and gets SIGTERM
-        const char* document; // file expected in the job folder, or nullptr for none
-        std::string summary;  // what the document holds
-        bool unsetPlatform = false;
+    const auto in = [&](const char* name) { return (jobs / name).string(); };
+    const std::string all = clipLines + "Clip " + broken.string() + " -\nQCheck 0/5 ERROR\n";
+    const std::string hidden = "Clip " + ok.string() + " " + hashOk + "\nQCheck 5/5 OK\n";
+    // arguments, whether it ends by itself (else it waits to be closed and gets SIGTERM), the
+    // document expected in the job folder (nullptr: none), what it holds, whether no
+    // platform is named at all
+    const std::tuple<std::vector<std::string>, bool, const char*, std::string, bool> rows[] = {
+        // empty command line: interactive, no document
+        {{}, false, nullptr, "", false},
+        // one job, upper-case extension, path with spaces
+        {{in("A.QCIN")}, true, "A.qcout", all, false},
+        // a job then a clip: no document
+        {{in("A.QCIN"), ok.string()}, true, nullptr, "", false},
+        // two jobs: the second's document lists both
+        {{in("A.QCIN"), in("second.qcin")}, true, "second.qcout", all, false},
+        // a job without clips stays open; closing writes it
+        {{in("empty.qcin")}, false, "empty.qcout", "", false},
+        // a job that does not parse adds nothing
+        {{in("broken.qcin")}, false, "broken.qcout", "", false},
+        // clips, not jobs
+        {{in("x.qcin.bak"), in(".qci")}, true, nullptr, "", false},
+        // Hide without a display
+        {{in("hidden.qcin")}, true, "hidden.qcout", hidden, true},
     };
-    const Row rows[] = {
-        {"empty command line: interactive, no document", {}, false, nullptr, ""},
-        {"one job, upper-case extension, path with spaces",
-         {(jobs / "A.QCIN").string()},
-         true,
-         "A.qcout",
-         clipLines + "Clip " + broken.string() + " -\nQCheck 0/5 ERROR\n"},
-        {"a job then a clip: no document",
-         {(jobs / "A.QCIN").string(), ok.string()},
-         true,
-         nullptr,
-         ""},
-        {"two jobs: the second's document lists both",
-         {(jobs / "A.QCIN").string(), (jobs / "second.qcin").string()},
-         true,
-         "second.qcout",
-         clipLines + "Clip " + broken.string() + " -\nQCheck 0/5 ERROR\n"},
-        {"a job without clips stays open; closing writes it",
-         {(jobs / "empty.qcin").string()},
-         false,
-         "empty.qcout",
-         ""},
-        {"a job that does not parse adds nothing",
-         {(jobs / "broken.qcin").string()},
-         false,
-         "broken.qcout",
-         ""},
-        {"clips, not jobs",
-         {(jobs / "x.qcin.bak").string(), (jobs / ".qci").string()},
-         true,
-         nullptr,
-         ""},
-        {"Hide without a display",
-         {(jobs / "hidden.qcin").string()},
-         true,
-         "hidden.qcout",
-         "Clip " + ok.string() + " " + hashOk + "\nQCheck 5/5 OK\n",
-         true},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.what);
+    for (const auto& [args, endsByItself, document, summary, unsetPlatform] : rows) {
+        SCOPED_TRACE(testing::PrintToString(args));
         for (const auto& entry : fs::directory_iterator(jobs)) {
             if (entry.path().extension() == ".qcout") {
                 fs::remove(entry.path());
             }
         }
-        test::ChildProcess process = windowProcess(row.args, home, row.unsetPlatform);
-        if (row.endsByItself) {
+        test::ChildProcess process = windowProcess(args, home, unsetPlatform);
+        if (endsByItself) {
             EXPECT_EQ(process.waitFor(std::chrono::seconds(60)), 0);
         } else {
             // Bounded: the window must still be there after a while, waiting for its user.
@@ -154,12 +131,12 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
                 documents.push_back(entry.path().filename().string());
             }
         }
-        if (row.document == nullptr) {
+        if (document == nullptr) {
             EXPECT_TRUE(documents.empty());
             continue;
         }
-        ASSERT_EQ(documents, std::vector<std::string>{row.document});
-        EXPECT_EQ(documentSummary(jobs / row.document), row.summary);
+        ASSERT_EQ(documents, std::vector<std::string>{document});
+        EXPECT_EQ(documentSummary(jobs / document), summary);
     }
 }
 

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -25,14 +26,9 @@ namespace {
 std::string logText(const fs::path& folder)
 {
     std::string text;
-    if (!fs::exists(folder)) {
-        return text;
-    }
-    for (const auto& entry : fs::directory_iterator(folder)) {
-        const std::string bytes = test::readFile(entry.path());
-        for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
-            text += bytes[i];
-        }
+    for (const auto& entry :
+         fs::exists(folder) ? fs::directory_iterator(folder) : fs::directory_iterator()) {
+        text += test::asciiOfUtf16(test::readFile(entry.path()));
     }
     return text;
 }
@@ -116,32 +112,25 @@ TEST_F(WatchWindowTest, SetupDialogRowsAndTheOkRule)
         return QString("/picked/") + QString::number(titles.size());
     });
     const auto click = [&](int id) { static_cast<QPushButton*>(dialog.control(id))->click(); };
-    struct Step
-    {
-        const char* what;
-        int click;
-        bool okAccepted;
-    };
-    // Each step clicks one control, then tries OK on a copy of the state.
-    const Step steps[] = {
+    // Each step clicks one control (0: none), then tries OK on a copy of the state.
+    const std::tuple<const char*, int, bool> steps[] = {
         {"disabled: OK whatever the folders", 0, true},
         {"enabled without a source folder", WatchJobSetupDialog::kIdStatus, false},
         {"a source folder", WatchJobSetupDialog::kIdInputPick, true},
         {"move GOOD on, no folder", WatchJobSetupDialog::kIdGoodToggle, false},
         {"a GOOD folder", WatchJobSetupDialog::kIdGoodPick, true},
         {"move BAD on, no folder", WatchJobSetupDialog::kIdBadToggle, false},
-        {"a BAD folder", WatchJobSetupDialog::kIdBadPick, true},
-    };
-    for (const Step& step : steps) {
-        SCOPED_TRACE(step.what);
-        if (step.click != 0) {
-            click(step.click);
+        {"a BAD folder", WatchJobSetupDialog::kIdBadPick, true}};
+    for (const auto& [what, control, okAccepted] : steps) {
+        SCOPED_TRACE(what);
+        if (control != 0) {
+            click(control);
         }
         WatchJobSetupDialog copy(dialog.settings());
         copy.show();
         copy.command(kIdOk);
-        EXPECT_EQ(copy.result() == QDialog::Accepted, step.okAccepted);
-        EXPECT_EQ(copy.isVisible(), !step.okAccepted);
+        EXPECT_EQ(copy.result() == QDialog::Accepted, okAccepted);
+        EXPECT_EQ(copy.isVisible(), !okAccepted);
     }
     setFolderAnswerer({});
     EXPECT_EQ(text(WatchJobSetupDialog::kIdStatus), QString("ENABLED"));
@@ -155,14 +144,13 @@ TEST_F(WatchWindowTest, SetupDialogRowsAndTheOkRule)
     dialog.thresholdMenu()->actions().at(0)->trigger(); // "Any clip"
     EXPECT_EQ(text(WatchJobSetupDialog::kIdThreshold), QString("Any clip"));
 
-    const WatchJobSettings& s = dialog.settings();
-    EXPECT_TRUE(s.enabled);
-    EXPECT_EQ(s.sourceFolder, "/picked/1/");
-    EXPECT_EQ(s.goodFolder, "/picked/2/");
-    EXPECT_FALSE(s.moveGood);
-    EXPECT_TRUE(s.moveBad);
-    EXPECT_EQ(s.badFolder, "/picked/3/");
-    EXPECT_EQ(s.goodThreshold, 0);
+    EXPECT_EQ(dialog.settings(), (WatchJobSettings{.enabled = true,
+                                                   .sourceFolder = "/picked/1/",
+                                                   .goodFolder = "/picked/2/",
+                                                   .badFolder = "/picked/3/",
+                                                   .moveGood = false,
+                                                   .moveBad = true,
+                                                   .goodThreshold = 0}));
 }
 
 TEST_F(WatchWindowTest, JobSetupWritesTheKeysOnOkOnly)
