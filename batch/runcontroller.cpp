@@ -1,6 +1,8 @@
 #include "batch/runcontroller.h"
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 
 namespace tarvoqc {
 
@@ -67,10 +69,22 @@ void RunController::waitForRunnerEnd(std::chrono::milliseconds timeout)
     if (m_runners.empty()) {
         return;
     }
+    const auto until = std::chrono::steady_clock::now() + timeout;
     m_endSignal.waitFor(timeout, [this] {
         return std::any_of(m_runners.begin(), m_runners.end(),
                            [](const auto& runner) { return runner->checkEnded(); });
     });
+    // The thread of an ended check has only its last steps left: wait for them, so that
+    // the tick can harvest the runner without joining a live thread.
+    const auto gone = [this] {
+        return std::any_of(m_runners.begin(), m_runners.end(),
+                           [](const auto& runner) { return runner->finished(); });
+    };
+    while (!gone() && std::chrono::steady_clock::now() < until &&
+           std::any_of(m_runners.begin(), m_runners.end(),
+                       [](const auto& runner) { return runner->checkEnded(); })) {
+        std::this_thread::yield();
+    }
 }
 
 TickReport RunController::tick()

@@ -76,9 +76,9 @@ public:
     TickReport tick();
 
     // For an owner that calls tick() in a loop (the command line): blocks until a runner's
-    // check has ended or timeout passed, so that the next tick starts the next clip at
-    // once. Returns at once when no runner exists or one has already ended. The window
-    // does not use it; it keeps its timer.
+    // check has ended and its thread is gone, or timeout passed, so that the next tick
+    // harvests it and starts the next clip at once. Returns at once when no runner exists
+    // or one has already ended. The window does not use it; it keeps its timer.
     void waitForRunnerEnd(std::chrono::milliseconds timeout);
 
     bool busy() const { return !m_runners.empty(); }
