@@ -300,6 +300,12 @@ TEST(CheckCliDocument, JobFilesListTheirClipsOnceAndWriteTheirResultBesideThem)
     std::filesystem::remove(dir / "night run.qcout");
     EXPECT_EQ(check({"-l1", job.string(), clip("h264_aac.mp4")}).status, 1);
     EXPECT_FALSE(std::filesystem::exists(dir / "night run.qcout"));
+    // Two job files: only the second's document is written, and it lists the clips of both.
+    test::writeFile(dir / "second.qcin",
+                    "<Tarvo_QC><Clip File=\"" + clip("pcm.wav") + "\"/></Tarvo_QC>");
+    EXPECT_EQ(check({"-l1", job.string(), (dir / "second.qcin").string()}).status, 1);
+    EXPECT_FALSE(std::filesystem::exists(dir / "night run.qcout"));
+    EXPECT_EQ(readResultDocument(dir / "second.qcout")["clips"].size(), 3U);
 
     // A job file that does not parse is named and the run reports an input error.
     const auto broken = dir / "broken.qcin";

@@ -197,16 +197,15 @@ TEST(DecodePass, StreamThatDecodesNothingGetsOnlyTheTwoMissingTimecodeIssues)
     EXPECT_EQ(r.facts.streams.at(0).decodedEnd, kNoTime);
 }
 
+// The row of truncated.mxf above proves the text; this, the stored fact.
 TEST(DecodePass, DurationIsCorrectedToTheLatestDecodedEnd)
 {
     const QcResult r = checkClip("truncated.mxf", 3);
-    EXPECT_EQ(r.facts.clipDuration, 4 * kTicksPerSecond);
     ClipTicks latest = 0;
     for (const StreamFacts& s : r.facts.streams) {
         latest = std::max(latest, s.decodedEnd - r.facts.clipStart);
     }
     EXPECT_EQ(r.facts.qcDuration, latest);
-    EXPECT_NEAR(static_cast<double>(r.facts.qcDuration), 2.08e7, 1e5);
 }
 
 TEST(DecodePass, LevelOneReadsNothingAndMakesNoKeys)
