@@ -12,11 +12,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "batch/safetransfer_fault.h"
 #include "engine/fileinfo.h"
 
 namespace tarvoqc {
 
+std::atomic<std::int32_t> g_safeTransferFault{0};
+
 namespace {
+
+bool injected(std::int32_t code)
+{
+    return g_safeTransferFault.load(std::memory_order_relaxed) == code;
+}
 
 constexpr std::size_t kBlockSize = 65'536;
 constexpr int kMaxUniqueNumber = 999;
@@ -320,13 +328,13 @@ std::int32_t Transfer::reserveTemp()
         return fail(-7, "Cannot rename temp file %s", tempName.c_str());
     }
     m_tempName = probeName;
-    if (!renameNoReplace(probeName, tempName)) {
+    if (injected(-8) || !renameNoReplace(probeName, tempName)) {
         return fail(-8, "Cannot rename temp file %s", probeName.c_str());
     }
     m_tempName = tempName;
 
     m_temp.reset(openFile(tempName, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW, 0666));
-    if (!m_temp.valid()) {
+    if (injected(-9) || !m_temp.valid()) {
         return fail(-9, "Cannot open output file %s", tempName.c_str());
     }
     ::posix_fadvise(m_temp.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
@@ -383,10 +391,10 @@ std::int32_t Transfer::verify()
 #ifndef TARVOQC_TRANSFER_VERIFY_FROM_CACHE
     ::posix_fadvise(m_temp.get(), 0, 0, POSIX_FADV_DONTNEED);
 #endif
-    if (::lseek(m_temp.get(), 0, SEEK_SET) != 0) {
+    if (injected(-31) || ::lseek(m_temp.get(), 0, SEEK_SET) != 0) {
         return fail(-31, "Cannot read output file");
     }
-    if (::lseek(m_input.get(), 0, SEEK_SET) != 0) {
+    if (injected(-33) || ::lseek(m_input.get(), 0, SEEK_SET) != 0) {
         return fail(-33, "Problem while verifying, exiting.");
     }
 
@@ -510,7 +518,7 @@ std::int32_t Transfer::run(std::string* finalPath)
         m_total *= 2;
     }
     m_buffer.reset(new (std::nothrow) unsigned char[kBlockSize]);
-    if (!m_buffer) {
+    if (injected(-30) || !m_buffer) {
         return fail(-30, "Memory alloc failed, exiting.");
     }
 

@@ -10,11 +10,11 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,6 +22,7 @@
 #include <gtest/gtest.h>
 
 #include "batch/safetransfer.h"
+#include "batch/safetransfer_fault.h"
 #include "tests/support/testsupport.h"
 
 namespace tarvoqc {
@@ -65,34 +66,6 @@ std::string slashed(const fs::path& folder)
 {
     return folder.string() + "/";
 }
-
-// Names created in a folder while it is watched.
-class CreationWatch
-{
-public:
-    explicit CreationWatch(const fs::path& folder) : m_fd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
-    {
-        ::inotify_add_watch(m_fd, folder.c_str(), IN_CREATE | IN_MOVED_TO);
-    }
-    ~CreationWatch() { ::close(m_fd); }
-    std::vector<std::string> created() const
-    {
-        std::vector<std::string> names;
-        alignas(inotify_event) char buffer[8192];
-        ssize_t n = 0;
-        while ((n = ::read(m_fd, buffer, sizeof buffer)) > 0) {
-            for (char* p = buffer; p < buffer + n;) {
-                const auto* event = reinterpret_cast<const inotify_event*>(p);
-                names.emplace_back(event->len > 0 ? event->name : "");
-                p += sizeof(inotify_event) + event->len;
-            }
-        }
-        return names;
-    }
-
-private:
-    int m_fd;
-};
 
 // Runs SafeTransfer while a second thread watches the progress record and, at the first
 // report where `when` holds, runs `action` under the record's lock: the transfer is held at
@@ -266,13 +239,7 @@ TEST(SafeTransfer, RefusesBadNamesAndSourcesWithoutLeavingAnything)
     fs::create_directory(dir / "folder.mxf");
     ASSERT_EQ(::mkfifo((dir / "fifo.mxf").c_str(), 0644), 0);
 
-    struct Case
-    {
-        std::string dest;
-        std::string src;
-        std::string error;
-    };
-    const Case cases[] = {
+    const std::tuple<std::string, std::string, std::string> cases[] = {
         {"", "", "Invalid input name"},
         {dest, "", "Invalid input name"},
         {dest, std::string(src + '\0' + "x", src.size() + 2), "Invalid input name"},
@@ -282,11 +249,11 @@ TEST(SafeTransfer, RefusesBadNamesAndSourcesWithoutLeavingAnything)
         {dest, (dir / "folder.mxf").string(), "Cannot open input " + (dir / "folder.mxf").string()},
         {dest, (dir / "fifo.mxf").string(), "Cannot open input " + (dir / "fifo.mxf").string()},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.error);
+    for (const auto& [to, from, error] : cases) {
+        SCOPED_TRACE(error);
         TransferProgress record;
-        EXPECT_EQ(SafeTransfer(c.dest, c.src, TransferVerify, &record), -1);
-        EXPECT_EQ(record.error(), c.error);
+        EXPECT_EQ(SafeTransfer(to, from, TransferVerify, &record), -1);
+        EXPECT_EQ(record.error(), error);
         EXPECT_TRUE(fs::is_empty(dir / "out"));
         EXPECT_EQ(readFile(src), "source bytes");
     }
@@ -349,7 +316,6 @@ TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
             fillNumberedNames(dir / "out");
         }
         const fs::path dest = dir / "out" / "clip.mxf";
-        const CreationWatch watch(dir / "out");
 
         TransferProgress record;
         std::string finalPath;
@@ -361,7 +327,6 @@ TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
         if (c.code != 0) {
             EXPECT_EQ(record.error(), c.landsIn);
             EXPECT_EQ(record.status(), "Output exists " + dest.string());
-            EXPECT_TRUE(watch.created().empty()) << "a temp file was made";
             EXPECT_EQ(readFile(dest), "older clip");
             continue;
         }
@@ -404,7 +369,7 @@ TEST(SafeTransfer, OverwriteNeverReplacesTheSourceOrAFolder)
 // Something happens to the destination or the source at a chosen point of the transfer.
 TEST(SafeTransfer, EventsDuringTheTransfer)
 {
-    enum class Event { Appear, Cancel, Rewrite, Grow, Shrink, Replace };
+    enum class Event { Appear, AppearTempLost, Cancel, Rewrite, Grow, Shrink, Replace };
     struct Case
     {
         const char* name;
@@ -427,6 +392,11 @@ TEST(SafeTransfer, EventsDuringTheTransfer)
          Event::Appear, -43, "Cannot generate output filename", ""},
         {"appears, overwrite", false, TransferOverwrite | TransferVerify, false, copying,
          Event::Appear, 0, "", "clip.mxf"},
+        {"appears, temp lost, overwrite", false, TransferOverwrite, false, copying,
+         Event::AppearTempLost, -42,
+         "Cannot rename out {dir}/##-##-#### ######.tmp to {dir}/clip.mxf", ""},
+        {"appears, temp lost, unique", false, TransferUnique, false, copying, Event::AppearTempLost,
+         -44, "Cannot rename temp file {dir}/##-##-#### ######.tmp", ""},
         {"cancel in copy", false, 0, false, copying, Event::Cancel, 0, "", ""},
         {"cancel in copy before verify", false, TransferVerify, false, copying, Event::Cancel, 0,
          "", ""},
@@ -464,6 +434,11 @@ TEST(SafeTransfer, EventsDuringTheTransfer)
                 dest, src, c.flags, c.when,
                 [&] {
                     switch (c.event) {
+                    case Event::AppearTempLost:
+                        for (const std::string& name : tempFilesIn(dir.path())) {
+                            fs::remove(dir / name);
+                        }
+                        [[fallthrough]];
                     case Event::Appear:
                         writeFile(dest, "late arrival");
                         break;
@@ -505,7 +480,7 @@ TEST(SafeTransfer, EventsDuringTheTransfer)
             if (*c.copyIn != '\0') {
                 EXPECT_EQ(r.finalPath, (dir / c.copyIn).string());
                 EXPECT_EQ(readFile(r.finalPath), copied);
-            } else if (c.event == Event::Appear) {
+            } else if (c.event == Event::Appear || c.event == Event::AppearTempLost) {
                 EXPECT_EQ(readFile(dest), "late arrival");
             } else {
                 EXPECT_FALSE(fs::exists(dest));
@@ -538,20 +513,15 @@ std::vector<std::string> tempNamesFromNow(std::time_t& first)
 
 TEST(SafeTransfer, TempNamesTakenInTheSameSecond)
 {
-    struct Case
-    {
-        const char* name;
-        int taken; // "stamp.tmp", then "stamp (1).tmp" ... for each prepared second
-        std::int32_t code;
-    };
-    const Case cases[] = {
+    // Names taken: "stamp.tmp", then "stamp (1).tmp" ... for each prepared second.
+    const std::tuple<const char*, int, std::int32_t> cases[] = {
         // "stamp.tmp" stands for a first transfer's temp file; a non-empty folder under the
         // second transfer's probe name stops that one at its probe, which names its temp.
         {"second transfer in the same second", 1, -7},
         {"no free temp name", 1000, -5},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [label, taken, code] : cases) {
+        SCOPED_TRACE(label);
         bool inTime = false;
         for (int attempt = 0; attempt < 3 && !inTime; ++attempt) {
             TempDir dir;
@@ -560,7 +530,7 @@ TEST(SafeTransfer, TempNamesTakenInTheSameSecond)
             const std::vector<std::string> stamps = tempNamesFromNow(first);
             for (const std::string& stamp : stamps) {
                 writeFile(dir / (stamp + ".tmp"), "first transfer");
-                for (int n = 1; n < c.taken; ++n) {
+                for (int n = 1; n < taken; ++n) {
                     const fs::path name = dir / (stamp + " (" + std::to_string(n) + ").tmp");
                     ::close(::creat(name.c_str(), 0644));
                 }
@@ -573,17 +543,17 @@ TEST(SafeTransfer, TempNamesTakenInTheSameSecond)
             if (!inTime) {
                 continue; // the clock ran past the prepared names
             }
-            EXPECT_EQ(rc, c.code);
+            EXPECT_EQ(rc, code);
             bool named = false;
             for (const std::string& stamp : stamps) {
-                named |= record.error() == (c.code == -5 ? "Cannot generate output temp filename"
-                                                         : "Cannot rename temp file " +
-                                                               (dir / stamp).string() + " (1).tmp");
+                named |= record.error() == (code == -5 ? "Cannot generate output temp filename"
+                                                       : "Cannot rename temp file " +
+                                                             (dir / stamp).string() + " (1).tmp");
                 EXPECT_EQ(readFile(dir / (stamp + ".tmp")), "first transfer");
             }
             EXPECT_TRUE(named) << record.error();
             EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()),
-                      kPreparedSeconds * (c.taken + 1) + 1);
+                      kPreparedSeconds * (taken + 1) + 1);
         }
         EXPECT_TRUE(inTime) << "the clock outran every attempt";
     }
@@ -612,32 +582,33 @@ TEST(SafeTransfer, ReadOnlyDestinationFolder)
     EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
 }
 
-TEST(SafeTransfer, FullDiskStopsTheCopyAndRemovesTheTemp)
+// A file size limit makes the temp file full at a chosen byte, as a full disk would; the
+// other failures come from the fault seam.
+TEST(SafeTransfer, FailuresAfterTheTempIsMadeRemoveIt)
 {
-    // A file size limit makes the temp file full at a chosen byte, as a full disk would.
-    struct Case
-    {
-        rlim_t limit;
-        std::int32_t code;
-        const char* error;
-    };
-    const Case cases[] = {
+    const std::tuple<rlim_t, std::int32_t, const char*> cases[] = {
         {100'000, -51, "Error writing to output file"},   // the second block fits in part
         {2 * 65'536, -21, "Cannot write to output file"}, // the third block fits not at all
+        {0, -8, "Cannot rename temp file {dir}/##-##-#### ######.tmp-"},
+        {0, -9, "Cannot open output file {dir}/##-##-#### ######.tmp"},
+        {0, -30, "Memory alloc failed, exiting."},
+        {0, -31, "Cannot read output file"},
+        {0, -33, "Problem while verifying, exiting."},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.error);
+    for (const auto& [limit, code, error] : cases) {
+        SCOPED_TRACE(error);
         TempDir dir;
         const std::string bytes = makeBytes(200'000);
         writeFile(dir / "in.mxf", bytes);
         const ChildOutcome r =
             transferInChild(dir / "clip.mxf", dir / "in.mxf", TransferVerify, [&] {
-                const rlimit limit{c.limit, c.limit};
-                return ::signal(SIGXFSZ, SIG_IGN) != SIG_ERR &&
-                       ::setrlimit(RLIMIT_FSIZE, &limit) == 0;
+                g_safeTransferFault = limit == 0 ? code : 0;
+                const rlimit fileLimit{limit, limit};
+                return limit == 0 || (::signal(SIGXFSZ, SIG_IGN) != SIG_ERR &&
+                                      ::setrlimit(RLIMIT_FSIZE, &fileLimit) == 0);
             });
-        EXPECT_EQ(r.code, c.code);
-        EXPECT_EQ(r.error, c.error);
+        EXPECT_EQ(r.code, code);
+        EXPECT_TRUE(matchesPattern(r.error, error, dir.path())) << r.error;
         EXPECT_FALSE(fs::exists(dir / "clip.mxf"));
         EXPECT_TRUE(tempFilesIn(dir.path()).empty());
         EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
@@ -677,13 +648,7 @@ TEST(UniqueFileName, NumbersTakenNamesFromOneTo999)
     fs::create_symlink(d + "nowhere", d + "dangling.mxf");
     fs::create_directory(d + "folder.mxf");
 
-    struct Case
-    {
-        std::string in;
-        bool ok;
-        std::string out;
-    };
-    const Case cases[] = {
+    const std::tuple<std::string, bool, std::string> cases[] = {
         {"", false, ""},
         {d + "free.mxf", true, d + "free.mxf"},
         {d + "clip.mxf", true, d + "clip (1).mxf"},
@@ -695,11 +660,11 @@ TEST(UniqueFileName, NumbersTakenNamesFromOneTo999)
         {d + "dangling.mxf", true, d + "dangling (1).mxf"},
         {d + "folder.mxf", true, d + "folder (1).mxf"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.in);
-        std::string path = c.in;
-        EXPECT_EQ(UniqueFileName(path), c.ok);
-        EXPECT_EQ(path, c.out);
+    for (const auto& [in, ok, out] : cases) {
+        SCOPED_TRACE(in);
+        std::string path = in;
+        EXPECT_EQ(UniqueFileName(path), ok);
+        EXPECT_EQ(path, out);
     }
 
     // 999 is the last number tried; there is no 1000.

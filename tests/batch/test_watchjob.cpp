@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -171,15 +172,8 @@ void expectClipAt(const Watch& w, const fs::path& where, const fs::path& origina
 TEST(WatchJob, ThresholdAndMovesDecideWhereEachClipEnds)
 {
     enum Place { Src, Good, Bad };
-    struct Case
-    {
-        int threshold;
-        bool moveGood;
-        bool moveBad;
-        Place clean;
-        Place damaged;
-    };
-    const Case cases[] = {
+    // Threshold, move GOOD, move BAD, where the clean and the damaged clip end.
+    const std::tuple<int, bool, bool, Place, Place> cases[] = {
         {3, true, true, Good, Bad},
         {3, false, true, Src, Bad},
         {3, true, false, Good, Src},
@@ -194,25 +188,24 @@ TEST(WatchJob, ThresholdAndMovesDecideWhereEachClipEnds)
     const std::string cleanBytes = readFile(test::testClip(kClean));
     const std::string damagedBytes = readFile(test::testClip(kDamaged));
     for (std::size_t i = 0; i < std::size(cases); ++i) {
-        const Case& c = cases[i];
-        SCOPED_TRACE(testing::Message() << "threshold " << c.threshold << " move GOOD "
-                                        << c.moveGood << " move BAD " << c.moveBad);
+        const auto& [threshold, moveGood, moveBad, cleanEnd, damagedEnd] = cases[i];
+        SCOPED_TRACE(testing::Message() << "row " << i);
         Watch w;
         const fs::path clean = w.drop(cleanBytes, "clean.mxf", w.src);
         const fs::path damaged = w.drop(damagedBytes, "damaged.ts", w.src);
         // Folders with and without their trailing "/" in turn.
-        w.start(c.threshold, c.moveGood, c.moveBad, i % 2 == 0);
+        w.start(threshold, moveGood, moveBad, i % 2 == 0);
         w.pass(); // a second look logs and moves nothing more
 
         const auto folderOf = [&](Place p) {
             return p == Src ? w.src : p == Good ? w.good : w.bad;
         };
-        expectClipAt(w, folderOf(c.clean) / "clean.mxf", test::testClip(kClean), "5/5 OK");
-        expectClipAt(w, folderOf(c.damaged) / "damaged.ts", test::testClip(kDamaged),
+        expectClipAt(w, folderOf(cleanEnd) / "clean.mxf", test::testClip(kClean), "5/5 OK");
+        expectClipAt(w, folderOf(damagedEnd) / "damaged.ts", test::testClip(kDamaged),
                      "1/5 Very BAD");
         std::vector<std::string> expected = {"QC 5/5 OK " + clean.string(),
                                              "QC 1/5 Very BAD " + damaged.string()};
-        for (const auto& [path, place] : {std::pair{clean, c.clean}, {damaged, c.damaged}}) {
+        for (const auto& [path, place] : {std::pair{clean, cleanEnd}, {damaged, damagedEnd}}) {
             if (place != Src) {
                 expected.push_back("Moved " + path.string() + " -> " +
                                    (folderOf(place) / path.filename()).string());
@@ -252,15 +245,11 @@ TEST(WatchJob, SettingsOfSectionJob00)
                               "Bad.Move.Folder=/bad dir/\n");
     EXPECT_EQ(loadWatchJobSettings(path), set);
 
-    struct Case
-    {
-        const char* value;
-        int threshold;
-    };
-    for (const Case& c : {Case{"9", 9}, {"-1", -1}, {"text", -1}, {" 4 ", 4}, {"", 3}}) {
-        SCOPED_TRACE(c.value);
-        ASSERT_TRUE(writeProfileString(path, "Job00", "Good.QCTsh", c.value));
-        EXPECT_EQ(loadWatchJobSettings(path).goodThreshold, c.threshold);
+    for (const auto& [value, threshold] :
+         {std::pair{"9", 9}, {"-1", -1}, {"text", -1}, {" 4 ", 4}, {"", 3}}) {
+        SCOPED_TRACE(value);
+        ASSERT_TRUE(writeProfileString(path, "Job00", "Good.QCTsh", value));
+        EXPECT_EQ(loadWatchJobSettings(path).goodThreshold, threshold);
     }
 }
 

@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -44,49 +46,42 @@ int frameIssues(const QcResult& r)
 // video and audio, decoded (frame time stamps) and read only (packet time stamps).
 TEST(DecodePass, TimeStampJumpsAtTheSeverityBoundaries)
 {
-    struct Case
-    {
-        const char* label;
-        bool reported;
-        bool forward;
-        Sev severity;
-    };
-    const Case cases[] = {
-        {"under", false, true, Sev::Warning},       // +0.0099 s
-        {"warning", true, true, Sev::Warning},      // +0.01 s
-        {"low", true, true, Sev::Low},              // +0.25 s
-        {"high", true, true, Sev::High},            // +2 s
-        {"highest", true, true, Sev::Highest},      // +10 s
-        {"back_under", false, false, Sev::Warning}, // -0.0099 s
-        {"back_exact", false, false,
-         Sev::Warning}, // -0.01 s: a step back of exactly 0.01 s is fine
+    // Label, reported, forward, severity; a step back of exactly 0.01 s is fine.
+    const std::tuple<const char*, bool, bool, Sev> cases[] = {
+        {"under", false, true, Sev::Warning},        // +0.0099 s
+        {"warning", true, true, Sev::Warning},       // +0.01 s
+        {"low", true, true, Sev::Low},               // +0.25 s
+        {"high", true, true, Sev::High},             // +2 s
+        {"highest", true, true, Sev::Highest},       // +10 s
+        {"back_under", false, false, Sev::Warning},  // -0.0099 s
+        {"back_exact", false, false, Sev::Warning},  // -0.01 s
         {"back_warning", true, false, Sev::Warning}, // -0.0101 s
         {"back_low", true, false, Sev::Low},         // -0.5 s
     };
     for (const char* kind : {"video", "audio"}) {
-        for (const Case& c : cases) {
-            const std::string clip = std::string("jump_") + kind + "_" + c.label + ".ts";
+        for (const auto& [label, reported, forward, severity] : cases) {
+            const std::string clip = std::string("jump_") + kind + "_" + label + ".ts";
             SCOPED_TRACE(clip);
             const QcResult decoded = checkClip(clip, 3);
             const QcResult packets = checkClip(clip, 2);
             EXPECT_EQ(packetIssues(decoded), 0) << test::describe(decoded);
             EXPECT_EQ(frameIssues(packets), 0) << test::describe(packets);
             EXPECT_EQ(test::countText(packets, "Decoded"), 0) << test::describe(packets);
-            if (!c.reported) {
+            if (!reported) {
                 EXPECT_EQ(frameIssues(decoded), 0) << test::describe(decoded);
                 EXPECT_EQ(packetIssues(packets), 0) << test::describe(packets);
                 EXPECT_EQ(decoded.score(), 5) << test::describe(decoded);
                 continue;
             }
-            const ExpectedIssue frame{Cat::Frames, c.severity, 0,
-                                      c.forward ? "Gap in TC of" : "Wrong TC of"};
-            const ExpectedIssue packet{Cat::Frames, c.severity, 0,
-                                       c.forward ? "Gap in stream TC of" : "Wrong packet TC of"};
+            const ExpectedIssue frame{Cat::Frames, severity, 0,
+                                      forward ? "Gap in TC of" : "Wrong TC of"};
+            const ExpectedIssue packet{Cat::Frames, severity, 0,
+                                       forward ? "Gap in stream TC of" : "Wrong packet TC of"};
             EXPECT_EQ(test::countIssues(decoded, frame), 1) << test::describe(decoded);
             EXPECT_EQ(frameIssues(decoded), 1) << test::describe(decoded);
             EXPECT_EQ(test::countIssues(packets, packet), 1) << test::describe(packets);
             EXPECT_EQ(packetIssues(packets), 1) << test::describe(packets);
-            EXPECT_EQ(decoded.score(), 4 - static_cast<int>(c.severity)) << test::describe(decoded);
+            EXPECT_EQ(decoded.score(), 4 - static_cast<int>(severity)) << test::describe(decoded);
         }
     }
 }
@@ -131,13 +126,8 @@ TEST(DecodePass, CleanClipsScoreOk)
 
 TEST(DecodePass, DamagedClipsAndTheirScores)
 {
-    struct Case
-    {
-        const char* clip;
-        QcScore score;
-        std::vector<ExpectedIssue> issues; // each present exactly once
-    };
-    const Case cases[] = {
+    // Clip, score, issues each present exactly once.
+    const std::tuple<const char*, QcScore, std::vector<ExpectedIssue>> cases[] = {
         {"truncated.mxf",
          3,
          {{Cat::MediaTime, Sev::Low, 0, "Gap at end: last decoded is 1.96 sec before clip end"},
@@ -171,11 +161,11 @@ TEST(DecodePass, DamagedClipsAndTheirScores)
          {{Cat::Codec, Sev::Critical, 0, "...Could not open codec h264"},
           {Cat::MediaTime, Sev::Highest, 0, "Decoded data have no start timecode"}}},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.clip);
-        const QcResult r = checkClip(c.clip, 3);
-        EXPECT_EQ(r.score(), c.score) << test::describe(r);
-        for (const ExpectedIssue& e : c.issues) {
+    for (const auto& [clip, score, issues] : cases) {
+        SCOPED_TRACE(clip);
+        const QcResult r = checkClip(clip, 3);
+        EXPECT_EQ(r.score(), score) << test::describe(r);
+        for (const ExpectedIssue& e : issues) {
             EXPECT_EQ(test::countIssues(r, e), 1) << e.textStart << "\n" << test::describe(r);
         }
     }
@@ -197,16 +187,15 @@ TEST(DecodePass, StreamThatDecodesNothingGetsOnlyTheTwoMissingTimecodeIssues)
     EXPECT_EQ(r.facts.streams.at(0).decodedEnd, kNoTime);
 }
 
+// The row of truncated.mxf above proves the text; this, the stored fact.
 TEST(DecodePass, DurationIsCorrectedToTheLatestDecodedEnd)
 {
     const QcResult r = checkClip("truncated.mxf", 3);
-    EXPECT_EQ(r.facts.clipDuration, 4 * kTicksPerSecond);
     ClipTicks latest = 0;
     for (const StreamFacts& s : r.facts.streams) {
         latest = std::max(latest, s.decodedEnd - r.facts.clipStart);
     }
     EXPECT_EQ(r.facts.qcDuration, latest);
-    EXPECT_NEAR(static_cast<double>(r.facts.qcDuration), 2.08e7, 1e5);
 }
 
 TEST(DecodePass, LevelOneReadsNothingAndMakesNoKeys)
@@ -258,12 +247,8 @@ TEST(DecodePass, CancelBeforeTheFirstPacket)
 TEST(DecodePass, ClipChangedDuringTheCheckIsReported)
 {
     const std::string original = test::readFile(test::testClip("mpeg2_pcm.mxf"));
-    struct Case
-    {
-        const char* change;
-        void (*apply)(const std::filesystem::path& clip, const std::string& bytes);
-    };
-    const Case cases[] = {
+    using Change = void (*)(const std::filesystem::path& clip, const std::string& bytes);
+    const std::pair<const char*, Change> cases[] = {
         {"none", [](const std::filesystem::path&, const std::string&) {}},
         {"grown", [](const std::filesystem::path& clip,
                      const std::string& bytes) { test::writeFile(clip, bytes + "tail"); }},
@@ -282,8 +267,8 @@ TEST(DecodePass, ClipChangedDuringTheCheckIsReported)
              std::filesystem::rename(clip.string() + ".new", clip);
          }},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.change);
+    for (const auto& [change, apply] : cases) {
+        SCOPED_TRACE(change);
         const test::TempDir dir;
         const auto copy = dir / "clip.mxf";
         test::writeFile(copy, original);
@@ -291,11 +276,11 @@ TEST(DecodePass, ClipChangedDuringTheCheckIsReported)
                                                    std::chrono::hours(2));
         ClipChecker checker;
         ASSERT_TRUE(checker.Open(copy.string(), 2, -1));
-        c.apply(copy, original);
+        apply(copy, original);
         EXPECT_EQ(checker.Run(nullptr), 1);
         checker.Close();
         const QcResult r = checker.result();
-        const bool changed = std::string_view(c.change) != "none";
+        const bool changed = std::string_view(change) != "none";
         EXPECT_EQ(
             test::countIssues(r, {Cat::File, Sev::High, -1, "File changed while being checked"}),
             changed ? 1 : 0)

@@ -5,6 +5,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -93,21 +94,16 @@ const std::string kMillionA(1'000'000, 'a');
 
 TEST_P(Sha256PathTest, StandardExamples)
 {
-    struct Case
-    {
-        const std::string* message;
-        const char* digest;
-    };
-    const Case cases[] = {
+    const std::pair<const std::string*, const char*> cases[] = {
         {&kAbc, "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD"},
         {&k448Bits, "248D6A61D20638B8E5C026930C3E6039A33CE45964FF2167F6ECEDD419DB06C1"},
         {&k896Bits, "CF5B16A778AF8380036CE59E7B0492370B249B11E8F07A51AFAC45037AFEE9D1"},
         {&kMillionA, "CDC76E5C9914FB9281A1C7E284D73E67F1809A48A497200E046D39CCC7112CD0"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.message->substr(0, 16));
-        EXPECT_EQ(digestHex(256, *c.message), c.digest);
-        EXPECT_EQ(digestHex(32, *c.message), c.digest);
+    for (const auto& [message, digest] : cases) {
+        SCOPED_TRACE(message->substr(0, 16));
+        EXPECT_EQ(digestHex(256, *message), digest);
+        EXPECT_EQ(digestHex(32, *message), digest);
     }
     EXPECT_EQ(digestHex(256, ""),
               "E3B0C44298FC1C149AFBF4C8996FB92427AE41E4649B934CA495991B7852B855");
@@ -163,13 +159,7 @@ TEST(Sha2, BothSha256PathsAgreeOnRandomMessagesAndSplits)
 
 TEST(Sha2, Sha384And512StandardExamples)
 {
-    struct Case
-    {
-        std::uint32_t size;
-        const std::string* message;
-        const char* digest;
-    };
-    const Case cases[] = {
+    const std::tuple<std::uint32_t, const std::string*, const char*> cases[] = {
         {384, &kAbc,
          "CB00753F45A35E8BB5A03D699AC65007272C32AB0EDED1631A8B605A43FF5BED8086072BA1E7CC2358BAECA1"
          "34C825A7"},
@@ -195,10 +185,10 @@ TEST(Sha2, Sha384And512StandardExamples)
          "E718483D0CE769644E2E42C7BC15B4638E1F98B13B2044285632A803AFA973EBDE0FF244877EA60A4CB0432C"
          "E577C31BEB009C5C2C49AA2E4EADB217AD8CC09B"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::to_string(c.size) + " " + c.message->substr(0, 16));
-        EXPECT_EQ(digestHex(c.size, *c.message), c.digest);
-        EXPECT_EQ(digestHex(c.size / 8, *c.message), c.digest);
+    for (const auto& [size, message, digest] : cases) {
+        SCOPED_TRACE(std::to_string(size) + " " + message->substr(0, 16));
+        EXPECT_EQ(digestHex(size, *message), digest);
+        EXPECT_EQ(digestHex(size / 8, *message), digest);
     }
 }
 
@@ -217,27 +207,22 @@ TEST(Sha2, OneDigestCallEqualsInitUpdateFinal)
 
 TEST(Sha2, InitAcceptsOnlyTheThreeSizesInBitsOrBytes)
 {
-    struct Case
-    {
-        std::uint32_t size;
-        int result;
-        std::uint32_t digestSize;
-    };
-    const Case cases[] = {
+    // Size asked for, result of Init, digest size.
+    const std::tuple<std::uint32_t, int, std::uint32_t> cases[] = {
         {256, 0, 32}, {32, 0, 32}, {384, 0, 48}, {48, 0, 48},  {512, 0, 64},
         {64, 0, 64},  {224, 1, 0}, {28, 1, 0},   {0, 1, 0},    {1, 1, 0},
         {128, 1, 0},  {160, 1, 0}, {257, 1, 0},  {1024, 1, 0}, {0xFFFFFFFFu, 1, 0},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.size);
+    for (const auto& [size, result, digestSize] : cases) {
+        SCOPED_TRACE(size);
         Sha2Context context;
         ASSERT_EQ(Sha2Init(256, context), 0); // a refused Init must not leave this variant
-        EXPECT_EQ(Sha2Init(c.size, context), c.result);
-        EXPECT_EQ(context.digestSize, c.digestSize);
+        EXPECT_EQ(Sha2Init(size, context), result);
+        EXPECT_EQ(context.digestSize, digestSize);
         std::uint8_t digest[kSha2MaxBytes];
         std::memset(digest, 0xA5, sizeof digest);
-        EXPECT_EQ(Sha2Digest(c.size, kAbc.data(), kAbc.size(), digest), c.result);
-        if (c.result != 0) {
+        EXPECT_EQ(Sha2Digest(size, kAbc.data(), kAbc.size(), digest), result);
+        if (result != 0) {
             for (std::uint8_t b : digest) {
                 ASSERT_EQ(b, 0xA5) << "a refused size wrote a digest";
             }
