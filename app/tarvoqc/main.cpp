@@ -110,7 +110,8 @@ int main(int argc, char** argv)
     windowOptions.level = checkSettings.level;
     windowOptions.check = checkSettings.options;
     MainWindow window(windowOptions);
-    onStopSignal(&window, [&window] { window.close(); });
+    // done() ends the modal run whether the window is shown or hidden.
+    onStopSignal(&window, [&window] { window.done(QDialog::Rejected); });
 
     bool lastWasJob = false;
     std::string jobOutput;

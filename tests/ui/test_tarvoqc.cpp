@@ -79,6 +79,7 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
     test::writeFile(jobs / "empty.qcin", job({}));
     test::writeFile(jobs / "broken.qcin", "<Tarvo_QC><Clip File=\"" + ok.string() + "\"/>");
     test::writeFile(jobs / "hidden.qcin", job({ok}, true));
+    test::writeFile(jobs / "hidden-empty.qcin", job({}, true));
     test::writeFile(jobs / "x.qcin.bak", job({ok}));
     test::writeFile(jobs / ".qci", job({ok}));
 
@@ -106,8 +107,9 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
         {{in("broken.qcin")}, false, "broken.qcout", "", false},
         // clips, not jobs
         {{in("x.qcin.bak"), in(".qci")}, true, nullptr, "", false},
-        // Hide without a display
+        // Hide without a display; hidden and waiting, a close request still ends it
         {{in("hidden.qcin")}, true, "hidden.qcout", hidden, true},
+        {{in("hidden-empty.qcin")}, false, "hidden-empty.qcout", "", true},
     };
     for (const auto& [args, endsByItself, document, summary, unsetPlatform] : rows) {
         SCOPED_TRACE(testing::PrintToString(args));
