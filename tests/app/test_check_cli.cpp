@@ -17,6 +17,8 @@
 namespace tarvoqc {
 namespace {
 
+namespace fs = std::filesystem;
+
 test::CommandResult check(std::vector<std::string> args)
 {
     args.insert(args.begin(), TARVOQC_CHECK_EXE);
@@ -40,8 +42,9 @@ std::vector<nlohmann::json> jsonLines(const std::string& out)
 
 TEST(CheckCli, ScoresIssuesAndExitStatus)
 {
+    const std::string mxf = clip("mpeg2_pcm.mxf"), text = clip("text.mov"), wav = clip("pcm.wav");
     const std::tuple<std::vector<std::string>, int, std::vector<std::string>> cases[] = {
-        {{"--level", "1", clip("mpeg2_pcm.mxf")}, 0, {"5/5 OK", "mpeg2_pcm.mxf"}},
+        {{"--level", "1", mxf}, 0, {"5/5 OK", "mpeg2_pcm.mxf"}},
         // Level 4 with its limits from the command line.
         {{"-l4", "--loudness-target", "-8", "--true-peak-limit=-10", clip("l4_loud.mov")},
          0,
@@ -50,15 +53,13 @@ TEST(CheckCli, ScoresIssuesAndExitStatus)
         {{"-l1", clip("nothere.mov")},
          1,
          {"0/5 ERROR", "File:[Critical] Couldn't get file attributes"}},
-        {{"-l", "1", clip("text.mov")}, 1, {"0/5 ERROR", "File:[Critical] Couldn't open file"}},
+        {{"-l", "1", text}, 1, {"0/5 ERROR", "File:[Critical] Couldn't open file"}},
         // pcm.wav scores 1 ("Couldn't estimate clip start timecode"): the threshold decides.
-        {{"-l1", "-t1", clip("pcm.wav")}, 0, {"1/5 Very BAD"}},
-        {{"-l1", "--threshold=2", clip("pcm.wav")}, 1, {"1/5 Very BAD"}},
-        {{"-l1", "-t", "5", clip("mpeg2_pcm.mxf")}, 0, {"5/5 OK"}},
-        {{"-l1", "-t0", clip("text.mov")}, 0, {"0/5 ERROR"}},
-        {{"-l1", clip("mpeg2_pcm.mxf"), clip("text.mov")},
-         1,
-         {"5/5 OK", "0/5 ERROR", "2 clips checked"}},
+        {{"-l1", "-t1", wav}, 0, {"1/5 Very BAD"}},
+        {{"-l1", "--threshold=2", wav}, 1, {"1/5 Very BAD"}},
+        {{"-l1", "-t", "5", mxf}, 0, {"5/5 OK"}},
+        {{"-l1", "-t0", text}, 0, {"0/5 ERROR"}},
+        {{"-l1", mxf, text}, 1, {"5/5 OK", "0/5 ERROR", "2 clips checked"}},
     };
     for (const auto& [args, status, outHas] : cases) {
         SCOPED_TRACE(args.back());
@@ -83,8 +84,7 @@ TEST(CheckCli, UsageErrorsExitWithTwoAndSayWhy)
         {{"-t"}, "needs a value"},
         {{"--bogus", "x.mxf"}, "unknown option"},
         {{"--quiet=1", "x.mxf"}, "takes no value"},
-        {{"-o", "", "x.mxf"}, "--output"},
-    };
+        {{"-o", "", "x.mxf"}, "--output"}};
     for (const auto& [args, errHas] : cases) {
         SCOPED_TRACE(errHas);
         const test::CommandResult r = check(args);
@@ -157,12 +157,6 @@ TEST(CheckCli, JsonLinesDescribeEachClip)
     // The summary stays off standard output.
     EXPECT_NE(r.err.find("3 clips checked"), std::string::npos);
 }
-
-} // namespace
-} // namespace tarvoqc
-
-namespace tarvoqc {
-namespace {
 
 // Reads a result document with Python's XML parser (after taking off the terminating zero
 // character) and computes the keys of each clip independently with hashlib: SHA-256 of
@@ -260,21 +254,13 @@ TEST(CheckCliDocument, JobFilesListTheirClipsOnceAndWriteTheirResultBesideThem)
 {
     const test::TempDir dir;
     const auto job = dir / "night run.QCIN";
-    test::writeFile(job, "<Tarvo_QC Hide=\"1\">\n"
-                         "  <Clip File=\"" +
-                             clip("mpeg2_pcm.mxf") +
-                             "\"/>\n"
-                             "  <CLIP File=\"" +
-                             clip("text.mov") +
-                             "\"/>\n"
-                             "  <Clip File=\"" +
-                             clip("mpeg2_pcm.mxf") +
-                             "\"/>\n"
-                             "  <Clip File=\"\"/>\n"
-                             "  <Other File=\"" +
-                             clip("h264_aac.mp4") +
-                             "\"/>\n"
-                             "</Tarvo_QC>\n");
+    const auto entry = [](const std::string& tag, const std::string& path) {
+        return "  <" + tag + " File=\"" + path + "\"/>\n";
+    };
+    test::writeFile(job, "<Tarvo_QC Hide=\"1\">\n" + entry("Clip", clip("mpeg2_pcm.mxf")) +
+                             entry("CLIP", clip("text.mov")) +
+                             entry("Clip", clip("mpeg2_pcm.mxf")) + entry("Clip", "") +
+                             entry("Other", clip("h264_aac.mp4")) + "</Tarvo_QC>\n");
     const test::CommandResult r = check({"-l1", job.string()});
     EXPECT_EQ(r.status, 1) << r.err;
     EXPECT_NE(r.out.find("2 clips checked"), std::string::npos) << r.out;
@@ -317,14 +303,6 @@ TEST(CheckCliDocument, AnUnwritableResultDocumentIsAnError)
     EXPECT_NE(r.err.find("cannot write the result document"), std::string::npos) << r.err;
 }
 
-} // namespace
-} // namespace tarvoqc
-
-namespace tarvoqc {
-namespace {
-
-namespace fs = std::filesystem;
-
 // What an attacker or a careless user may hand the checker. Each row ends with its exit
 // status and says why; none may hang, crash or change a file that was there before.
 TEST(CheckCliHostile, NoCrashNoHangNoLostFile)
@@ -356,6 +334,7 @@ TEST(CheckCliHostile, NoCrashNoHangNoLostFile)
     }
 
     // Name, arguments, exit status, a text of the output (of standard error for status 2).
+    const std::string v = at("victim.mxf"), jq = at("job.qcin"), fifo = at("fifo.ts");
     using Row = std::tuple<const char*, std::vector<std::string>, int, std::string>;
     const Row cases[] = {
         {"non-UTF-8 name, JSON",
@@ -366,28 +345,16 @@ TEST(CheckCliHostile, NoCrashNoHangNoLostFile)
          {"--json", "-l1", dir.path().string()},
          1,
          "bad\xEF\xBF\xBD"},
-        {"FIFO", {"-l3", at("fifo.ts")}, 1, "Couldn't open file"},
+        {"FIFO", {"-l3", fifo}, 1, "Couldn't open file"},
         {"device", {"-l2", "/dev/zero"}, 1, "Couldn't open file"},
         {"folder and FIFO in a job", {"-l3", at("odd.qcin")}, 1, "Couldn't open file"},
         {"newline in a name", {"-l1", at("new\nline.mxf")}, 0, "new\\nline.mxf\n"},
-        {"-o onto its input",
-         {"-l1", "-o", at("victim.mxf"), at("victim.mxf")},
-         2,
-         "one of the inputs"},
-        {"-o onto a link to an input",
-         {"-l1", "-o", at("link.mxf"), at("victim.mxf")},
-         2,
-         "one of the inputs"},
-        {"-o onto the job", {"-o", at("job.qcin"), at("job.qcin")}, 2, "one of the inputs"},
-        {"-o onto a clip of the job",
-         {"-o", at("victim.mxf"), at("job.qcin")},
-         2,
-         "one of the clips"},
-        {"-o onto another file",
-         {"-l1", "-o", at("notes.txt"), at("victim.mxf")},
-         2,
-         "not a result document"},
-        {"-o onto a FIFO", {"-l1", "-o", at("fifo.ts"), at("victim.mxf")}, 2, "not a regular file"},
+        {"-o onto its input", {"-l1", "-o", v, v}, 2, "one of the inputs"},
+        {"-o onto a link to an input", {"-l1", "-o", at("link.mxf"), v}, 2, "one of the inputs"},
+        {"-o onto the job", {"-o", jq, jq}, 2, "one of the inputs"},
+        {"-o onto a clip of the job", {"-o", v, jq}, 2, "one of the clips"},
+        {"-o onto another file", {"-l1", "-o", at("notes.txt"), v}, 2, "not a result document"},
+        {"-o onto a FIFO", {"-l1", "-o", fifo, v}, 2, "not a regular file"},
         {"broken job beside an earlier document",
          {"-l1", at("broken.qcin")},
          2,

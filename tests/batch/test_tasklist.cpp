@@ -42,23 +42,21 @@ TEST(IsMediaFileName, MatchesTheClipExtensionsWithoutRegardToCase)
     {
         std::string name;
         int type;
-    } cases[] = {
-        {"a.ts", 1},         {"/x/y.AVI", 2},
-        {"z.Mpg", 3},        {"a.m2p", 4},
-        {"a.M2T", 5},        {"a.m2v", 6},
-        {"a.mov", 7},        {"a.mkv", 8},
-        {"clip.MXF", 9},     {".mp4", 10},
-        {"a.m4v", 11},       {"a.flv", 12},
-        {"a.f4v", 13},       {"a.swf", 14},
-        {"a.WMV", 15},       {"a.wav", 16},
-        {"a.mp3", 17},       {"a.mpeg", 18},
-        {"a.M2TS", 19},      {".ts", 0},
-        {"ts", 0},           {"", 0},
-        {"a.ts.bak", 0},     {"clip.txt", 0},
-        {"a.mpeg4", 0},      {"a_ts", 0},
-        {"dir.mxf/", 0},     {"\xC3\xA9.ts", 1},
-        {"a.m\xC3\xA4v", 0}, {"a.\xC4\xB1ts", 0},
-    };
+    } cases[] = {{"a.ts", 1},         {"/x/y.AVI", 2},
+                 {"z.Mpg", 3},        {"a.m2p", 4},
+                 {"a.M2T", 5},        {"a.m2v", 6},
+                 {"a.mov", 7},        {"a.mkv", 8},
+                 {"clip.MXF", 9},     {".mp4", 10},
+                 {"a.m4v", 11},       {"a.flv", 12},
+                 {"a.f4v", 13},       {"a.swf", 14},
+                 {"a.WMV", 15},       {"a.wav", 16},
+                 {"a.mp3", 17},       {"a.mpeg", 18},
+                 {"a.M2TS", 19},      {".ts", 0},
+                 {"ts", 0},           {"", 0},
+                 {"a.ts.bak", 0},     {"clip.txt", 0},
+                 {"a.mpeg4", 0},      {"a_ts", 0},
+                 {"dir.mxf/", 0},     {"\xC3\xA9.ts", 1},
+                 {"a.m\xC3\xA4v", 0}, {"a.\xC4\xB1ts", 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         EXPECT_EQ(IsMediaFileName(c.name), c.type);
@@ -157,13 +155,11 @@ TEST(TaskList, AddFilesInsertsOneBlockAtTheClampedPosition)
         std::int64_t position;
         std::size_t row;
         Paths expected;
-    } cases[] = {
-        {-5, 0, {"/n/1.ts", "/n/2.ts", "/l/a.ts", "/l/b.ts"}},
-        {0, 0, {"/n/1.ts", "/n/2.ts", "/l/a.ts", "/l/b.ts"}},
-        {1, 1, {"/l/a.ts", "/n/1.ts", "/n/2.ts", "/l/b.ts"}},
-        {2, 2, {"/l/a.ts", "/l/b.ts", "/n/1.ts", "/n/2.ts"}},
-        {999, 2, {"/l/a.ts", "/l/b.ts", "/n/1.ts", "/n/2.ts"}},
-    };
+    } cases[] = {{-5, 0, {"/n/1.ts", "/n/2.ts", "/l/a.ts", "/l/b.ts"}},
+                 {0, 0, {"/n/1.ts", "/n/2.ts", "/l/a.ts", "/l/b.ts"}},
+                 {1, 1, {"/l/a.ts", "/n/1.ts", "/n/2.ts", "/l/b.ts"}},
+                 {2, 2, {"/l/a.ts", "/l/b.ts", "/n/1.ts", "/n/2.ts"}},
+                 {999, 2, {"/l/a.ts", "/l/b.ts", "/n/1.ts", "/n/2.ts"}}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.position);
         TaskList list;
@@ -393,14 +389,12 @@ TEST(TaskList, DropDecisions)
     {
         Paths paths;
         bool accept;
-    } cases[] = {
-        {{}, false},
-        {{r + "/b.TXT", r + "/sub/notes.txt"}, false},
-        {{r + "/b.TXT", r + "/empty"}, true},
-        {{"/nowhere/x.MXF"}, true},
-        {{"/nowhere/folder"}, false},
-        {{r + "/dir.mxf"}, true},
-    };
+    } cases[] = {{{}, false},
+                 {{r + "/b.TXT", r + "/sub/notes.txt"}, false},
+                 {{r + "/b.TXT", r + "/empty"}, true},
+                 {{"/nowhere/x.MXF"}, true},
+                 {{"/nowhere/folder"}, false},
+                 {{r + "/dir.mxf"}, true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.paths.empty() ? "none" : c.paths.front());
         EXPECT_EQ(TaskList::CanAccept(c.paths), c.accept);

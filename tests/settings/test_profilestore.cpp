@@ -36,19 +36,17 @@ std::string iniIn(const TempDir& dir)
 TEST(ProfileStore, ValuesComeBackAsWritten)
 {
     TempDir dir;
-    const std::string values[] = {
-        "plain",
-        "Müller/日本語/😀",
-        "a=b=c",
-        "x;y ; z",
-        "  spaced both ends  ",
-        "\"quoted\"",
-        "\"",
-        "tab\tinside",
-        "C:\\Clips\\",
-        "-1, 100, 80, 640, 480 G:1",
-        std::string(3000, 'v'),
-    };
+    const std::string values[] = {"plain",
+                                  "Müller/日本語/😀",
+                                  "a=b=c",
+                                  "x;y ; z",
+                                  "  spaced both ends  ",
+                                  "\"quoted\"",
+                                  "\"",
+                                  "tab\tinside",
+                                  "C:\\Clips\\",
+                                  "-1, 100, 80, 640, 480 G:1",
+                                  std::string(3000, 'v')};
     {
         ProfileStore store(iniIn(dir));
         for (std::size_t i = 0; i < std::size(values); ++i) {
