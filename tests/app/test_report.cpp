@@ -4,6 +4,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -266,22 +267,18 @@ TEST_F(ReportTest, HtmlPageSortsFiltersAndColoursScoresInChromium)
     const std::vector<std::pair<std::string, std::string>> colours = {
         {"#400000", "#C0C0C0"}, {"#800000", "#C0C0C0"}, {"#A00000", "#C0C0C0"},
         {"#E00000", "#000000"}, {"#FF0000", "#000000"}, {"#00FF00", "#000000"}};
-    struct Case
-    {
-        std::string fragment;
-        int direction; // 1 ascending scores, -1 descending, 0 unsorted
-        std::vector<int> scores;
-    };
-    const Case cases[] = {{"#sort=score", 1, {0, 1, 2, 3, 4, 5}},
-                          {"#sort=-score", -1, {0, 1, 2, 3, 4, 5}},
-                          {"#score=0,5", 0, {0, 5}}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.fragment);
+    // fragment, direction (1 ascending scores, -1 descending, 0 unsorted), scores
+    const std::tuple<std::string, int, std::vector<int>> cases[] = {
+        {"#sort=score", 1, {0, 1, 2, 3, 4, 5}},
+        {"#sort=-score", -1, {0, 1, 2, 3, 4, 5}},
+        {"#score=0,5", 0, {0, 5}}};
+    for (const auto& [fragment, direction, scores] : cases) {
+        SCOPED_TRACE(fragment);
         std::string dom;
-        const auto rows = renderedRows(page, c.fragment, dir / "profile", dom);
+        const auto rows = renderedRows(page, fragment, dir / "profile", dom);
         std::vector<std::string> expected;
         for (const nlohmann::json& line : lines) {
-            if (std::count(c.scores.begin(), c.scores.end(), line["score"].get<int>()) != 0) {
+            if (std::count(scores.begin(), scores.end(), line["score"].get<int>()) != 0) {
                 // As a serialised DOM writes a text.
                 std::string path;
                 for (const char ch : line["path"].get<std::string>()) {
@@ -294,22 +291,22 @@ TEST_F(ReportTest, HtmlPageSortsFiltersAndColoursScoresInChromium)
             }
         }
         std::vector<std::string> shown;
-        std::set<int> scores;
+        std::set<int> shownScores;
         for (const DomRow& row : rows) {
             shown.push_back(row.path);
-            scores.insert(row.score);
+            shownScores.insert(row.score);
             EXPECT_EQ(row.background, colours[row.score].first) << row.path;
             EXPECT_EQ(row.text, colours[row.score].second) << row.path;
             EXPECT_EQ(row.result.substr(0, 2), std::to_string(row.score) + "/");
         }
-        for (std::size_t i = 1; c.direction != 0 && i < rows.size(); ++i) {
-            EXPECT_LE(c.direction * rows[i - 1].score, c.direction * rows[i].score);
+        for (std::size_t i = 1; direction != 0 && i < rows.size(); ++i) {
+            EXPECT_LE(direction * rows[i - 1].score, direction * rows[i].score);
         }
-        EXPECT_EQ(scores, std::set<int>(c.scores.begin(), c.scores.end()));
+        EXPECT_EQ(shownScores, std::set<int>(scores.begin(), scores.end()));
         std::sort(shown.begin(), shown.end());
         std::sort(expected.begin(), expected.end());
         EXPECT_EQ(shown, expected);
-        if (c.direction != 0) {
+        if (direction != 0) {
             EXPECT_NE(dom.find("Frames:[High] Stream 0 (Video) Gap in TC of 2.00 at 4.00"),
                       std::string::npos)
                 << "each clip's issues are shown under it";

@@ -174,55 +174,49 @@ void fillNumberedNames(const fs::path& folder)
 
 TEST(SafeTransfer, CopiesEverySizeWithAndWithoutVerify)
 {
-    struct Case
-    {
-        std::size_t size;
-        std::uint32_t flags;
-        bool withRecord;
-        bool move;
-        fs::perms mode;
-    };
     const auto rw = fs::perms::owner_read | fs::perms::owner_write;
     const auto shared = rw | fs::perms::group_read | fs::perms::others_read;
-    const Case cases[] = {{0, 0, true, false, shared},
-                          {0, TransferVerify, true, false, rw},
-                          {1, TransferVerify, true, true, rw},
-                          {65'535, 0, true, false, shared},
-                          {65'536, TransferVerify, true, false, shared},
-                          {65'537, 0, false, false, fs::perms::owner_read},
-                          {200'003, 0, true, false, rw},
-                          {200'003, TransferVerify, false, true, shared},
-                          {1 << 20, TransferVerify, true, false, rw | fs::perms::group_write}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << "size " << c.size << " flags " << c.flags << " move "
-                                        << c.move << " mode " << static_cast<int>(c.mode));
+    // size, flags, withRecord, move, mode
+    const std::tuple<std::size_t, std::uint32_t, bool, bool, fs::perms> cases[] = {
+        {0, 0, true, false, shared},
+        {0, TransferVerify, true, false, rw},
+        {1, TransferVerify, true, true, rw},
+        {65'535, 0, true, false, shared},
+        {65'536, TransferVerify, true, false, shared},
+        {65'537, 0, false, false, fs::perms::owner_read},
+        {200'003, 0, true, false, rw},
+        {200'003, TransferVerify, false, true, shared},
+        {1 << 20, TransferVerify, true, false, rw | fs::perms::group_write}};
+    for (const auto& [size, flags, withRecord, move, mode] : cases) {
+        SCOPED_TRACE(testing::Message() << "size " << size << " flags " << flags << " move " << move
+                                        << " mode " << static_cast<int>(mode));
         TempDir dir;
-        const std::string bytes = makeBytes(c.size, static_cast<std::uint32_t>(c.size));
+        const std::string bytes = makeBytes(size, static_cast<std::uint32_t>(size));
         writeFile(dir / "in.mxf", bytes);
-        fs::permissions(dir / "in.mxf", c.mode);
+        fs::permissions(dir / "in.mxf", mode);
         fs::create_directory(dir / "out");
         const fs::path dest = dir / "out" / "clip.mxf";
 
         TransferProgress record;
         std::string finalPath;
         const std::int32_t rc =
-            (c.move ? SafeMove : SafeTransfer)(dest.string(), (dir / "in.mxf").string(), c.flags,
-                                               c.withRecord ? &record : nullptr, &finalPath);
+            (move ? SafeMove : SafeTransfer)(dest.string(), (dir / "in.mxf").string(), flags,
+                                             withRecord ? &record : nullptr, &finalPath);
         EXPECT_EQ(rc, 0) << record.error();
         EXPECT_EQ(finalPath, dest.string());
         EXPECT_EQ(readFile(dest), bytes);
-        EXPECT_EQ(fs::status(dest).permissions(), c.mode) << "the copy keeps the source's mode";
-        EXPECT_EQ(fs::exists(dir / "in.mxf"), !c.move);
-        if (!c.move) {
+        EXPECT_EQ(fs::status(dest).permissions(), mode) << "the copy keeps the source's mode";
+        EXPECT_EQ(fs::exists(dir / "in.mxf"), !move);
+        if (!move) {
             EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
         }
         EXPECT_TRUE(tempFilesIn(dir / "out").empty());
-        if (c.withRecord) {
-            EXPECT_EQ(record.status(), (c.flags & TransferVerify) != 0 || c.move
+        if (withRecord) {
+            EXPECT_EQ(record.status(), (flags & TransferVerify) != 0 || move
                                            ? std::string("Verifying")
                                            : "Open input " + (dir / "in.mxf").string());
             EXPECT_EQ(record.error(), "");
-            EXPECT_DOUBLE_EQ(record.ratio(), c.size == 0 ? 0.0 : 1.0);
+            EXPECT_DOUBLE_EQ(record.ratio(), size == 0 ? 0.0 : 1.0);
         }
     }
 }
@@ -287,27 +281,23 @@ TEST(SafeTransfer, RefusesASourceThatIsStillBeingWritten)
 
 TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
 {
-    struct Case
-    {
-        std::uint32_t flags;
-        bool allNumbersTaken; // "clip (1).mxf" to "clip (999).mxf" are there too
-        std::int32_t code;
-        const char* landsIn; // file holding the copy afterwards, or error text
-    };
-    const Case cases[] = {{0, false, -4, "Cannot copy, output exists"},
-                          {TransferVerify, false, -4, "Cannot copy, output exists"},
-                          {TransferUnique, true, -3, "Cannot generate output filename"},
-                          {TransferUnique | TransferVerify, false, 0, "clip (1).mxf"},
-                          {TransferOverwrite, false, 0, "clip.mxf"},
-                          {TransferOverwrite | TransferUnique, true, 0, "clip.mxf"}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << "flags " << c.flags);
+    // flags, allNumbersTaken ("clip (1).mxf" to "clip (999).mxf" are there too), code, landsIn
+    // (file holding the copy afterwards, or error text)
+    const std::tuple<std::uint32_t, bool, std::int32_t, const char*> cases[] = {
+        {0, false, -4, "Cannot copy, output exists"},
+        {TransferVerify, false, -4, "Cannot copy, output exists"},
+        {TransferUnique, true, -3, "Cannot generate output filename"},
+        {TransferUnique | TransferVerify, false, 0, "clip (1).mxf"},
+        {TransferOverwrite, false, 0, "clip.mxf"},
+        {TransferOverwrite | TransferUnique, true, 0, "clip.mxf"}};
+    for (const auto& [flags, allNumbersTaken, code, landsIn] : cases) {
+        SCOPED_TRACE(testing::Message() << "flags " << flags);
         TempDir dir;
-        const std::string bytes = makeBytes(150'000, c.flags);
+        const std::string bytes = makeBytes(150'000, flags);
         writeFile(dir / "in.mxf", bytes);
         fs::create_directory(dir / "out");
         writeFile(dir / "out" / "clip.mxf", "older clip");
-        if (c.allNumbersTaken) {
+        if (allNumbersTaken) {
             fillNumberedNames(dir / "out");
         }
         const fs::path dest = dir / "out" / "clip.mxf";
@@ -315,25 +305,25 @@ TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
         TransferProgress record;
         std::string finalPath;
         EXPECT_EQ(
-            SafeTransfer(dest.string(), (dir / "in.mxf").string(), c.flags, &record, &finalPath),
-            c.code);
+            SafeTransfer(dest.string(), (dir / "in.mxf").string(), flags, &record, &finalPath),
+            code);
         EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
         EXPECT_TRUE(tempFilesIn(dir / "out").empty());
-        if (c.code != 0) {
-            EXPECT_EQ(record.error(), c.landsIn);
+        if (code != 0) {
+            EXPECT_EQ(record.error(), landsIn);
             EXPECT_EQ(record.status(), "Output exists " + dest.string());
             EXPECT_EQ(readFile(dest), "older clip");
             continue;
         }
-        EXPECT_EQ(finalPath, (dir / "out" / c.landsIn).string());
+        EXPECT_EQ(finalPath, (dir / "out" / landsIn).string());
         EXPECT_EQ(readFile(finalPath), bytes);
-        if ((c.flags & TransferOverwrite) != 0) {
+        if ((flags & TransferOverwrite) != 0) {
             EXPECT_EQ(record.status(), "Overwriting dest " + dest.string());
         } else {
             EXPECT_EQ(readFile(dest), "older clip");
         }
         EXPECT_EQ(std::distance(fs::directory_iterator(dir / "out"), fs::directory_iterator()),
-                  ((c.flags & TransferOverwrite) != 0 ? 1 : 2) + (c.allNumbersTaken ? 999 : 0));
+                  ((flags & TransferOverwrite) != 0 ? 1 : 2) + (allNumbersTaken ? 999 : 0));
     }
 }
 

@@ -1,4 +1,5 @@
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -47,13 +48,8 @@ TEST(ContentChecks, PictureAndSoundFaultsOfLevel4)
 {
     const ClipCheckOptions defaults;
     const ClipCheckOptions loudTarget{-8.0, 1.0, -10.0, 0};
-    struct Case
-    {
-        const char* clip;
-        ClipCheckOptions options;
-        std::vector<ExpectedIssue> issues;
-    };
-    const Case cases[] = {
+    // clip, options, issues
+    const std::tuple<const char*, ClipCheckOptions, std::vector<ExpectedIssue>> cases[] = {
         {"l4_black_middle.mov",
          defaults,
          {{Cat::Video, Sev::High, 0, "Black picture for 2.00 sec from 1.00"}}},
@@ -94,15 +90,15 @@ TEST(ContentChecks, PictureAndSoundFaultsOfLevel4)
           {Cat::Audio, Sev::Low, 0, "True peak 0.3 dBTP over the limit of -1.0 dBTP"}}},
         {"l4_clean_fades.mp4", defaults, {}},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.clip);
-        const Findings level4 = check(c.clip, 4, c.options);
-        const Findings level3 = check(c.clip, 3, c.options);
-        ASSERT_EQ(level4.content.size(), c.issues.size()) << test::describe(level4.result);
-        for (std::size_t i = 0; i < c.issues.size(); ++i) {
-            EXPECT_TRUE(test::matches(*level4.content[i], c.issues[i]))
+    for (const auto& [clip, options, issues] : cases) {
+        SCOPED_TRACE(clip);
+        const Findings level4 = check(clip, 4, options);
+        const Findings level3 = check(clip, 3, options);
+        ASSERT_EQ(level4.content.size(), issues.size()) << test::describe(level4.result);
+        for (std::size_t i = 0; i < issues.size(); ++i) {
+            EXPECT_TRUE(test::matches(*level4.content[i], issues[i]))
                 << QcIssueList::longLine(*level4.content[i]);
-            EXPECT_EQ(level4.content[i]->text, c.issues[i].textStart);
+            EXPECT_EQ(level4.content[i]->text, issues[i].textStart);
         }
         EXPECT_TRUE(level3.content.empty()) << test::describe(level3.result);
         EXPECT_EQ(level4.others, level3.others);
