@@ -50,9 +50,7 @@ TEST(CheckCli, ScoresIssuesAndExitStatus)
          0,
          {"3/5 Playable", "Audio:[Low] Stream 0 (Audio) True peak -5.0 dBTP over the limit of "
                           "-10.0 dBTP"}},
-        {{"-l1", clip("nothere.mov")},
-         1,
-         {"0/5 ERROR", "File:[Critical] Couldn't get file attributes"}},
+        {{"-l1", clip("nothere.mov")}, 1, {"0/5 ERROR", "[Critical] Couldn't get file attributes"}},
         {{"-l", "1", text}, 1, {"0/5 ERROR", "File:[Critical] Couldn't open file"}},
         // pcm.wav scores 1 ("Couldn't estimate clip start timecode"): the threshold decides.
         {{"-l1", "-t1", wav}, 0, {"1/5 Very BAD"}},
@@ -335,16 +333,11 @@ TEST(CheckCliHostile, NoCrashNoHangNoLostFile)
 
     // Name, arguments, exit status, a text of the output (of standard error for status 2).
     const std::string v = at("victim.mxf"), jq = at("job.qcin"), fifo = at("fifo.ts");
+    const std::string bad = at(badName);
     using Row = std::tuple<const char*, std::vector<std::string>, int, std::string>;
     const Row cases[] = {
-        {"non-UTF-8 name, JSON",
-         {"--json", "-l1", at(badName)},
-         0,
-         "bad\xEF\xBF\xBD\xEF\xBF\xBDname.mxf\""},
-        {"non-UTF-8 name in a folder scan, JSON",
-         {"--json", "-l1", dir.path().string()},
-         1,
-         "bad\xEF\xBF\xBD"},
+        {"non-UTF-8 name", {"--json", "-l1", bad}, 0, "bad\xEF\xBF\xBD\xEF\xBF\xBDname.mxf\""},
+        {"non-UTF-8 in a scan", {"--json", "-l1", dir.path().string()}, 1, "bad\xEF\xBF\xBD"},
         {"FIFO", {"-l3", fifo}, 1, "Couldn't open file"},
         {"device", {"-l2", "/dev/zero"}, 1, "Couldn't open file"},
         {"folder and FIFO in a job", {"-l3", at("odd.qcin")}, 1, "Couldn't open file"},
@@ -355,10 +348,7 @@ TEST(CheckCliHostile, NoCrashNoHangNoLostFile)
         {"-o onto a clip of the job", {"-o", v, jq}, 2, "one of the clips"},
         {"-o onto another file", {"-l1", "-o", at("notes.txt"), v}, 2, "not a result document"},
         {"-o onto a FIFO", {"-l1", "-o", fifo, v}, 2, "not a regular file"},
-        {"broken job beside an earlier document",
-         {"-l1", at("broken.qcin")},
-         2,
-         "could not be read"},
+        {"broken job, earlier document", {"-l1", at("broken.qcin")}, 2, "could not be read"},
         {"job with another root", {"-l1", at("other.qcin")}, 2, "no \"Tarvo_QC\" root"},
     };
     for (const auto& [name, args, status, has] : cases) {

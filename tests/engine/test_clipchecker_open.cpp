@@ -32,6 +32,7 @@ QcResult openOnly(const std::string& path, CheckLevel level, bool* opened = null
 TEST(ClipCheckerOpen, IssuesOfOpenAndProbeOnRealClips)
 {
     using enum QcSeverity;
+    using enum QcIssueCategory;
     const auto media = [](Sev sev, int stream, const char* text) {
         return ExpectedIssue{Cat::MediaTime, sev, stream, text};
     };
@@ -61,11 +62,7 @@ TEST(ClipCheckerOpen, IssuesOfOpenAndProbeOnRealClips)
         {"empty.mp4", 1, false, 0, {noOpen}},
         {"pcm.wav", 1, true, 1, {noStart, headerStart}},
         {"no_duration.mkv", 1, true, 1, noDuration},
-        {"bits33.wav",
-         1,
-         true,
-         0,
-         {{Cat::Codec, Critical, 0, "Cannot decode"}, noStart, headerStart}},
+        {"bits33.wav", 1, true, 0, {noStart, headerStart, {Codec, Critical, 0, "Cannot decode"}}},
         // The decoder is only opened for a decoding check.
         {"zero_channels.wav", 3, true, 0, {noCodec, noStart, headerStart}},
         {"zero_channels.wav", 2, true, 1, {noStart, headerStart}},
