@@ -128,39 +128,35 @@ TEST(DecodePass, CleanClipsScoreOk)
 TEST(DecodePass, DamagedClipsAndTheirScores)
 {
     using enum QcSeverity;
+    using enum QcIssueCategory;
     const auto media = [](Sev sev, int stream, const char* text) {
-        return ExpectedIssue{Cat::MediaTime, sev, stream, text};
+        return ExpectedIssue{MediaTime, sev, stream, text};
     };
     const char* gap = "Gap at end: last decoded is 1.96 sec before clip end";
     const auto noStart = media(Highest, 0, "Decoded data have no start timecode");
+    const auto noEnd = media(Highest, 0, "Decoded data have no end timecode");
+    const std::vector<ExpectedIssue> truncated = {
+        media(Low, 0, gap), media(Low, 1, gap),
+        media(Low, 0, "Decoded duration 1.96 sec under the one reported from header"),
+        media(Warning, -1, "QC: Clip duration must be fixed from 4.00 to 2.08")};
+    const std::vector<ExpectedIssue> audioLonger = {
+        media(High, 0, "Header: Stream is shorter than clip duration by 2.00 sec"),
+        media(High, 0, "Gap at end: last decoded is 2.00 sec before clip end. Last position 2.00")};
+    const std::vector<ExpectedIssue> lateAudio = {
+        media(Low, 1, "Header: Start time is off from clip by 0.98 sec"),
+        media(Low, 1, "Decoded start difference from clip start of 0.98")};
+    const char* rateChange = "Codec/data format mismatch at 1.91: 1x44100 vs 1x48000";
     // Clip, score, issues each present exactly once.
     const std::tuple<const char*, QcScore, std::vector<ExpectedIssue>> cases[] = {
-        {"truncated.mxf",
-         3,
-         {media(Low, 0, gap), media(Low, 1, gap),
-          media(Low, 0, "Decoded duration 1.96 sec under the one reported from header"),
-          media(Warning, -1, "QC: Clip duration must be fixed from 4.00 to 2.08")}},
-        {"audio_longer.mp4",
-         2,
-         {media(High, 0, "Header: Stream is shorter than clip duration by 2.00 sec"),
-          media(High, 0,
-                "Gap at end: last decoded is 2.00 sec before clip end. Last position 2.00")}},
-        {"late_audio.ts",
-         3,
-         {media(Low, 1, "Header: Start time is off from clip by 0.98 sec"),
-          media(Low, 1, "Decoded start difference from clip start of 0.98")}},
-        {"rate_change.ts",
-         1,
-         {{Cat::Frames, Highest, 0, "Codec/data format mismatch at 1.91: 1x44100 vs 1x48000"}}},
-        {"overwritten.ts", 4, {{Cat::Frames, Warning, 0, "Gap in TC of 0.16 at 1.88"}}},
-        {"nothing_decodes.ts",
-         1,
-         {noStart, media(Highest, 0, "Decoded data have no end timecode")}},
+        {"truncated.mxf", 3, truncated},
+        {"audio_longer.mp4", 2, audioLonger},
+        {"late_audio.ts", 3, lateAudio},
+        {"rate_change.ts", 1, {{Frames, Highest, 0, rateChange}}},
+        {"overwritten.ts", 4, {{Frames, Warning, 0, "Gap in TC of 0.16 at 1.88"}}},
+        {"nothing_decodes.ts", 1, {noStart, noEnd}},
         // 61 KB claiming 16000 x 16000 pictures: refused by the picture-size limit instead
         // of costing gigabytes (the memory is measured by bench/hostile.sh).
-        {"huge_picture.ts",
-         0,
-         {{Cat::Codec, Critical, 0, "...Could not open codec h264"}, noStart}},
+        {"huge_picture.ts", 0, {{Codec, Critical, 0, "...Could not open codec h264"}, noStart}},
     };
     for (const auto& [clip, score, issues] : cases) {
         SCOPED_TRACE(clip);
