@@ -4,6 +4,8 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -17,11 +19,15 @@ namespace {
 
 namespace fs = std::filesystem;
 
-test::CommandResult tool(const char* exe, std::vector<std::string> args,
-                         const std::vector<std::string>& env = {})
+test::CommandResult tool(const char* exe, std::vector<std::string> args)
 {
     args.insert(args.begin(), exe);
-    return test::runCommand(args, env);
+    return test::runCommand(args);
+}
+
+test::CommandResult report(std::vector<std::string> args)
+{
+    return tool(TARVOQC_REPORT_EXE, std::move(args));
 }
 
 // The clips of one run: every score from 0 to 5, a clip that does not exist, and a copy
@@ -107,6 +113,8 @@ protected:
         test::writeFile(dir / "run.jsonl", r.out);
     }
 
+    std::string at(const std::string& name) const { return (dir / name).string(); }
+
     test::TempDir dir;
     std::vector<std::string> clips;
     std::vector<nlohmann::json> lines;
@@ -117,8 +125,7 @@ TEST_F(ReportTest, CsvAgreesRowForRowWithTheJsonLinesAndTheResultDocument)
     for (const char* input : {"run.jsonl", "run.qcout"}) {
         SCOPED_TRACE(input);
         const fs::path csv = dir / "report.csv";
-        const test::CommandResult r =
-            tool(TARVOQC_REPORT_EXE, {(dir / input).string(), "--csv", csv.string()});
+        const test::CommandResult r = report({at(input), "--csv", csv.string()});
         EXPECT_EQ(r.status, 1) << r.err;
         EXPECT_TRUE(r.err.empty()) << r.err;
         EXPECT_NE(r.out.find("  0/5 ERROR             2\n"), std::string::npos) << r.out;
@@ -146,14 +153,12 @@ TEST_F(ReportTest, BrokenInputLinesAreNamedAndSkipped)
         "{\"path\": \"/a.mxf\", \"score\": 9}",
         "{\"path\": \"/a.mxf\", \"score\": 1, \"x\": [[[[[[[[[[[[1]]]]]]]]]]]]}",
         "{\"path\": \"/a.mxf\", \"score\": 1, \"issues\": [{\"category\": \"Nope\"}]}",
-        "[]",
-    };
+        "[]"};
     for (const char* line : broken) {
         SCOPED_TRACE(line);
         const fs::path input = dir / "in.jsonl";
         test::writeFile(input, good + line + "\n" + good + line); // the last one unterminated
-        const test::CommandResult r =
-            tool(TARVOQC_REPORT_EXE, {"-t0", "-q", input.string(), "--csv", "-"});
+        const test::CommandResult r = report({"-t0", "-q", input.string(), "--csv", "-"});
         EXPECT_EQ(r.status, 0) << r.err;
         EXPECT_NE(r.err.find("in.jsonl:2: skipped"), std::string::npos) << r.err;
         EXPECT_NE(r.err.find("in.jsonl:4: skipped"), std::string::npos) << r.err;
@@ -162,8 +167,7 @@ TEST_F(ReportTest, BrokenInputLinesAreNamedAndSkipped)
     // A result document cut off in the middle: its complete clips still count.
     const std::string document = test::readFile(dir / "run.qcout");
     test::writeFile(dir / "cut.qcout", document.substr(0, document.size() * 2 / 3));
-    const test::CommandResult cut =
-        tool(TARVOQC_REPORT_EXE, {"-t0", "-q", (dir / "cut.qcout").string(), "--csv", "-"});
+    const test::CommandResult cut = report({"-t0", "-q", at("cut.qcout"), "--csv", "-"});
     EXPECT_EQ(cut.status, 0) << cut.err;
     EXPECT_NE(cut.err.find("cut.qcout: skipped: the document is not complete"), std::string::npos)
         << cut.err;
@@ -171,8 +175,7 @@ TEST_F(ReportTest, BrokenInputLinesAreNamedAndSkipped)
     EXPECT_GT(rows, 2);
     EXPECT_LT(rows, static_cast<std::ptrdiff_t>(lines.size()));
 
-    const test::CommandResult missing =
-        tool(TARVOQC_REPORT_EXE, {"-q", (dir / "run.jsonl").string(), (dir / "no.jsonl").string()});
+    const test::CommandResult missing = report({"-q", at("run.jsonl"), at("no.jsonl")});
     EXPECT_EQ(missing.status, 2);
     EXPECT_NE(missing.err.find("no.jsonl"), std::string::npos) << missing.err;
 }
@@ -192,8 +195,7 @@ TEST_F(ReportTest, BaselineMarksWorseNewAndMissingClips)
     test::writeFile(dir / "new.jsonl", current);
 
     const test::CommandResult r =
-        tool(TARVOQC_REPORT_EXE, {"-t0", (dir / "new.jsonl").string(), "--baseline",
-                                  (dir / "old.jsonl").string(), "--csv", (dir / "c.csv").string()});
+        report({"-t0", at("new.jsonl"), "--baseline", at("old.jsonl"), "--csv", at("c.csv")});
     EXPECT_EQ(r.status, 1) << "a clip got worse:\n" << r.out << r.err;
     EXPECT_NE(r.out.find("1 worse, 0 better, 1 new, 1 missing"), std::string::npos) << r.out;
     const auto rows = readCsv(dir / "c.csv");
@@ -207,10 +209,7 @@ TEST_F(ReportTest, BaselineMarksWorseNewAndMissingClips)
     EXPECT_EQ(rows[3][0], "/gone.mxf");
 
     // The same run as its own baseline: nothing is worse, and the threshold decides.
-    EXPECT_EQ(tool(TARVOQC_REPORT_EXE,
-                   {"-q", "-t0", (dir / "new.jsonl").string(), "-b", (dir / "new.jsonl").string()})
-                  .status,
-              0);
+    EXPECT_EQ(report({"-q", "-t0", at("new.jsonl"), "-b", at("new.jsonl")}).status, 0);
 }
 
 // Rows of the table as headless Chromium shows the page after its script ran.
@@ -260,10 +259,7 @@ std::vector<DomRow> renderedRows(const fs::path& page, const std::string& fragme
 TEST_F(ReportTest, HtmlPageSortsFiltersAndColoursScoresInChromium)
 {
     const fs::path page = dir / "report.html";
-    ASSERT_EQ(
-        tool(TARVOQC_REPORT_EXE, {"-q", (dir / "run.jsonl").string(), "--html", page.string()})
-            .status,
-        1);
+    ASSERT_EQ(report({"-q", at("run.jsonl"), "--html", page.string()}).status, 1);
     const std::string html = test::readFile(page);
     EXPECT_EQ(html.find("http"), std::string::npos) << "the page loads nothing from elsewhere";
 
@@ -271,22 +267,18 @@ TEST_F(ReportTest, HtmlPageSortsFiltersAndColoursScoresInChromium)
     const std::vector<std::pair<std::string, std::string>> colours = {
         {"#400000", "#C0C0C0"}, {"#800000", "#C0C0C0"}, {"#A00000", "#C0C0C0"},
         {"#E00000", "#000000"}, {"#FF0000", "#000000"}, {"#00FF00", "#000000"}};
-    struct Case
-    {
-        std::string fragment;
-        int direction; // 1 ascending scores, -1 descending, 0 unsorted
-        std::vector<int> scores;
-    };
-    const Case cases[] = {{"#sort=score", 1, {0, 1, 2, 3, 4, 5}},
-                          {"#sort=-score", -1, {0, 1, 2, 3, 4, 5}},
-                          {"#score=0,5", 0, {0, 5}}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.fragment);
+    // fragment, direction (1 ascending scores, -1 descending, 0 unsorted), scores
+    const std::tuple<std::string, int, std::vector<int>> cases[] = {
+        {"#sort=score", 1, {0, 1, 2, 3, 4, 5}},
+        {"#sort=-score", -1, {0, 1, 2, 3, 4, 5}},
+        {"#score=0,5", 0, {0, 5}}};
+    for (const auto& [fragment, direction, scores] : cases) {
+        SCOPED_TRACE(fragment);
         std::string dom;
-        const auto rows = renderedRows(page, c.fragment, dir / "profile", dom);
+        const auto rows = renderedRows(page, fragment, dir / "profile", dom);
         std::vector<std::string> expected;
         for (const nlohmann::json& line : lines) {
-            if (std::count(c.scores.begin(), c.scores.end(), line["score"].get<int>()) != 0) {
+            if (std::count(scores.begin(), scores.end(), line["score"].get<int>()) != 0) {
                 // As a serialised DOM writes a text.
                 std::string path;
                 for (const char ch : line["path"].get<std::string>()) {
@@ -299,24 +291,22 @@ TEST_F(ReportTest, HtmlPageSortsFiltersAndColoursScoresInChromium)
             }
         }
         std::vector<std::string> shown;
+        std::set<int> shownScores;
         for (const DomRow& row : rows) {
             shown.push_back(row.path);
+            shownScores.insert(row.score);
             EXPECT_EQ(row.background, colours[row.score].first) << row.path;
             EXPECT_EQ(row.text, colours[row.score].second) << row.path;
             EXPECT_EQ(row.result.substr(0, 2), std::to_string(row.score) + "/");
         }
-        for (std::size_t i = 1; c.direction != 0 && i < rows.size(); ++i) {
-            EXPECT_LE(c.direction * rows[i - 1].score, c.direction * rows[i].score);
+        for (std::size_t i = 1; direction != 0 && i < rows.size(); ++i) {
+            EXPECT_LE(direction * rows[i - 1].score, direction * rows[i].score);
         }
-        std::set<int> scores;
-        for (const DomRow& row : rows) {
-            scores.insert(row.score);
-        }
-        EXPECT_EQ(scores, std::set<int>(c.scores.begin(), c.scores.end()));
+        EXPECT_EQ(shownScores, std::set<int>(scores.begin(), scores.end()));
         std::sort(shown.begin(), shown.end());
         std::sort(expected.begin(), expected.end());
         EXPECT_EQ(shown, expected);
-        if (c.direction != 0) {
+        if (direction != 0) {
             EXPECT_NE(dom.find("Frames:[High] Stream 0 (Video) Gap in TC of 2.00 at 4.00"),
                       std::string::npos)
                 << "each clip's issues are shown under it";
@@ -326,10 +316,7 @@ TEST_F(ReportTest, HtmlPageSortsFiltersAndColoursScoresInChromium)
 
 TEST_F(ReportTest, ParallelRecipeWithTwoSlotsGivesTheReportOfOneRun)
 {
-    ASSERT_EQ(tool(TARVOQC_REPORT_EXE,
-                   {"-q", (dir / "run.jsonl").string(), "--csv", (dir / "one.csv").string()})
-                  .status,
-              1);
+    ASSERT_EQ(report({"-q", at("run.jsonl"), "--csv", at("one.csv")}).status, 1);
     std::string list;
     for (const std::string& clip : clips) {
         list += clip + "\n";
@@ -341,7 +328,7 @@ TEST_F(ReportTest, ParallelRecipeWithTwoSlotsGivesTheReportOfOneRun)
     test::writeFile(flaky, "#!/bin/sh\n"
                            "case \"$*\" in *jump_video_high*)\n"
                            "  if mkdir \"" +
-                               (dir / "failed-once").string() +
+                               at("failed-once") +
                                "\" 2>/dev/null; then\n"
                                "    printf '{\"path\": \"half'; exit 2; fi;;\n"
                                "esac\n"
@@ -351,8 +338,8 @@ TEST_F(ReportTest, ParallelRecipeWithTwoSlotsGivesTheReportOfOneRun)
         SCOPED_TRACE(failOnce ? "a slot fails once" : "no failure");
         const fs::path out = dir / (failOnce ? "flaky" : "plain");
         const test::CommandResult r = test::runCommand(
-            {TARVOQC_SOURCE_DIR "/scripts/parallel-check.sh", "--sshlogin",
-             "2/:", (dir / "list.txt").string(), out.string()},
+            {TARVOQC_SOURCE_DIR "/scripts/parallel-check.sh", "--sshlogin", "2/:", at("list.txt"),
+             out.string()},
             {"TARVOQC_CHECK=" + (failOnce ? flaky.string() : std::string(TARVOQC_CHECK_EXE)),
              "TARVOQC_REPORT=" TARVOQC_REPORT_EXE});
         EXPECT_EQ(r.status, 1) << r.out << r.err;

@@ -174,17 +174,10 @@ void fillNumberedNames(const fs::path& folder)
 
 TEST(SafeTransfer, CopiesEverySizeWithAndWithoutVerify)
 {
-    struct Case
-    {
-        std::size_t size;
-        std::uint32_t flags;
-        bool withRecord;
-        bool move;
-        fs::perms mode;
-    };
     const auto rw = fs::perms::owner_read | fs::perms::owner_write;
     const auto shared = rw | fs::perms::group_read | fs::perms::others_read;
-    const Case cases[] = {
+    // size, flags, withRecord, move, mode
+    const std::tuple<std::size_t, std::uint32_t, bool, bool, fs::perms> cases[] = {
         {0, 0, true, false, shared},
         {0, TransferVerify, true, false, rw},
         {1, TransferVerify, true, true, rw},
@@ -193,38 +186,37 @@ TEST(SafeTransfer, CopiesEverySizeWithAndWithoutVerify)
         {65'537, 0, false, false, fs::perms::owner_read},
         {200'003, 0, true, false, rw},
         {200'003, TransferVerify, false, true, shared},
-        {1 << 20, TransferVerify, true, false, rw | fs::perms::group_write},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << "size " << c.size << " flags " << c.flags << " move "
-                                        << c.move << " mode " << static_cast<int>(c.mode));
+        {1 << 20, TransferVerify, true, false, rw | fs::perms::group_write}};
+    for (const auto& [size, flags, withRecord, move, mode] : cases) {
+        SCOPED_TRACE(testing::Message() << "size " << size << " flags " << flags << " move " << move
+                                        << " mode " << static_cast<int>(mode));
         TempDir dir;
-        const std::string bytes = makeBytes(c.size, static_cast<std::uint32_t>(c.size));
+        const std::string bytes = makeBytes(size, static_cast<std::uint32_t>(size));
         writeFile(dir / "in.mxf", bytes);
-        fs::permissions(dir / "in.mxf", c.mode);
+        fs::permissions(dir / "in.mxf", mode);
         fs::create_directory(dir / "out");
         const fs::path dest = dir / "out" / "clip.mxf";
 
         TransferProgress record;
         std::string finalPath;
         const std::int32_t rc =
-            (c.move ? SafeMove : SafeTransfer)(dest.string(), (dir / "in.mxf").string(), c.flags,
-                                               c.withRecord ? &record : nullptr, &finalPath);
+            (move ? SafeMove : SafeTransfer)(dest.string(), (dir / "in.mxf").string(), flags,
+                                             withRecord ? &record : nullptr, &finalPath);
         EXPECT_EQ(rc, 0) << record.error();
         EXPECT_EQ(finalPath, dest.string());
         EXPECT_EQ(readFile(dest), bytes);
-        EXPECT_EQ(fs::status(dest).permissions(), c.mode) << "the copy keeps the source's mode";
-        EXPECT_EQ(fs::exists(dir / "in.mxf"), !c.move);
-        if (!c.move) {
+        EXPECT_EQ(fs::status(dest).permissions(), mode) << "the copy keeps the source's mode";
+        EXPECT_EQ(fs::exists(dir / "in.mxf"), !move);
+        if (!move) {
             EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
         }
         EXPECT_TRUE(tempFilesIn(dir / "out").empty());
-        if (c.withRecord) {
-            EXPECT_EQ(record.status(), (c.flags & TransferVerify) != 0 || c.move
+        if (withRecord) {
+            EXPECT_EQ(record.status(), (flags & TransferVerify) != 0 || move
                                            ? std::string("Verifying")
                                            : "Open input " + (dir / "in.mxf").string());
             EXPECT_EQ(record.error(), "");
-            EXPECT_DOUBLE_EQ(record.ratio(), c.size == 0 ? 0.0 : 1.0);
+            EXPECT_DOUBLE_EQ(record.ratio(), size == 0 ? 0.0 : 1.0);
         }
     }
 }
@@ -247,8 +239,7 @@ TEST(SafeTransfer, RefusesBadNamesAndSourcesWithoutLeavingAnything)
         {slashed(dir / "out"), src, "Invalid output name"},
         {dest, (dir / "missing.mxf").string(), "Cannot check " + (dir / "missing.mxf").string()},
         {dest, (dir / "folder.mxf").string(), "Cannot open input " + (dir / "folder.mxf").string()},
-        {dest, (dir / "fifo.mxf").string(), "Cannot open input " + (dir / "fifo.mxf").string()},
-    };
+        {dest, (dir / "fifo.mxf").string(), "Cannot open input " + (dir / "fifo.mxf").string()}};
     for (const auto& [to, from, error] : cases) {
         SCOPED_TRACE(error);
         TransferProgress record;
@@ -290,29 +281,23 @@ TEST(SafeTransfer, RefusesASourceThatIsStillBeingWritten)
 
 TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
 {
-    struct Case
-    {
-        std::uint32_t flags;
-        bool allNumbersTaken; // "clip (1).mxf" to "clip (999).mxf" are there too
-        std::int32_t code;
-        const char* landsIn; // file holding the copy afterwards, or error text
-    };
-    const Case cases[] = {
+    // flags, allNumbersTaken ("clip (1).mxf" to "clip (999).mxf" are there too), code, landsIn
+    // (file holding the copy afterwards, or error text)
+    const std::tuple<std::uint32_t, bool, std::int32_t, const char*> cases[] = {
         {0, false, -4, "Cannot copy, output exists"},
         {TransferVerify, false, -4, "Cannot copy, output exists"},
         {TransferUnique, true, -3, "Cannot generate output filename"},
         {TransferUnique | TransferVerify, false, 0, "clip (1).mxf"},
         {TransferOverwrite, false, 0, "clip.mxf"},
-        {TransferOverwrite | TransferUnique, true, 0, "clip.mxf"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << "flags " << c.flags);
+        {TransferOverwrite | TransferUnique, true, 0, "clip.mxf"}};
+    for (const auto& [flags, allNumbersTaken, code, landsIn] : cases) {
+        SCOPED_TRACE(testing::Message() << "flags " << flags);
         TempDir dir;
-        const std::string bytes = makeBytes(150'000, c.flags);
+        const std::string bytes = makeBytes(150'000, flags);
         writeFile(dir / "in.mxf", bytes);
         fs::create_directory(dir / "out");
         writeFile(dir / "out" / "clip.mxf", "older clip");
-        if (c.allNumbersTaken) {
+        if (allNumbersTaken) {
             fillNumberedNames(dir / "out");
         }
         const fs::path dest = dir / "out" / "clip.mxf";
@@ -320,25 +305,25 @@ TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
         TransferProgress record;
         std::string finalPath;
         EXPECT_EQ(
-            SafeTransfer(dest.string(), (dir / "in.mxf").string(), c.flags, &record, &finalPath),
-            c.code);
+            SafeTransfer(dest.string(), (dir / "in.mxf").string(), flags, &record, &finalPath),
+            code);
         EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
         EXPECT_TRUE(tempFilesIn(dir / "out").empty());
-        if (c.code != 0) {
-            EXPECT_EQ(record.error(), c.landsIn);
+        if (code != 0) {
+            EXPECT_EQ(record.error(), landsIn);
             EXPECT_EQ(record.status(), "Output exists " + dest.string());
             EXPECT_EQ(readFile(dest), "older clip");
             continue;
         }
-        EXPECT_EQ(finalPath, (dir / "out" / c.landsIn).string());
+        EXPECT_EQ(finalPath, (dir / "out" / landsIn).string());
         EXPECT_EQ(readFile(finalPath), bytes);
-        if ((c.flags & TransferOverwrite) != 0) {
+        if ((flags & TransferOverwrite) != 0) {
             EXPECT_EQ(record.status(), "Overwriting dest " + dest.string());
         } else {
             EXPECT_EQ(readFile(dest), "older clip");
         }
         EXPECT_EQ(std::distance(fs::directory_iterator(dir / "out"), fs::directory_iterator()),
-                  ((c.flags & TransferOverwrite) != 0 ? 1 : 2) + (c.allNumbersTaken ? 999 : 0));
+                  ((flags & TransferOverwrite) != 0 ? 1 : 2) + (allNumbersTaken ? 999 : 0));
     }
 }
 
@@ -382,40 +367,38 @@ TEST(SafeTransfer, EventsDuringTheTransfer)
         const char* error; // see matchesPattern
         const char* copyIn;
     };
-    const char* kVerifyFailed = "Verify proces failed.";
+    using enum Event;
+    const auto cp = copying;
+    const auto vf = verifyingFirstHalf;
+    const auto V = TransferVerify, U = TransferUnique, O = TransferOverwrite;
+    const char* kFail = "Verify proces failed.";
+    const char* kTemp = "{dir}/##-##-#### ######.tmp";
+    const std::string renameOut = std::string("Cannot rename out ") + kTemp + " to {dir}/clip.mxf";
+    const std::string renameTemp = std::string("Cannot rename temp file ") + kTemp;
+    const std::string renameTo = renameTemp + " to {dir}/clip.mxf";
     const Case cases[] = {
-        {"destination appears", false, 0, false, copying, Event::Appear, -45,
-         "Cannot rename temp file {dir}/##-##-#### ######.tmp to {dir}/clip.mxf", ""},
-        {"appears, unique", false, TransferUnique, false, copying, Event::Appear, 0, "",
-         "clip (1).mxf"},
-        {"appears, unique, no free name", false, TransferUnique | TransferVerify, true, copying,
-         Event::Appear, -43, "Cannot generate output filename", ""},
-        {"appears, overwrite", false, TransferOverwrite | TransferVerify, false, copying,
-         Event::Appear, 0, "", "clip.mxf"},
-        {"appears, temp lost, overwrite", false, TransferOverwrite, false, copying,
-         Event::AppearTempLost, -42,
-         "Cannot rename out {dir}/##-##-#### ######.tmp to {dir}/clip.mxf", ""},
-        {"appears, temp lost, unique", false, TransferUnique, false, copying, Event::AppearTempLost,
-         -44, "Cannot rename temp file {dir}/##-##-#### ######.tmp", ""},
-        {"cancel in copy", false, 0, false, copying, Event::Cancel, 0, "", ""},
-        {"cancel in copy before verify", false, TransferVerify, false, copying, Event::Cancel, 0,
-         "", ""},
-        {"cancel in verify", false, TransferVerify, false, verifyingFirstHalf, Event::Cancel, 0, "",
+        {"destination appears", false, 0, false, cp, Appear, -45, renameTo.c_str(), ""},
+        {"appears, unique", false, U, false, cp, Appear, 0, "", "clip (1).mxf"},
+        {"appears, unique, no free name", false, U | V, true, cp, Appear, -43,
+         "Cannot generate output filename", ""},
+        {"appears, overwrite", false, O | V, false, cp, Appear, 0, "", "clip.mxf"},
+        {"appears, temp lost, overwrite", false, O, false, cp, AppearTempLost, -42,
+         renameOut.c_str(), ""},
+        {"appears, temp lost, unique", false, U, false, cp, AppearTempLost, -44, renameTemp.c_str(),
          ""},
-        {"cancel in move", true, 0, false, copying, Event::Cancel, 0, "", ""},
-        {"source rewritten", false, TransferVerify, false, verifyingFirstHalf, Event::Rewrite, -32,
-         kVerifyFailed, ""},
-        {"source grown", false, TransferVerify, false, verifyingFirstHalf, Event::Grow, -32,
-         kVerifyFailed, ""},
-        {"source shrunk", false, TransferVerify, false, verifyingFirstHalf, Event::Shrink, -32,
-         kVerifyFailed, ""},
-        {"source shrunk in copy", false, 0, false, copying, Event::Shrink, -22,
+        {"cancel in copy", false, 0, false, cp, Cancel, 0, "", ""},
+        {"cancel in copy before verify", false, V, false, cp, Cancel, 0, "", ""},
+        {"cancel in verify", false, V, false, vf, Cancel, 0, "", ""},
+        {"cancel in move", true, 0, false, cp, Cancel, 0, "", ""},
+        {"source rewritten", false, V, false, vf, Rewrite, -32, kFail, ""},
+        {"source grown", false, V, false, vf, Grow, -32, kFail, ""},
+        {"source shrunk", false, V, false, vf, Shrink, -32, kFail, ""},
+        {"source shrunk in copy", false, 0, false, cp, Shrink, -22,
          "Cannot read input file {dir}/in.mxf", ""},
-        {"source replaced in copy", false, 0, false, copying, Event::Replace, 0, "", "clip.mxf"},
-        {"source replaced in move", true, 0, false, copying, Event::Replace, kSourceChanged,
+        {"source replaced in copy", false, 0, false, cp, Replace, 0, "", "clip.mxf"},
+        {"source replaced in move", true, 0, false, cp, Replace, kSourceChanged,
          "Source {dir}/in.mxf changed during the move; it is kept", "clip.mxf"},
-        {"source grown in move", true, 0, false, verifyingFirstHalf, Event::Grow, -32,
-         kVerifyFailed, ""},
+        {"source grown in move", true, 0, false, vf, Grow, -32, kFail, ""},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -434,30 +417,30 @@ TEST(SafeTransfer, EventsDuringTheTransfer)
                 dest, src, c.flags, c.when,
                 [&] {
                     switch (c.event) {
-                    case Event::AppearTempLost:
+                    case AppearTempLost:
                         for (const std::string& name : tempFilesIn(dir.path())) {
                             fs::remove(dir / name);
                         }
                         [[fallthrough]];
-                    case Event::Appear:
+                    case Appear:
                         writeFile(dest, "late arrival");
                         break;
-                    case Event::Cancel:
+                    case Cancel:
                         cancel = 1;
                         break;
-                    case Event::Rewrite:
+                    case Rewrite:
                         bytes[bytes.size() - 10] ^= 0x55;
                         writeFile(src, bytes);
                         break;
-                    case Event::Grow:
+                    case Grow:
                         bytes += "tail";
                         writeFile(src, bytes);
                         break;
-                    case Event::Shrink:
+                    case Shrink:
                         bytes.pop_back();
                         fs::resize_file(src, bytes.size());
                         break;
-                    case Event::Replace:
+                    case Replace:
                         writeFile(dir / "new.mxf", "a newer clip");
                         fs::rename(dir / "new.mxf", src);
                         break;
@@ -472,7 +455,7 @@ TEST(SafeTransfer, EventsDuringTheTransfer)
             EXPECT_TRUE(matchesPattern(r.state.error, c.error, dir.path())) << r.state.error;
             // The copy holds the file as it was opened; the name keeps whatever is under it.
             const std::string copied = bytes;
-            if (c.event == Event::Replace) {
+            if (c.event == Replace) {
                 bytes = "a newer clip";
             }
             EXPECT_EQ(readFile(src), bytes);
@@ -480,12 +463,12 @@ TEST(SafeTransfer, EventsDuringTheTransfer)
             if (*c.copyIn != '\0') {
                 EXPECT_EQ(r.finalPath, (dir / c.copyIn).string());
                 EXPECT_EQ(readFile(r.finalPath), copied);
-            } else if (c.event == Event::Appear || c.event == Event::AppearTempLost) {
+            } else if (c.event == Appear || c.event == AppearTempLost) {
                 EXPECT_EQ(readFile(dest), "late arrival");
             } else {
                 EXPECT_FALSE(fs::exists(dest));
             }
-            if (c.event == Event::Cancel) {
+            if (c.event == Cancel) {
                 EXPECT_EQ(r.state.status, kCancelStatus);
             }
             break;
@@ -658,8 +641,7 @@ TEST(UniqueFileName, NumbersTakenNamesFromOneTo999)
         {d + "a.tar.gz", true, d + "a.tar (1).gz"},
         {d + "two.ts", true, d + "two (2).ts"},
         {d + "dangling.mxf", true, d + "dangling (1).mxf"},
-        {d + "folder.mxf", true, d + "folder (1).mxf"},
-    };
+        {d + "folder.mxf", true, d + "folder (1).mxf"}};
     for (const auto& [in, ok, out] : cases) {
         SCOPED_TRACE(in);
         std::string path = in;

@@ -2,6 +2,8 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <sys/stat.h>
@@ -38,69 +40,49 @@ void fillFromCommandLine(TaskList& list, std::size_t count)
 
 TEST(IsMediaFileName, MatchesTheClipExtensionsWithoutRegardToCase)
 {
-    const struct
-    {
-        std::string name;
-        int type;
-    } cases[] = {
-        {"a.ts", 1},         {"/x/y.AVI", 2},
-        {"z.Mpg", 3},        {"a.m2p", 4},
-        {"a.M2T", 5},        {"a.m2v", 6},
-        {"a.mov", 7},        {"a.mkv", 8},
-        {"clip.MXF", 9},     {".mp4", 10},
-        {"a.m4v", 11},       {"a.flv", 12},
-        {"a.f4v", 13},       {"a.swf", 14},
-        {"a.WMV", 15},       {"a.wav", 16},
-        {"a.mp3", 17},       {"a.mpeg", 18},
-        {"a.M2TS", 19},      {".ts", 0},
-        {"ts", 0},           {"", 0},
-        {"a.ts.bak", 0},     {"clip.txt", 0},
-        {"a.mpeg4", 0},      {"a_ts", 0},
-        {"dir.mxf/", 0},     {"\xC3\xA9.ts", 1},
-        {"a.m\xC3\xA4v", 0}, {"a.\xC4\xB1ts", 0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(IsMediaFileName(c.name), c.type);
+    // A name of each clip type in the order of the types from 1, then names of no clip.
+    const std::vector<std::string> clips = {"a.ts",  "/x/y.AVI", "z.Mpg",  "a.m2p",    "a.M2T",
+                                            "a.m2v", "a.mov",    "a.mkv",  "clip.MXF", ".mp4",
+                                            "a.m4v", "a.flv",    "a.f4v",  "a.swf",    "a.WMV",
+                                            "a.wav", "a.mp3",    "a.mpeg", "a.M2TS"};
+    for (std::size_t i = 0; i < clips.size(); ++i) {
+        EXPECT_EQ(IsMediaFileName(clips[i]), static_cast<int>(i) + 1) << clips[i];
     }
-    EXPECT_EQ(clipExtensions().size(), 19u);
+    for (const char* name : {".ts", "ts", "", "a.ts.bak", "clip.txt", "a.mpeg4", "a_ts", "dir.mxf/",
+                             "a.m\xC3\xA4v", "a.\xC4\xB1ts"}) {
+        EXPECT_EQ(IsMediaFileName(name), 0) << name;
+    }
+    EXPECT_EQ(IsMediaFileName("\xC3\xA9.ts"), 1);
+    EXPECT_EQ(clipExtensions().size(), clips.size());
 }
 
 TEST(TaskList, LimitCutsTheAdditionAndReportsTheWarningNumbers)
 {
+    using W = TaskLimitWarning;
     const Paths three = {"/new/1.mp4", "/new/2.mp4", "/new/3.mp4"};
-    const struct
-    {
-        std::size_t existing;
-        std::vector<std::string> paths;
-        bool warned;
-        TaskLimitWarning warning;
-        std::size_t added;
-    } cases[] = {
-        {49997, three, false, {}, 3},
-        {49999, three, true, {50000, 3, 2, 1}, 1},
-        {50000, {"/n/a.ts", "/n/b.ts", "/n/c.ts", "/n/d.ts"}, true, {50000, 4, 4, 0}, 0},
+    // items listed before, paths added, the warning's numbers, items added
+    const std::tuple<std::size_t, Paths, std::optional<TaskLimitWarning>, std::size_t> cases[] = {
+        {49997, three, std::nullopt, 3},
+        {49999, three, W{50000, 3, 2, 1}, 1},
+        {50000, {"/n/a.ts", "/n/b.ts", "/n/c.ts", "/n/d.ts"}, W{50000, 4, 4, 0}, 0},
         // Command-line items are not counted against the limit, so a list can be over it.
-        {50002, three, true, {50000, 3, 5, -2}, 0},
+        {50002, three, W{50000, 3, 5, -2}, 0},
         // Non-clips and duplicates are dropped before the limit is applied.
-        {49999, {"/new/1.mp4", "/n/x.txt", "/fill/0.mp4", "/new/2.mp4"}, true, {50000, 2, 1, 1}, 1},
+        {49999, {"/new/1.mp4", "/n/x.txt", "/fill/0.mp4", "/new/2.mp4"}, W{50000, 2, 1, 1}, 1},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.existing);
+    for (const auto& [existing, paths, warning, added] : cases) {
+        SCOPED_TRACE(existing);
         TaskList list;
-        fillFromCommandLine(list, c.existing);
-        const AddFilesResult result = list.AddFiles(3, c.paths);
-        ASSERT_EQ(result.warning.has_value(), c.warned);
-        if (c.warned) {
-            EXPECT_EQ(*result.warning, c.warning);
-        }
-        EXPECT_EQ(result.added, c.added);
-        EXPECT_EQ(list.size(), c.existing + c.added);
-        if (c.added > 0) {
+        fillFromCommandLine(list, existing);
+        const AddFilesResult result = list.AddFiles(3, paths);
+        EXPECT_EQ(result.warning, warning);
+        EXPECT_EQ(result.added, added);
+        EXPECT_EQ(list.size(), existing + added);
+        if (added > 0) {
             // The first kept paths in order are the ones added, at the position.
             EXPECT_EQ(result.position, 3u);
             EXPECT_EQ(list.item(3).path(), "/new/1.mp4");
-            EXPECT_EQ(list.item(4).path(), c.added > 1 ? "/new/2.mp4" : "/fill/3.mp4");
+            EXPECT_EQ(list.item(4).path(), added > 1 ? "/new/2.mp4" : "/fill/3.mp4");
         }
     }
 }
@@ -119,13 +101,8 @@ TEST(TaskList, LimitWarningTextAndCaption)
 
 TEST(TaskList, DuplicateRuleComparesWithTheListOnlyAndCaseSensitively)
 {
-    const struct
-    {
-        const char* name;
-        Paths listed;
-        Paths added;
-        Paths expected;
-    } cases[] = {
+    // what, listed before, added, the list after
+    const std::tuple<const char*, Paths, Paths, Paths> cases[] = {
         {"same path twice in one call", {}, {"/a/x.mp4", "/a/x.mp4"}, {"/a/x.mp4", "/a/x.mp4"}},
         {"case differs",
          {"/a/x.mp4"},
@@ -138,41 +115,36 @@ TEST(TaskList, DuplicateRuleComparesWithTheListOnlyAndCaseSensitively)
          {"/a/x.mp4", "a/x.mp4", "/a//x.mp4"}},
         {"non-clips dropped", {}, {"/a/x.txt", "/a/y.ts", "ts"}, {"/a/y.ts"}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [what, listed, added, expected] : cases) {
+        SCOPED_TRACE(what);
         TaskList list;
-        for (const auto& path : c.listed) {
+        for (const auto& path : listed) {
             list.AppendFromCommandLine(path);
         }
-        const AddFilesResult result = list.AddFiles(100, c.added);
+        const AddFilesResult result = list.AddFiles(100, added);
         EXPECT_FALSE(result.warning.has_value());
-        EXPECT_EQ(pathsOf(list), c.expected);
+        EXPECT_EQ(pathsOf(list), expected);
     }
 }
 
 TEST(TaskList, AddFilesInsertsOneBlockAtTheClampedPosition)
 {
-    const struct
-    {
-        std::int64_t position;
-        std::size_t row;
-        Paths expected;
-    } cases[] = {
+    // position asked for, row given, the list after
+    const std::tuple<std::int64_t, std::size_t, Paths> cases[] = {
         {-5, 0, {"/n/1.ts", "/n/2.ts", "/l/a.ts", "/l/b.ts"}},
         {0, 0, {"/n/1.ts", "/n/2.ts", "/l/a.ts", "/l/b.ts"}},
         {1, 1, {"/l/a.ts", "/n/1.ts", "/n/2.ts", "/l/b.ts"}},
         {2, 2, {"/l/a.ts", "/l/b.ts", "/n/1.ts", "/n/2.ts"}},
-        {999, 2, {"/l/a.ts", "/l/b.ts", "/n/1.ts", "/n/2.ts"}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.position);
+        {999, 2, {"/l/a.ts", "/l/b.ts", "/n/1.ts", "/n/2.ts"}}};
+    for (const auto& [position, row, expected] : cases) {
+        SCOPED_TRACE(position);
         TaskList list;
         list.AppendFromCommandLine("/l/a.ts");
         list.AppendFromCommandLine("/l/b.ts");
-        const AddFilesResult result = list.AddFiles(c.position, {"/n/1.ts", "/n/2.ts"});
-        EXPECT_EQ(result.position, c.row);
+        const AddFilesResult result = list.AddFiles(position, {"/n/1.ts", "/n/2.ts"});
+        EXPECT_EQ(result.position, row);
         EXPECT_EQ(result.added, 2u);
-        EXPECT_EQ(pathsOf(list), c.expected);
+        EXPECT_EQ(pathsOf(list), expected);
     }
     TaskList list;
     const AddFilesResult nothing = list.AddFiles(0, {"/a/b.txt"});
@@ -389,21 +361,15 @@ TEST(TaskList, DropDecisions)
 {
     ClipTree tree;
     const std::string& r = tree.root;
-    const struct
-    {
-        Paths paths;
-        bool accept;
-    } cases[] = {
-        {{}, false},
-        {{r + "/b.TXT", r + "/sub/notes.txt"}, false},
-        {{r + "/b.TXT", r + "/empty"}, true},
-        {{"/nowhere/x.MXF"}, true},
-        {{"/nowhere/folder"}, false},
-        {{r + "/dir.mxf"}, true},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.paths.empty() ? "none" : c.paths.front());
-        EXPECT_EQ(TaskList::CanAccept(c.paths), c.accept);
+    const std::pair<Paths, bool> cases[] = {{{}, false},
+                                            {{r + "/b.TXT", r + "/sub/notes.txt"}, false},
+                                            {{r + "/b.TXT", r + "/empty"}, true},
+                                            {{"/nowhere/x.MXF"}, true},
+                                            {{"/nowhere/folder"}, false},
+                                            {{r + "/dir.mxf"}, true}};
+    for (const auto& [paths, accept] : cases) {
+        SCOPED_TRACE(paths.empty() ? "none" : paths.front());
+        EXPECT_EQ(TaskList::CanAccept(paths), accept);
     }
 
     TaskList list;

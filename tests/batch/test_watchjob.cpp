@@ -64,11 +64,10 @@ struct Watch
 
     Watch()
     {
+        // Room for a worker that runs as nobody (see start).
+        fs::permissions(dir.path(), fs::perms::all);
         for (const fs::path& folder : {src, good, bad, dir / "logs"}) {
             fs::create_directory(folder);
-        }
-        // Room for a worker that runs as nobody (see start).
-        for (const fs::path& folder : {dir.path(), src, good, bad, dir / "logs"}) {
             fs::permissions(folder, fs::perms::all);
         }
         log.setFolder((dir / "logs").string(), "QC ");
@@ -83,8 +82,9 @@ struct Watch
         return folder / name;
     }
 
+    // Without firstPass it returns as soon as the worker runs.
     void start(int threshold, bool moveGood, bool moveBad, bool slashes = true,
-               bool asNobody = false)
+               bool asNobody = false, bool firstPass = true)
     {
         const std::string end = slashes ? "/" : "";
         job.setSettings({.enabled = true,
@@ -107,7 +107,8 @@ struct Watch
             ::setfsgid(0);
         }
         ASSERT_TRUE(started);
-        ASSERT_TRUE(job.waitForStatus([](const auto& s) { return s.passes >= 1; }, 120s));
+        ASSERT_TRUE(!firstPass ||
+                    job.waitForStatus([](const auto& s) { return s.passes >= 1; }, 120s));
     }
 
     // Runs one whole pass from now on.
@@ -297,13 +298,7 @@ TEST(WatchJob, StopEndsALongCheckAndTheWaitAtOnce)
         if (duringCheck) {
             w.drop(bytes, "long.ts", w.src);
         }
-        w.job.setSettings({.enabled = true,
-                           .sourceFolder = w.src.string(),
-                           .goodFolder = w.good.string(),
-                           .badFolder = w.bad.string(),
-                           .moveGood = true,
-                           .goodThreshold = 0});
-        ASSERT_TRUE(w.job.Start());
+        w.start(0, true, false, false, false, false);
         ASSERT_TRUE(w.job.waitForStatus(
             [&](const WatchJobStatus& s) {
                 return duringCheck ? s.progress > kProgressMax / 10 : s.passes >= 1;

@@ -1,5 +1,6 @@
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <sys/stat.h>
@@ -28,88 +29,55 @@ QcResult openOnly(const std::string& path, CheckLevel level, bool* opened = null
     return checker.result();
 }
 
-struct OpenCase
-{
-    const char* clip;
-    CheckLevel level;
-    bool opens;
-    QcScore score;
-    std::vector<ExpectedIssue> issues; // exactly these, in any order
-};
-
 TEST(ClipCheckerOpen, IssuesOfOpenAndProbeOnRealClips)
 {
-    const OpenCase cases[] = {
+    using enum QcSeverity;
+    using enum QcIssueCategory;
+    const auto media = [](Sev sev, int stream, const char* text) {
+        return ExpectedIssue{Cat::MediaTime, sev, stream, text};
+    };
+    const ExpectedIssue noOpen{Cat::File, Critical, -1, "Couldn't open file"};
+    const ExpectedIssue noStart = media(Highest, -1, "Couldn't estimate clip start timecode");
+    const ExpectedIssue headerStart = media(High, 0, "Header: Start unknown");
+    const std::vector<ExpectedIssue> noDuration = {
+        media(Highest, -1, "Couldn't estimate clip duration"),
+        media(High, 0, "Header: Stream duration unknown"),
+        media(Warning, 0, "Header: Start time is off from clip by 0.01 sec"),
+        media(Warning, 1, "Header: Stream duration unknown")};
+    const std::vector<ExpectedIssue> lateAudio = {
+        media(Low, 1, "Header: Start time is off from clip by 0.98 sec"),
+        media(Warning, 1, "Header: Stream is shorter than clip duration by")};
+    const ExpectedIssue shorter =
+        media(High, 0, "Header: Stream is shorter than clip duration by 2.00 sec");
+    const ExpectedIssue noCodec{Cat::Codec, Critical, 0, "...Could not open codec pcm_s16le\n"};
+    // clip, level, whether it opens, score, exactly these issues in any order
+    const std::tuple<const char*, CheckLevel, bool, QcScore, std::vector<ExpectedIssue>> cases[] = {
         {"mpeg2_pcm.mxf", 1, true, 5, {}},
         {"h264_aac.mp4", 1, true, 5, {}},
         {"prores_pcm.mov", 1, true, 5, {}},
         {"cover.mp3", 3, true, 5, {}},
-        {"nothere.mov",
-         1,
-         false,
-         0,
-         {{Cat::File, Sev::Critical, -1, "Couldn't get file attributes"}}},
-        {"text.mov", 1, false, 0, {{Cat::File, Sev::Critical, -1, "Couldn't open file"}}},
-        {"random.mxf", 1, false, 0, {{Cat::File, Sev::Critical, -1, "Couldn't open file"}}},
-        {"empty.mp4", 1, false, 0, {{Cat::File, Sev::Critical, -1, "Couldn't open file"}}},
-        {"pcm.wav",
-         1,
-         true,
-         1,
-         {{Cat::MediaTime, Sev::Highest, -1, "Couldn't estimate clip start timecode"},
-          {Cat::MediaTime, Sev::High, 0, "Header: Start unknown"}}},
-        {"no_duration.mkv",
-         1,
-         true,
-         1,
-         {{Cat::MediaTime, Sev::Highest, -1, "Couldn't estimate clip duration"},
-          {Cat::MediaTime, Sev::High, 0, "Header: Stream duration unknown"},
-          {Cat::MediaTime, Sev::Warning, 0, "Header: Start time is off from clip by 0.01 sec"},
-          {Cat::MediaTime, Sev::Warning, 1, "Header: Stream duration unknown"}}},
-        {"bits33.wav",
-         1,
-         true,
-         0,
-         {{Cat::Codec, Sev::Critical, 0, "Cannot decode"},
-          {Cat::MediaTime, Sev::Highest, -1, "Couldn't estimate clip start timecode"},
-          {Cat::MediaTime, Sev::High, 0, "Header: Start unknown"}}},
+        {"nothere.mov", 1, false, 0, {{Cat::File, Critical, -1, "Couldn't get file attributes"}}},
+        {"text.mov", 1, false, 0, {noOpen}},
+        {"random.mxf", 1, false, 0, {noOpen}},
+        {"empty.mp4", 1, false, 0, {noOpen}},
+        {"pcm.wav", 1, true, 1, {noStart, headerStart}},
+        {"no_duration.mkv", 1, true, 1, noDuration},
+        {"bits33.wav", 1, true, 0, {noStart, headerStart, {Codec, Critical, 0, "Cannot decode"}}},
         // The decoder is only opened for a decoding check.
-        {"zero_channels.wav",
-         3,
-         true,
-         0,
-         {{Cat::Codec, Sev::Critical, 0, "...Could not open codec pcm_s16le\n"},
-          {Cat::MediaTime, Sev::Highest, -1, "Couldn't estimate clip start timecode"},
-          {Cat::MediaTime, Sev::High, 0, "Header: Start unknown"}}},
-        {"zero_channels.wav",
-         2,
-         true,
-         1,
-         {{Cat::MediaTime, Sev::Highest, -1, "Couldn't estimate clip start timecode"},
-          {Cat::MediaTime, Sev::High, 0, "Header: Start unknown"}}},
-        {"audio_longer.mp4",
-         1,
-         true,
-         2,
-         {{Cat::MediaTime, Sev::High, 0,
-           "Header: Stream is shorter than clip duration by 2.00 sec"}}},
-        {"late_audio.ts",
-         1,
-         true,
-         3,
-         {{Cat::MediaTime, Sev::Low, 1, "Header: Start time is off from clip by 0.98 sec"},
-          {Cat::MediaTime, Sev::Warning, 1, "Header: Stream is shorter than clip duration by"}}},
+        {"zero_channels.wav", 3, true, 0, {noCodec, noStart, headerStart}},
+        {"zero_channels.wav", 2, true, 1, {noStart, headerStart}},
+        {"audio_longer.mp4", 1, true, 2, {shorter}},
+        {"late_audio.ts", 1, true, 3, lateAudio},
     };
-    for (const OpenCase& c : cases) {
-        SCOPED_TRACE(std::string(c.clip) + " at level " + std::to_string(c.level));
+    for (const auto& [clip, level, opens, score, issues] : cases) {
+        SCOPED_TRACE(std::string(clip) + " at level " + std::to_string(level));
         bool opened = false;
-        const QcResult result =
-            openOnly((test::testMediaDir() / c.clip).string(), c.level, &opened);
-        EXPECT_EQ(opened, c.opens);
-        EXPECT_EQ(result.opened, c.opens);
-        EXPECT_EQ(result.score(), c.score) << test::describe(result);
-        EXPECT_EQ(result.issues.size(), c.issues.size()) << test::describe(result);
-        for (const ExpectedIssue& e : c.issues) {
+        const QcResult result = openOnly((test::testMediaDir() / clip).string(), level, &opened);
+        EXPECT_EQ(opened, opens);
+        EXPECT_EQ(result.opened, opens);
+        EXPECT_EQ(result.score(), score) << test::describe(result);
+        EXPECT_EQ(result.issues.size(), issues.size()) << test::describe(result);
+        for (const ExpectedIssue& e : issues) {
             EXPECT_EQ(test::countIssues(result, e), 1) << e.textStart << "\n"
                                                        << test::describe(result);
         }

@@ -1,6 +1,7 @@
 #include <cstdint>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -65,11 +66,7 @@ TEST(ClipKeys, Hash256IsTheSha256sumOfTheFile)
 
 TEST(ClipKeys, Hash256WritesEveryByteAsTwoUpperCaseDigits)
 {
-    struct Case
-    {
-        FileDigest digest;
-        const char* text;
-    };
+    // digest, text
     FileDigest counting = {};
     for (std::size_t i = 0; i < counting.size(); ++i) {
         counting[i] = static_cast<std::uint8_t>(i);
@@ -78,14 +75,13 @@ TEST(ClipKeys, Hash256WritesEveryByteAsTwoUpperCaseDigits)
     for (std::size_t i = 0; i < high.size(); ++i) {
         high[i] = static_cast<std::uint8_t>(0xE0 + i);
     }
-    const Case cases[] = {
+    const std::pair<FileDigest, const char*> cases[] = {
         {FileDigest{}, "0000000000000000000000000000000000000000000000000000000000000000"},
         {counting, "000102030405060708090A0B0C0D0E0F101112131415161718191A1B1C1D1E1F"},
-        {high, "E0E1E2E3E4E5E6E7E8E9EAEBECEDEEEFF0F1F2F3F4F5F6F7F8F9FAFBFCFDFEFF"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.text);
-        EXPECT_EQ(makeHash256(c.digest), c.text);
+        {high, "E0E1E2E3E4E5E6E7E8E9EAEBECEDEEEFF0F1F2F3F4F5F6F7F8F9FAFBFCFDFEFF"}};
+    for (const auto& [digest, text] : cases) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(makeHash256(digest), text);
     }
 }
 

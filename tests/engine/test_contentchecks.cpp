@@ -1,4 +1,5 @@
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -45,64 +46,47 @@ Findings check(const std::string& name, CheckLevel level, const ClipCheckOptions
 // finds none of them and everything else the same.
 TEST(ContentChecks, PictureAndSoundFaultsOfLevel4)
 {
-    const ClipCheckOptions defaults;
-    const ClipCheckOptions loudTarget{-8.0, 1.0, -10.0, 0};
-    struct Case
-    {
-        const char* clip;
-        ClipCheckOptions options;
-        std::vector<ExpectedIssue> issues;
+    using enum QcSeverity;
+    const ClipCheckOptions d; // the defaults
+    const ClipCheckOptions loud{-8.0, 1.0, -10.0, 0};
+    const auto video = [](Sev sev, const char* text) {
+        return ExpectedIssue{Cat::Video, sev, 0, text};
     };
-    const Case cases[] = {
-        {"l4_black_middle.mov",
-         defaults,
-         {{Cat::Video, Sev::High, 0, "Black picture for 2.00 sec from 1.00"}}},
-        {"l4_black_lead.mov",
-         defaults,
-         {{Cat::Video, Sev::Warning, 0, "Black picture for 2.00 sec from 0.00"}}},
-        {"l4_black_0.96.mov", defaults, {}},
-        {"l4_black_1.00.mov",
-         defaults,
-         {{Cat::Video, Sev::Low, 0, "Black picture for 1.00 sec from 1.00"}}},
-        {"l4_frozen.mov",
-         defaults,
-         {{Cat::Video, Sev::High, 0, "Frozen picture for 3.00 sec from 1.00"}}},
+    const auto audio = [](Sev sev, const char* text, int stream = 0) {
+        return ExpectedIssue{Cat::Audio, sev, stream, text};
+    };
+    // clip, options, issues
+    const std::tuple<const char*, ClipCheckOptions, std::vector<ExpectedIssue>> cases[] = {
+        {"l4_black_middle.mov", d, {video(High, "Black picture for 2.00 sec from 1.00")}},
+        {"l4_black_lead.mov", d, {video(Warning, "Black picture for 2.00 sec from 0.00")}},
+        {"l4_black_0.96.mov", d, {}},
+        {"l4_black_1.00.mov", d, {video(Low, "Black picture for 1.00 sec from 1.00")}},
+        {"l4_frozen.mov", d, {video(High, "Frozen picture for 3.00 sec from 1.00")}},
         {"l4_damaged.ts",
-         defaults,
-         {{Cat::Video, Sev::Low, 0,
-           "Damaged picture for 0.04 sec from 1.72 (concealed by the decoder)"}}},
-        {"l4_silent_gap.mov",
-         defaults,
-         {{Cat::Audio, Sev::High, 0, "Silence for 3.00 sec from 2.00"}}},
-        {"l4_silent_track.mov", defaults, {{Cat::Audio, Sev::Warning, 1, "Stream is silent"}}},
-        {"l4_loud.mov",
-         defaults,
-         {{Cat::Audio, Sev::Highest, 0, "Loudness -8.0 LUFS, target -23.0 LUFS +/- 1.0 LU"}}},
-        {"l4_loud.mov",
-         loudTarget,
-         {{Cat::Audio, Sev::Low, 0, "True peak -5.0 dBTP over the limit of -10.0 dBTP"}}},
-        {"l4_quiet.mov",
-         defaults,
-         {{Cat::Audio, Sev::High, 0, "Loudness -33.0 LUFS, target -23.0 LUFS +/- 1.0 LU"}}},
-        {"l4_within.mov", defaults, {}},
-        {"l4_over.mov",
-         defaults,
-         {{Cat::Audio, Sev::Warning, 0, "Loudness -21.9 LUFS, target -23.0 LUFS +/- 1.0 LU"}}},
+         d,
+         {video(Low, "Damaged picture for 0.04 sec from 1.72 (concealed by the decoder)")}},
+        {"l4_silent_gap.mov", d, {audio(High, "Silence for 3.00 sec from 2.00")}},
+        {"l4_silent_track.mov", d, {audio(Warning, "Stream is silent", 1)}},
+        {"l4_loud.mov", d, {audio(Highest, "Loudness -8.0 LUFS, target -23.0 LUFS +/- 1.0 LU")}},
+        {"l4_loud.mov", loud, {audio(Low, "True peak -5.0 dBTP over the limit of -10.0 dBTP")}},
+        {"l4_quiet.mov", d, {audio(High, "Loudness -33.0 LUFS, target -23.0 LUFS +/- 1.0 LU")}},
+        {"l4_within.mov", d, {}},
+        {"l4_over.mov", d, {audio(Warning, "Loudness -21.9 LUFS, target -23.0 LUFS +/- 1.0 LU")}},
         {"l4_clipped.mov",
-         defaults,
-         {{Cat::Audio, Sev::High, 0, "Clipped sound: 263 samples at full scale, first at 1.00"},
-          {Cat::Audio, Sev::Low, 0, "True peak 0.3 dBTP over the limit of -1.0 dBTP"}}},
-        {"l4_clean_fades.mp4", defaults, {}},
+         d,
+         {audio(High, "Clipped sound: 263 samples at full scale, first at 1.00"),
+          audio(Low, "True peak 0.3 dBTP over the limit of -1.0 dBTP")}},
+        {"l4_clean_fades.mp4", d, {}},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.clip);
-        const Findings level4 = check(c.clip, 4, c.options);
-        const Findings level3 = check(c.clip, 3, c.options);
-        ASSERT_EQ(level4.content.size(), c.issues.size()) << test::describe(level4.result);
-        for (std::size_t i = 0; i < c.issues.size(); ++i) {
-            EXPECT_TRUE(test::matches(*level4.content[i], c.issues[i]))
+    for (const auto& [clip, options, issues] : cases) {
+        SCOPED_TRACE(clip);
+        const Findings level4 = check(clip, 4, options);
+        const Findings level3 = check(clip, 3, options);
+        ASSERT_EQ(level4.content.size(), issues.size()) << test::describe(level4.result);
+        for (std::size_t i = 0; i < issues.size(); ++i) {
+            EXPECT_TRUE(test::matches(*level4.content[i], issues[i]))
                 << QcIssueList::longLine(*level4.content[i]);
-            EXPECT_EQ(level4.content[i]->text, c.issues[i].textStart);
+            EXPECT_EQ(level4.content[i]->text, issues[i].textStart);
         }
         EXPECT_TRUE(level3.content.empty()) << test::describe(level3.result);
         EXPECT_EQ(level4.others, level3.others);

@@ -17,6 +17,7 @@
 namespace tarvoqc {
 namespace {
 
+namespace fs = std::filesystem;
 using Cat = QcIssueCategory;
 using Sev = QcSeverity;
 using test::ExpectedIssue;
@@ -126,40 +127,36 @@ TEST(DecodePass, CleanClipsScoreOk)
 
 TEST(DecodePass, DamagedClipsAndTheirScores)
 {
+    using enum QcSeverity;
+    using enum QcIssueCategory;
+    const auto media = [](Sev sev, int stream, const char* text) {
+        return ExpectedIssue{MediaTime, sev, stream, text};
+    };
+    const char* gap = "Gap at end: last decoded is 1.96 sec before clip end";
+    const auto noStart = media(Highest, 0, "Decoded data have no start timecode");
+    const auto noEnd = media(Highest, 0, "Decoded data have no end timecode");
+    const std::vector<ExpectedIssue> truncated = {
+        media(Low, 0, gap), media(Low, 1, gap),
+        media(Low, 0, "Decoded duration 1.96 sec under the one reported from header"),
+        media(Warning, -1, "QC: Clip duration must be fixed from 4.00 to 2.08")};
+    const std::vector<ExpectedIssue> audioLonger = {
+        media(High, 0, "Header: Stream is shorter than clip duration by 2.00 sec"),
+        media(High, 0, "Gap at end: last decoded is 2.00 sec before clip end. Last position 2.00")};
+    const std::vector<ExpectedIssue> lateAudio = {
+        media(Low, 1, "Header: Start time is off from clip by 0.98 sec"),
+        media(Low, 1, "Decoded start difference from clip start of 0.98")};
+    const char* rateChange = "Codec/data format mismatch at 1.91: 1x44100 vs 1x48000";
     // Clip, score, issues each present exactly once.
     const std::tuple<const char*, QcScore, std::vector<ExpectedIssue>> cases[] = {
-        {"truncated.mxf",
-         3,
-         {{Cat::MediaTime, Sev::Low, 0, "Gap at end: last decoded is 1.96 sec before clip end"},
-          {Cat::MediaTime, Sev::Low, 1, "Gap at end: last decoded is 1.96 sec before clip end"},
-          {Cat::MediaTime, Sev::Low, 0,
-           "Decoded duration 1.96 sec under the one reported from header"},
-          {Cat::MediaTime, Sev::Warning, -1, "QC: Clip duration must be fixed from 4.00 to 2.08"}}},
-        {"audio_longer.mp4",
-         2,
-         {{Cat::MediaTime, Sev::High, 0,
-           "Header: Stream is shorter than clip duration by 2.00 sec"},
-          {Cat::MediaTime, Sev::High, 0,
-           "Gap at end: last decoded is 2.00 sec before clip end. Last position 2.00"}}},
-        {"late_audio.ts",
-         3,
-         {{Cat::MediaTime, Sev::Low, 1, "Header: Start time is off from clip by 0.98 sec"},
-          {Cat::MediaTime, Sev::Low, 1, "Decoded start difference from clip start of 0.98"}}},
-        {"rate_change.ts",
-         1,
-         {{Cat::Frames, Sev::Highest, 0,
-           "Codec/data format mismatch at 1.91: 1x44100 vs 1x48000"}}},
-        {"overwritten.ts", 4, {{Cat::Frames, Sev::Warning, 0, "Gap in TC of 0.16 at 1.88"}}},
-        {"nothing_decodes.ts",
-         1,
-         {{Cat::MediaTime, Sev::Highest, 0, "Decoded data have no start timecode"},
-          {Cat::MediaTime, Sev::Highest, 0, "Decoded data have no end timecode"}}},
+        {"truncated.mxf", 3, truncated},
+        {"audio_longer.mp4", 2, audioLonger},
+        {"late_audio.ts", 3, lateAudio},
+        {"rate_change.ts", 1, {{Frames, Highest, 0, rateChange}}},
+        {"overwritten.ts", 4, {{Frames, Warning, 0, "Gap in TC of 0.16 at 1.88"}}},
+        {"nothing_decodes.ts", 1, {noStart, noEnd}},
         // 61 KB claiming 16000 x 16000 pictures: refused by the picture-size limit instead
         // of costing gigabytes (the memory is measured by bench/hostile.sh).
-        {"huge_picture.ts",
-         0,
-         {{Cat::Codec, Sev::Critical, 0, "...Could not open codec h264"},
-          {Cat::MediaTime, Sev::Highest, 0, "Decoded data have no start timecode"}}},
+        {"huge_picture.ts", 0, {{Codec, Critical, 0, "...Could not open codec h264"}, noStart}},
     };
     for (const auto& [clip, score, issues] : cases) {
         SCOPED_TRACE(clip);
@@ -247,24 +244,20 @@ TEST(DecodePass, CancelBeforeTheFirstPacket)
 TEST(DecodePass, ClipChangedDuringTheCheckIsReported)
 {
     const std::string original = test::readFile(test::testClip("mpeg2_pcm.mxf"));
-    using Change = void (*)(const std::filesystem::path& clip, const std::string& bytes);
+    using Change = void (*)(const fs::path& clip, const std::string& bytes);
     const std::pair<const char*, Change> cases[] = {
-        {"none", [](const std::filesystem::path&, const std::string&) {}},
-        {"grown", [](const std::filesystem::path& clip,
-                     const std::string& bytes) { test::writeFile(clip, bytes + "tail"); }},
+        {"none", [](const fs::path&, const std::string&) {}},
+        {"grown", [](const fs::path& c, const std::string& b) { test::writeFile(c, b + "tail"); }},
         {"truncated",
-         [](const std::filesystem::path& clip, const std::string& bytes) {
-             std::filesystem::resize_file(clip, bytes.size() / 2);
-         }},
+         [](const fs::path& c, const std::string& b) { fs::resize_file(c, b.size() / 2); }},
         {"touched",
-         [](const std::filesystem::path& clip, const std::string&) {
-             std::filesystem::last_write_time(clip, std::filesystem::last_write_time(clip) -
-                                                        std::chrono::hours(1));
+         [](const fs::path& c, const std::string&) {
+             fs::last_write_time(c, fs::last_write_time(c) - std::chrono::hours(1));
          }},
         {"replaced",
-         [](const std::filesystem::path& clip, const std::string& bytes) {
-             test::writeFile(clip.string() + ".new", bytes);
-             std::filesystem::rename(clip.string() + ".new", clip);
+         [](const fs::path& c, const std::string& b) {
+             test::writeFile(c.string() + ".new", b);
+             fs::rename(c.string() + ".new", c);
          }},
     };
     for (const auto& [change, apply] : cases) {
@@ -272,8 +265,7 @@ TEST(DecodePass, ClipChangedDuringTheCheckIsReported)
         const test::TempDir dir;
         const auto copy = dir / "clip.mxf";
         test::writeFile(copy, original);
-        std::filesystem::last_write_time(copy, std::filesystem::file_time_type::clock::now() -
-                                                   std::chrono::hours(2));
+        fs::last_write_time(copy, fs::file_time_type::clock::now() - std::chrono::hours(2));
         ClipChecker checker;
         ASSERT_TRUE(checker.Open(copy.string(), 2, -1));
         apply(copy, original);

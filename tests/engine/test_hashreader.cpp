@@ -3,6 +3,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -132,27 +133,23 @@ TEST_P(HashReaderTest, FileTruncatedAfterOpenGivesTheHashOfWhatIsLeft)
     // read at the new end returns 0 bytes and ends the reading without an error.
     std::mt19937 rng(4);
     const std::string content = randomText(6 * kPiece, rng);
-    struct Case
-    {
-        std::int64_t targetBefore; // advanced before the cut (below the cut)
-        std::int64_t cutTo;
-    };
-    const Case cases[] = {{-1, 0}, {0, 1000}, {kPiece, 3 * kPiece + 17}, {2 * kPiece, 4 * kPiece}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE("cut to " + std::to_string(c.cutTo));
+    // where the reader was advanced to before the cut (below it), the length cut to
+    const std::pair<std::int64_t, std::int64_t> cases[] = {
+        {-1, 0}, {0, 1000}, {kPiece, 3 * kPiece + 17}, {2 * kPiece, 4 * kPiece}};
+    for (const auto& [targetBefore, cutTo] : cases) {
+        SCOPED_TRACE("cut to " + std::to_string(cutTo));
         test::writeFile(m_dir / "clip.bin", content);
         auto reader = openReader(m_dir / "clip.bin");
         ASSERT_NE(reader, nullptr);
-        reader->advanceTo(c.targetBefore);
+        reader->advanceTo(targetBefore);
         const int writer = ::open((m_dir / "clip.bin").c_str(), O_WRONLY | O_CLOEXEC);
         ASSERT_GE(writer, 0);
-        ASSERT_EQ(::ftruncate(writer, c.cutTo), 0);
+        ASSERT_EQ(::ftruncate(writer, cutTo), 0);
         ::close(writer);
         reader->advanceTo(static_cast<std::int64_t>(content.size()));
-        const std::string expected =
-            hash256Of(content.substr(0, static_cast<std::size_t>(c.cutTo)));
+        const std::string expected = hash256Of(content.substr(0, static_cast<std::size_t>(cutTo)));
         EXPECT_EQ(makeHash256(reader->finish()), expected);
-        EXPECT_EQ(reader->bytesHashed(), static_cast<std::uint64_t>(c.cutTo));
+        EXPECT_EQ(reader->bytesHashed(), static_cast<std::uint64_t>(cutTo));
     }
 }
 

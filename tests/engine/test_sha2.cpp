@@ -98,8 +98,7 @@ TEST_P(Sha256PathTest, StandardExamples)
         {&kAbc, "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD"},
         {&k448Bits, "248D6A61D20638B8E5C026930C3E6039A33CE45964FF2167F6ECEDD419DB06C1"},
         {&k896Bits, "CF5B16A778AF8380036CE59E7B0492370B249B11E8F07A51AFAC45037AFEE9D1"},
-        {&kMillionA, "CDC76E5C9914FB9281A1C7E284D73E67F1809A48A497200E046D39CCC7112CD0"},
-    };
+        {&kMillionA, "CDC76E5C9914FB9281A1C7E284D73E67F1809A48A497200E046D39CCC7112CD0"}};
     for (const auto& [message, digest] : cases) {
         SCOPED_TRACE(message->substr(0, 16));
         EXPECT_EQ(digestHex(256, *message), digest);
@@ -211,8 +210,7 @@ TEST(Sha2, InitAcceptsOnlyTheThreeSizesInBitsOrBytes)
     const std::tuple<std::uint32_t, int, std::uint32_t> cases[] = {
         {256, 0, 32}, {32, 0, 32}, {384, 0, 48}, {48, 0, 48},  {512, 0, 64},
         {64, 0, 64},  {224, 1, 0}, {28, 1, 0},   {0, 1, 0},    {1, 1, 0},
-        {128, 1, 0},  {160, 1, 0}, {257, 1, 0},  {1024, 1, 0}, {0xFFFFFFFFu, 1, 0},
-    };
+        {128, 1, 0},  {160, 1, 0}, {257, 1, 0},  {1024, 1, 0}, {0xFFFFFFFFu, 1, 0}};
     for (const auto& [size, result, digestSize] : cases) {
         SCOPED_TRACE(size);
         Sha2Context context;

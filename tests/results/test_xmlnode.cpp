@@ -277,22 +277,20 @@ TEST(XmlNode, ForgivingReaderRules)
 
 TEST(XmlNode, MustFail)
 {
-    const std::string inputs[] = {
-        "",
-        "no tags at all",
-        "<a>",
-        "<a>text",
-        "<a></a",
-        "<1st/>",
-        "<a x=\"1/>",
-        "<-x/>",
-        "<a><b></a>",
-        "<.x/>",
-        "<a><b/>",
-        "<?xml version=\"1.0\"?>",
-        "<!DOCTYPE a><a/>",
-        std::string("<a>\0</a>", 8),
-    };
+    const std::string inputs[] = {"",
+                                  "no tags at all",
+                                  "<a>",
+                                  "<a>text",
+                                  "<a></a",
+                                  "<1st/>",
+                                  "<a x=\"1/>",
+                                  "<-x/>",
+                                  "<a><b></a>",
+                                  "<.x/>",
+                                  "<a><b/>",
+                                  "<?xml version=\"1.0\"?>",
+                                  "<!DOCTYPE a><a/>",
+                                  std::string("<a>\0</a>", 8)};
     for (const std::string& input : inputs) {
         SCOPED_TRACE(input);
         XmlNode document;

@@ -36,19 +36,17 @@ std::string iniIn(const TempDir& dir)
 TEST(ProfileStore, ValuesComeBackAsWritten)
 {
     TempDir dir;
-    const std::string values[] = {
-        "plain",
-        "Müller/日本語/😀",
-        "a=b=c",
-        "x;y ; z",
-        "  spaced both ends  ",
-        "\"quoted\"",
-        "\"",
-        "tab\tinside",
-        "C:\\Clips\\",
-        "-1, 100, 80, 640, 480 G:1",
-        std::string(3000, 'v'),
-    };
+    const std::string values[] = {"plain",
+                                  "Müller/日本語/😀",
+                                  "a=b=c",
+                                  "x;y ; z",
+                                  "  spaced both ends  ",
+                                  "\"quoted\"",
+                                  "\"",
+                                  "tab\tinside",
+                                  "C:\\Clips\\",
+                                  "-1, 100, 80, 640, 480 G:1",
+                                  std::string(3000, 'v')};
     {
         ProfileStore store(iniIn(dir));
         for (std::size_t i = 0; i < std::size(values); ++i) {
@@ -141,36 +139,18 @@ TEST(ProfileStore, WritingKeepsEveryOtherByte)
 {
     TempDir dir;
     const std::string path = iniIn(dir);
-    writeFile(path, "; TarvoQC settings\r\n"
-                    "[Options]\r\n"
-                    "Folder Clips=/media/in/\r\n"
-                    "\r\n"
-                    "[Job00]\r\n"
-                    "Enabled=0\r\n"
-                    "Custom.Key = keep me \r\n"
-                    "junk line without equals\r\n"
-                    "\r\n"
-                    "[WindowsSize]\r\n"
-                    "MAIN=-1, 100, 80, 640, 480 G:1\r\n");
+    // The lines around the job's keys, which no write may touch.
+    const std::string head = "; TarvoQC settings\r\n[Options]\r\nFolder Clips=/media/in/\r\n\r\n";
+    const std::string sizes = "\r\n[WindowsSize]\r\nMAIN=-1, 100, 80, 640, 480 G:1\r\n";
+    writeFile(path, head + "[Job00]\r\nEnabled=0\r\nCustom.Key = keep me \r\n" +
+                        "junk line without equals\r\n" + sizes);
     ProfileStore store(path);
     ASSERT_TRUE(store.WriteString("job00", "enabled", "1"));
     ASSERT_TRUE(store.WriteInt("Job00", "Good.QCTsh", 4));
     ASSERT_TRUE(store.WriteString("Extra", "K", "v"));
     ASSERT_TRUE(store.DeleteValue("Job00", "Custom.Key"));
-    EXPECT_EQ(readFile(path), "; TarvoQC settings\r\n"
-                              "[Options]\r\n"
-                              "Folder Clips=/media/in/\r\n"
-                              "\r\n"
-                              "[Job00]\r\n"
-                              "enabled=1\r\n"
-                              "junk line without equals\r\n"
-                              "Good.QCTsh=4\r\n"
-                              "\r\n"
-                              "[WindowsSize]\r\n"
-                              "MAIN=-1, 100, 80, 640, 480 G:1\r\n"
-                              "\r\n"
-                              "[Extra]\r\n"
-                              "K=v\r\n");
+    EXPECT_EQ(readFile(path), head + "[Job00]\r\nenabled=1\r\njunk line without equals\r\n" +
+                                  "Good.QCTsh=4\r\n" + sizes + "\r\n[Extra]\r\nK=v\r\n");
 
     // A file without a final line end, and a new file, with LF.
     writeFile(path, "[Job00]\nEnabled=0");

@@ -93,30 +93,31 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
     // document expected in the job folder (nullptr: none), what it holds, whether no
     // platform is named at all
     const std::tuple<std::vector<std::string>, bool, const char*, std::string, bool> rows[] = {
-        // empty command line: interactive, no document
-        {{}, false, nullptr, "", false},
-        // one job, upper-case extension, path with spaces
-        {{in("A.QCIN")}, true, "A.qcout", all, false},
-        // a job then a clip: no document
-        {{in("A.QCIN"), ok.string()}, true, nullptr, "", false},
+        {{}, false, nullptr, "", false},               // interactive, no document
+        {{in("A.QCIN")}, true, "A.qcout", all, false}, // upper-case extension, path with spaces
+        {{in("A.QCIN"), ok.string()}, true, nullptr, "", false}, // a job then a clip: none
         // two jobs: the second's document lists both
         {{in("A.QCIN"), in("second.qcin")}, true, "second.qcout", all, false},
-        // a job without clips stays open; closing writes it
-        {{in("empty.qcin")}, false, "empty.qcout", "", false},
-        // a job that does not parse adds nothing
-        {{in("broken.qcin")}, false, "broken.qcout", "", false},
-        // clips, not jobs
-        {{in("x.qcin.bak"), in(".qci")}, true, nullptr, "", false},
+        {{in("empty.qcin")}, false, "empty.qcout", "", false},      // stays open; closing writes it
+        {{in("broken.qcin")}, false, "broken.qcout", "", false},    // does not parse: adds nothing
+        {{in("x.qcin.bak"), in(".qci")}, true, nullptr, "", false}, // clips, not jobs
         // Hide without a display; hidden and waiting, a close request still ends it
         {{in("hidden.qcin")}, true, "hidden.qcout", hidden, true},
         {{in("hidden-empty.qcin")}, false, "hidden-empty.qcout", "", true},
     };
-    for (const auto& [args, endsByItself, document, summary, unsetPlatform] : rows) {
-        SCOPED_TRACE(testing::PrintToString(args));
+    const auto documents = [&] {
+        std::vector<std::string> names;
         for (const auto& entry : fs::directory_iterator(jobs)) {
             if (entry.path().extension() == ".qcout") {
-                fs::remove(entry.path());
+                names.push_back(entry.path().filename().string());
             }
+        }
+        return names;
+    };
+    for (const auto& [args, endsByItself, document, summary, unsetPlatform] : rows) {
+        SCOPED_TRACE(testing::PrintToString(args));
+        for (const std::string& name : documents()) {
+            fs::remove(jobs / name);
         }
         test::ChildProcess process = windowProcess(args, home, unsetPlatform);
         if (endsByItself) {
@@ -127,17 +128,11 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
             process.signal(SIGTERM);
             EXPECT_EQ(process.waitFor(std::chrono::seconds(5)), 0);
         }
-        std::vector<std::string> documents;
-        for (const auto& entry : fs::directory_iterator(jobs)) {
-            if (entry.path().extension() == ".qcout") {
-                documents.push_back(entry.path().filename().string());
-            }
-        }
         if (document == nullptr) {
-            EXPECT_TRUE(documents.empty());
+            EXPECT_TRUE(documents().empty());
             continue;
         }
-        ASSERT_EQ(documents, std::vector<std::string>{document});
+        ASSERT_EQ(documents(), std::vector<std::string>{document});
         EXPECT_EQ(documentSummary(jobs / document), summary);
     }
 }
