@@ -168,6 +168,65 @@ TEST(DecodePass, DamagedClipsAndTheirScores)
     }
 }
 
+// Clips whose whole issue list is known: durations a hair off their header (0.0099 s raises
+// nothing, 0.01 s a Warning), a demuxer that fails half-way (the pass ends there, without an
+// issue of its own), and a clip with no checked video or audio stream (its duration is
+// corrected to 0).
+TEST(DecodePass, ExactIssueListsOfHeaderAndDecodedDurations)
+{
+    using enum QcSeverity;
+    const auto media = [](Sev sev, int stream, const char* text) {
+        return ExpectedIssue{Cat::MediaTime, sev, stream, text};
+    };
+    const std::tuple<const char*, std::vector<ExpectedIssue>> cases[] = {
+        {"track_short_0.0099.mp4", {}},
+        {"track_short_0.01.mp4",
+         {media(Warning, 0, "Header: Stream is shorter than clip duration by 0.01 sec"),
+          media(Warning, 0,
+                "Decoded duration 0.01 sec over the one reported from header. "
+                "2.00 vs 1.99")}},
+        {"clip_short_0.0099.mp4", {}},
+        // The pair of the later end shows the stream's header duration, not the clip's.
+        {"clip_short_0.01.mp4",
+         {media(Warning, 0, "Header: Stream is longer than clip duration by 0.01 sec"),
+          media(Warning, 0, "Later end: last decoded 0.01 sec over the clip end. 2.00 vs 2.00"),
+          media(Warning, -1, "QC: Clip duration must be fixed from 1.99 to 2.00")}},
+        {"demux_error.y4m",
+         {media(Low, 0,
+                "Decoded duration 1.00 sec under the one reported from header. "
+                "Last position 1.00"),
+          media(Low, 0, "Gap at end: last decoded is 1.00 sec before clip end. Last position 1.00"),
+          media(Warning, -1, "QC: Clip duration must be fixed from 2.00 to 1.00")}},
+        {"subtitles_only.mkv",
+         {media(Highest, -1, "Couldn't estimate clip start timecode"),
+          media(Warning, -1, "QC: Clip duration must be fixed from 2.00 to 0.00")}},
+    };
+    for (const auto& [clip, issues] : cases) {
+        SCOPED_TRACE(clip);
+        const QcResult r = checkClip(clip, 3);
+        EXPECT_EQ(r.issues.size(), issues.size()) << test::describe(r);
+        for (const ExpectedIssue& e : issues) {
+            EXPECT_EQ(test::countIssues(r, e), 1) << e.textStart << "\n" << test::describe(r);
+        }
+        EXPECT_EQ(r.facts.hash256, test::sha256sumOf(test::testClip(clip)));
+    }
+    EXPECT_TRUE(checkClip("demux_error.y4m", 2).issues.empty());
+}
+
+// Raw H.264 carries no time stamps: every frame that comes out for a packet is reported, but
+// not the frame a B-frame stream keeps in the decoder until it is drained at the end.
+TEST(DecodePass, FramesWithoutTimecodeAreReportedUnlessDrained)
+{
+    const ExpectedIssue noTimecode{Cat::Frames, Sev::Low, 0,
+                                   "Error in decoded frame, no timecode."};
+    for (const auto& [clip, reported] :
+         {std::pair{"no_timecode.h264", 25}, std::pair{"no_timecode_bframes.h264", 24}}) {
+        SCOPED_TRACE(clip);
+        const QcResult r = checkClip(clip, 3);
+        EXPECT_EQ(test::countIssues(r, noTimecode), reported) << test::describe(r);
+    }
+}
+
 TEST(DecodePass, StreamThatDecodesNothingGetsOnlyTheTwoMissingTimecodeIssues)
 {
     const QcResult r = checkClip("nothing_decodes.ts", 3);

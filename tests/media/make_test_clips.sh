@@ -222,6 +222,45 @@ if [[ ! -e "$out/l4_damaged.ts" ]]; then
              print $d' "$out/.l4_clean.ts" >"$out/.tmp.l4_damaged.ts" && mv "$out/.tmp.l4_damaged.ts" "$out/l4_damaged.ts"
 fi
 
+# Durations a hair off: a 2 s MPEG-2 MP4 at a 1/10000 track time base, without an edit list,
+# whose track duration (mdhd) or clip duration (mvhd, set to the same time base) is patched
+# 0.0099 s or 0.01 s short.
+make .durations.mp4 -f lavfi -i "$(video 2 160x120)" -c:v mpeg2video -g 25 -bf 0 \
+    -use_editlist 0 -video_track_timescale 10000 -f mp4
+for cut in track:mdhd:0.0099:19901 track:mdhd:0.01:19900 clip:mvhd:0.0099:19901 clip:mvhd:0.01:19900; do
+    IFS=: read -r what box label duration <<<"$cut"
+    name="${what}_short_$label.mp4"
+    [[ -e "$out/$name" ]] || python3 - "$out/.durations.mp4" "$out/.tmp.$name" "$box" "$duration" <<'PY'
+import struct, sys
+src, dst, box, duration = sys.argv[1], sys.argv[2], sys.argv[3].encode(), int(sys.argv[4])
+data = bytearray(open(src, 'rb').read())
+at = data.find(box)
+assert at > 0 and data[at + 4] == 0, 'version 0 box expected'
+struct.pack_into('>II', data, at + 16, 10000, duration)  # time scale, duration
+open(dst, 'wb').write(data)
+PY
+    [[ -e "$out/$name" ]] || mv "$out/.tmp.$name" "$out/$name"
+done
+# Raw H.264 has no time stamps at all: 25 frames without, then with B-frames, which hold one
+# frame in the decoder until the end.
+make no_timecode.h264 -f lavfi -i "$(video 1 160x120)" -c:v libx264 -bf 0 -x264-params threads=1 -f h264
+make no_timecode_bframes.h264 -f lavfi -i "$(video 1 160x120)" -c:v libx264 -bf 2 \
+    -x264-params threads=1:b-pyramid=0 -f h264
+# A 2 s YUV4MPEG clip whose 26th frame header is broken: its demuxer fails there.
+make .frames.y4m -f lavfi -i "$(video 2 64x48)" -pix_fmt yuv420p -f yuv4mpegpipe
+[[ -e "$out/demux_error.y4m" ]] || python3 - "$out/.frames.y4m" "$out/.tmp.demux_error.y4m" <<'PY'
+import sys
+data = open(sys.argv[1], 'rb').read()
+at = -1
+for _ in range(26):
+    at = data.find(b'FRAME\n', at + 1)
+open(sys.argv[2], 'wb').write(data[:at] + b'X' + data[at + 1:])
+PY
+[[ -e "$out/demux_error.y4m" ]] || mv "$out/.tmp.demux_error.y4m" "$out/demux_error.y4m"
+# Matroska with a 2 s subtitle stream and nothing else.
+printf '1\n00:00:00,000 --> 00:00:01,500\nOne\n\n2\n00:00:01,500 --> 00:00:02,000\nTwo\n' >"$out/.subtitles.srt"
+make subtitles_only.mkv -i "$out/.subtitles.srt" -c:s srt -f matroska
+
 # Files that only look like clips.
 [[ -e "$out/text.mov" ]] || printf 'This is a text file, not a clip.\nSecond line.\n' >"$out/text.mov"
 [[ -e "$out/random.mxf" ]] || perl -e 'srand(7); print map { chr(int(rand(256))) } 1..65536' >"$out/random.mxf"
