@@ -28,7 +28,7 @@ CheckRunner::CheckRunner(const TaskItem& item, CheckLevel level, int decoderThre
 
 CheckRunner::~CheckRunner()
 {
-    Stop();
+    StopAndWait();
     m_checker.Close();
 }
 

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -62,7 +63,8 @@ public:
     CheckRunner(const TaskItem& item, CheckLevel level, int decoderThreadOption,
                 int priority = kThreadPriorityIdle, const ClipCheckOptions& options = {});
     // Stops the check (stop flag, up to 2 s, then the forced abort) and releases the
-    // checker and its media library objects on the calling thread.
+    // checker and its media library objects on the calling thread. A thread held in the
+    // kernel is waited for (see WorkerThread): owners that must not wait stop it first.
     ~CheckRunner() override;
 
     // Starts the check. When no thread can be made the clip is opened here instead, so
@@ -77,9 +79,9 @@ public:
     // steps, and the window thread must not wait for that.
     bool finished() const { return !IsRunning() && HasExited(); }
 
-    // Notified when the check ends (not after a forced abort). Set before StartCheck; the
-    // signal must outlive the runner's thread.
-    void setEndSignal(RunnerEndSignal* signal) { m_endSignal = signal; }
+    // Notified when the check ends (not after a forced abort). Set before StartCheck; shared,
+    // because a runner whose thread is held in the kernel may outlive its owner.
+    void setEndSignal(std::shared_ptr<RunnerEndSignal> signal) { m_endSignal = std::move(signal); }
 
     std::uint64_t itemId() const { return m_itemId; }
     const std::string& path() const { return m_path; }
@@ -97,7 +99,7 @@ private:
     const int m_priority;
     ClipChecker m_checker;
     std::atomic<bool> m_checkEnded{false};
-    RunnerEndSignal* m_endSignal = nullptr;
+    std::shared_ptr<RunnerEndSignal> m_endSignal;
 };
 
 } // namespace tarvoqc

@@ -2,15 +2,48 @@
 
 #include <algorithm>
 #include <chrono>
+#include <mutex>
 #include <thread>
 
 namespace tarvoqc {
+
+namespace {
+
+// Keeps a runner whose thread a stop could not end (held in an uninterruptible kernel
+// wait) for the rest of the process: the kernel may still write into buffers its checker
+// owns, so destroying it would corrupt memory, and waiting for it would hang the caller.
+void keepUntilExit(std::unique_ptr<CheckRunner> runner)
+{
+    static std::mutex lock;
+    static auto* kept = new std::vector<std::unique_ptr<CheckRunner>>();
+    const std::lock_guard guard(lock);
+    std::erase_if(*kept, [](const auto& r) { return r->finished(); });
+    kept->push_back(std::move(runner));
+}
+
+} // namespace
 
 RunController::RunController(TaskList& list, RunControllerOptions options)
     : m_list(list), m_options(options)
 {}
 
-RunController::~RunController() = default;
+RunController::~RunController()
+{
+    stopRunners();
+}
+
+void RunController::stopRunners()
+{
+    for (const auto& runner : m_runners) {
+        runner->RequestStop();
+    }
+    for (auto& runner : m_runners) {
+        if (!runner->Stop()) {
+            keepUntilExit(std::move(runner));
+        }
+    }
+    m_runners.clear();
+}
 
 bool RunController::CheckAll()
 {
@@ -28,7 +61,7 @@ bool RunController::CheckSelected(std::int64_t row)
     if (row < 0 || static_cast<std::size_t>(row) >= m_list.size() || m_state != RunState::Idle) {
         return false;
     }
-    m_runners.clear();
+    stopRunners();
     startRunner(m_list.item(static_cast<std::size_t>(row)));
     m_state = RunState::Single;
     return true;
@@ -38,7 +71,7 @@ void RunController::startRunner(TaskItem& item)
 {
     auto runner = std::make_unique<CheckRunner>(
         item, m_options.level, m_options.decoderThreadOption, m_options.priority, m_options.check);
-    runner->setEndSignal(&m_endSignal);
+    runner->setEndSignal(m_endSignal);
     runner->StartCheck();
     m_runners.push_back(std::move(runner));
 }
@@ -70,7 +103,7 @@ void RunController::waitForRunnerEnd(std::chrono::milliseconds timeout)
         return;
     }
     const auto until = std::chrono::steady_clock::now() + timeout;
-    m_endSignal.waitFor(timeout, [this] {
+    m_endSignal->waitFor(timeout, [this] {
         return std::any_of(m_runners.begin(), m_runners.end(),
                            [](const auto& runner) { return runner->checkEnded(); });
     });

@@ -60,7 +60,9 @@ class RunController
 {
 public:
     RunController(TaskList& list, RunControllerOptions options);
-    // Destroys the runners (each stops its check: stop flag, up to 2 s, forced abort).
+    // Stops the runners (stop flags, up to 2 s, the forced abort) and destroys them. The
+    // wait is bounded (about 4 s): a runner whose thread is held in an uninterruptible
+    // kernel wait is kept, unowned, until the process ends instead of being destroyed.
     virtual ~RunController();
     RunController(const RunController&) = delete;
     RunController& operator=(const RunController&) = delete;
@@ -89,6 +91,7 @@ private:
     void startRunner(TaskItem& item);
     bool beingChecked(const TaskItem& item) const;
     TaskItem* nextUnchecked();
+    void stopRunners();
 
     TaskList& m_list;
     const RunControllerOptions m_options;
@@ -98,7 +101,7 @@ private:
     // revision is the one noted: "Check all" then never scans the list from the top again.
     std::size_t m_cursor = 0;
     std::uint64_t m_cursorRevision = 0;
-    RunnerEndSignal m_endSignal; // declared before the runners, which notify it
+    std::shared_ptr<RunnerEndSignal> m_endSignal = std::make_shared<RunnerEndSignal>();
     std::vector<std::unique_ptr<CheckRunner>> m_runners;
 };
 

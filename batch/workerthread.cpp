@@ -81,7 +81,7 @@ WorkerThread::~WorkerThread()
 {
     // Not virtual here on purpose: a subclass has already stopped the thread in its own
     // destructor; this one catches a subclass that did not.
-    WorkerThread::Stop();
+    StopAndWait();
 }
 
 bool WorkerThread::Start()
@@ -206,14 +206,14 @@ void WorkerThread::signalThread()
     ::pthread_kill(m_thread.native_handle(), abortSignal());
 }
 
-void WorkerThread::Stop()
+bool WorkerThread::Stop()
 {
     if (!m_thread.joinable()) {
-        return;
+        return true;
     }
     m_stopFlag.exchange(1);
     if (std::this_thread::get_id() == m_thread.get_id()) {
-        return; // a thread cannot wait for itself; the flag is all it can be given
+        return false; // a thread cannot wait for itself; the flag is all it can be given
     }
 
     bool ended = false;
@@ -229,10 +229,27 @@ void WorkerThread::Stop()
     }
     if (!ended) {
         m_jumpAnywhere.store(1);
+        const auto deadline = std::chrono::steady_clock::now() + m_timings.lastResortWindow;
         do {
             signalThread();
             ended = waitEnded(m_timings.resendInterval);
-        } while (!ended);
+        } while (!ended && std::chrono::steady_clock::now() < deadline);
+    }
+    if (!ended) {
+        return false; // held in the kernel; a signal is pending and takes it out later
+    }
+    m_thread.join();
+    return true;
+}
+
+void WorkerThread::StopAndWait()
+{
+    if (Stop() || !m_thread.joinable() || std::this_thread::get_id() == m_thread.get_id()) {
+        return;
+    }
+    {
+        std::unique_lock lock(m_lock);
+        m_changed.wait(lock, [this] { return m_ended.load(std::memory_order_acquire); });
     }
     m_thread.join();
 }

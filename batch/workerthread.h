@@ -43,9 +43,15 @@ inline constexpr int kExitCodeException = -1; // a C++ exception escaped Run
 //     taker hangs; memory owned by the skipped frames leaks. This is reached only by a
 //     thread that spent 3 s ignoring the stop flag outside every abort point (stuck
 //     computing inside a library); ending it that way is preferred to never returning.
-//  5. The thread is joined; its exit code and WasAborted() can be read. Stop never detaches
-//     a thread: one in an uninterruptible kernel wait (a dead network mount) is reached
-//     when that wait ends.
+//  5. The thread is joined; its exit code and WasAborted() can be read.
+//  6. Held in the kernel: a thread in an uninterruptible kernel wait (a dead network mount,
+//     a hung device) is reached by no signal until that wait ends. Stop signals it for one
+//     more second and then returns false without joining, so the caller's wait is bounded
+//     by about 4 s in all. The thread is left to the kernel: its abort signal stays
+//     pending and jumps it back to its entry the moment the wait ends, before any more of
+//     Run's code runs. The object must stay alive until then (HasExited()), because the
+//     kernel may still write into buffers it owns; StopAndWait() and the destructor wait
+//     for that without a bound.
 //
 // The abort signal is SIGRTMIN + 3; its handler is installed process-wide at the first
 // Start, so nothing else in the process may use that signal.
@@ -77,9 +83,17 @@ public:
     // has ended is joined first, so an object can be started again.
     virtual bool Start();
 
-    // Ends the thread as described above; returns when it has been joined. Does nothing
-    // when there is no thread.
-    virtual void Stop();
+    // Sets the stop flag only, so that an owner of several workers can let them all wind
+    // down at once before it stops each.
+    void RequestStop() { m_stopFlag.exchange(1); }
+
+    // Ends the thread as described above. True once the thread has been joined (or there
+    // is none); false when it is held in the kernel (stage 6) and still runs.
+    virtual bool Stop();
+
+    // Stop, and if the thread is held in the kernel, waits for it to come back and end,
+    // without a bound. For destructors, whose members the thread may still use.
+    void StopAndWait();
 
     // True from Start until Run has returned (or the thread was aborted).
     bool IsRunning() const;
@@ -113,6 +127,7 @@ public:
         std::chrono::milliseconds gracefulWait{200};
         std::chrono::milliseconds resendInterval{50};
         std::chrono::milliseconds abortPointWindow{1000};
+        std::chrono::milliseconds lastResortWindow{1000};
     };
 
 protected:

@@ -1,3 +1,4 @@
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -10,8 +11,11 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -47,7 +51,7 @@ public:
     {
         setStartPriority(kThreadPriorityNormal);
     }
-    ~TestWorker() override { Stop(); }
+    ~TestWorker() override { StopAndWait(); }
 
     using WorkerThread::setStopTimings;
 
@@ -238,6 +242,50 @@ TEST(WorkerThread, LastResortEndsAThreadThatNeverLooksAtTheFlag)
     EXPECT_TRUE(worker.WasAborted());
     EXPECT_GE(seconds, 3.0);
     EXPECT_LT(seconds, 5.0);
+}
+
+// A child made with CLONE_VFORK that never execs holds its parent thread in a kernel wait
+// that only SIGKILL ends, as a dead network mount would: no abort signal reaches it there.
+TEST(WorkerThread, StopReturnsFromAThreadHeldInTheKernelAndTheSignalEndsItLater)
+{
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer runs a vfork child as an ordinary fork";
+#endif
+    int pipeFds[2];
+    ASSERT_EQ(::pipe(pipeFds), 0);
+    static std::array<char, 64 * 1024> childStack;
+    TestWorker worker([&](const Flag*) {
+        const auto child = [](void* fd) -> int {
+            const pid_t pid = ::getpid();
+            [[maybe_unused]] const auto written = ::write(*static_cast<int*>(fd), &pid, sizeof pid);
+            for (;;) {
+                ::pause();
+            }
+        };
+        ::clone(child, childStack.data() + childStack.size(), CLONE_VFORK | SIGCHLD, &pipeFds[1]);
+        return 4;
+    });
+    worker.setStopTimings({2, 50ms, 20ms, 200ms, 200ms});
+    ASSERT_TRUE(worker.Start());
+    pid_t child = 0;
+    ASSERT_EQ(::read(pipeFds[0], &child, sizeof child), static_cast<ssize_t>(sizeof child));
+    ::close(pipeFds[0]);
+    ::close(pipeFds[1]);
+
+    const auto start = Clock::now();
+    EXPECT_FALSE(worker.Stop());
+    EXPECT_LT(secondsSince(start), 2.0) << "the caller's wait is bounded";
+    EXPECT_TRUE(worker.IsRunning());
+    EXPECT_FALSE(worker.HasExited());
+
+    // Released by the kernel, the thread meets its pending signal before any more of its
+    // own code runs: it ends through the forced abort, not by returning 4.
+    ASSERT_EQ(::kill(child, SIGKILL), 0);
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    worker.StopAndWait();
+    EXPECT_FALSE(worker.IsRunning());
+    EXPECT_EQ(worker.ExitCode(), kExitCodeAborted);
+    EXPECT_TRUE(worker.WasAborted());
 }
 
 TEST(WorkerThread, DestroyWhileRunningAtRandomMoments)
