@@ -1,7 +1,6 @@
 #include "tests/support/testsupport.h"
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <cerrno>
 #include <csignal>
@@ -13,7 +12,6 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -122,17 +120,16 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts)
 CommandResult runCommand(const std::vector<std::string>& argv,
                          const std::vector<std::string>& extraEnv)
 {
+    // The outputs go to files rather than pipes, so a chatty child can never block.
     CommandResult result;
-    int outPipe[2];
-    int errPipe[2];
-    if (::pipe2(outPipe, O_CLOEXEC) != 0 || ::pipe2(errPipe, O_CLOEXEC) != 0) {
-        return result;
-    }
+    const TempDir outputs;
+    const fs::path out = outputs / "out";
+    const fs::path err = outputs / "err";
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT, 0600);
+    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT, 0600);
 
     std::vector<std::string> env;
     for (char** e = environ; *e != nullptr; ++e) {
@@ -146,41 +143,15 @@ CommandResult runCommand(const std::vector<std::string>& argv,
     pid_t pid = 0;
     const int rc = ::posix_spawnp(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
-    ::close(outPipe[1]);
-    ::close(errPipe[1]);
-    if (rc == 0) {
-        // Read both pipes together so that a chatty child never blocks on a full one.
-        std::array<pollfd, 2> fds{pollfd{outPipe[0], POLLIN, 0}, pollfd{errPipe[0], POLLIN, 0}};
-        std::array<std::string*, 2> sinks{&result.out, &result.err};
-        int open = 2;
-        while (open > 0) {
-            if (::poll(fds.data(), fds.size(), -1) < 0) {
-                if (errno == EINTR) {
-                    continue;
-                }
-                break;
-            }
-            for (std::size_t i = 0; i < fds.size(); ++i) {
-                if (fds[i].fd < 0 || fds[i].revents == 0) {
-                    continue;
-                }
-                char buffer[4096];
-                const ssize_t n = ::read(fds[i].fd, buffer, sizeof buffer);
-                if (n > 0) {
-                    sinks[i]->append(buffer, static_cast<std::size_t>(n));
-                } else {
-                    fds[i].fd = -1;
-                    --open;
-                }
-            }
-        }
-        int status = 0;
-        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
-        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (rc != 0) {
+        return result;
     }
-    ::close(outPipe[0]);
-    ::close(errPipe[0]);
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.out = readFile(out);
+    result.err = readFile(err);
     return result;
 }
 
