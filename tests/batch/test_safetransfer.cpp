@@ -134,14 +134,15 @@ struct ChildOutcome
 };
 
 ChildOutcome transferInChild(const fs::path& dest, const fs::path& src, std::uint32_t flags,
-                             const std::function<bool()>& setup)
+                             const std::function<bool()>& setup, bool move = false)
 {
     const std::optional<std::string> bytes = test::runInChild([&]() -> std::optional<std::string> {
         if (!setup()) {
             return std::nullopt;
         }
         TransferProgress record;
-        const std::int32_t code = SafeTransfer(dest.string(), src.string(), flags, &record);
+        const std::int32_t code =
+            (move ? SafeMove : SafeTransfer)(dest.string(), src.string(), flags, &record, nullptr);
         return std::string(reinterpret_cast<const char*>(&code), sizeof code) + record.error();
     });
     ChildOutcome out;
@@ -165,9 +166,9 @@ bool matchesPattern(const std::string& text, std::string pattern, const fs::path
                       [](char t, char p) { return p == '#' ? t >= '0' && t <= '9' : t == p; });
 }
 
-void fillNumberedNames(const fs::path& folder)
+void fillNumberedNames(const fs::path& folder, int last = 999)
 {
-    for (int n = 1; n <= 999; ++n) {
+    for (int n = 1; n <= last; ++n) {
         writeFile(folder / ("clip (" + std::to_string(n) + ").mxf"), "taken");
     }
 }
@@ -230,6 +231,14 @@ TEST(SafeTransfer, RefusesBadNamesAndSourcesWithoutLeavingAnything)
     writeFile(src, "source bytes");
     fs::create_directory(dir / "folder.mxf");
     ASSERT_EQ(::mkfifo((dir / "fifo.mxf").c_str(), 0644), 0);
+    // Another program writing the source: a lease shows it, so without leases the row is moot.
+    const std::string held = (dir / "held.mxf").string();
+    writeFile(held, makeBytes(100'000));
+    const int probe = ::open(held.c_str(), O_RDONLY);
+    const bool leases = ::fcntl(probe, F_SETLEASE, F_RDLCK) == 0;
+    ::fcntl(probe, F_SETLEASE, F_UNLCK);
+    ::close(probe);
+    const int writer = ::open(held.c_str(), O_WRONLY | O_APPEND);
 
     const std::tuple<std::string, std::string, std::string> cases[] = {
         {"", "", "Invalid input name"},
@@ -239,44 +248,20 @@ TEST(SafeTransfer, RefusesBadNamesAndSourcesWithoutLeavingAnything)
         {slashed(dir / "out"), src, "Invalid output name"},
         {dest, (dir / "missing.mxf").string(), "Cannot check " + (dir / "missing.mxf").string()},
         {dest, (dir / "folder.mxf").string(), "Cannot open input " + (dir / "folder.mxf").string()},
-        {dest, (dir / "fifo.mxf").string(), "Cannot open input " + (dir / "fifo.mxf").string()}};
+        {dest, (dir / "fifo.mxf").string(), "Cannot open input " + (dir / "fifo.mxf").string()},
+        {dest, held, "Cannot open input " + held}};
     for (const auto& [to, from, error] : cases) {
         SCOPED_TRACE(error);
+        if (from == held && !leases) {
+            continue;
+        }
         TransferProgress record;
         EXPECT_EQ(SafeTransfer(to, from, TransferVerify, &record), -1);
         EXPECT_EQ(record.error(), error);
         EXPECT_TRUE(fs::is_empty(dir / "out"));
         EXPECT_EQ(readFile(src), "source bytes");
     }
-}
-
-TEST(SafeTransfer, RefusesASourceThatIsStillBeingWritten)
-{
-    TempDir dir;
-    const fs::path src = dir / "in.mxf";
-    writeFile(src, makeBytes(100'000));
-    {
-        // Leases are what tells a file being written; without them there is nothing to test.
-        const int probe = ::open(src.c_str(), O_RDONLY);
-        if (::fcntl(probe, F_SETLEASE, F_RDLCK) != 0) {
-            ::close(probe);
-            GTEST_SKIP() << "no file leases here";
-        }
-        ::fcntl(probe, F_SETLEASE, F_UNLCK);
-        ::close(probe);
-    }
-    const int writer = ::open(src.c_str(), O_WRONLY | O_APPEND);
-    ASSERT_GE(writer, 0);
-    TransferProgress record;
-    EXPECT_EQ(SafeTransfer((dir / "out.mxf").string(), src.string(), TransferVerify, &record), -1);
-    EXPECT_EQ(record.error(), "Cannot open input " + src.string());
-    EXPECT_TRUE(tempFilesIn(dir.path()).empty());
-    EXPECT_FALSE(fs::exists(dir / "out.mxf"));
-
-    // Once the writer is done the same transfer goes through.
     ::close(writer);
-    EXPECT_EQ(SafeTransfer((dir / "out.mxf").string(), src.string(), TransferVerify, &record), 0);
-    EXPECT_EQ(readFile(dir / "out.mxf"), readFile(src));
 }
 
 TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
@@ -295,12 +280,16 @@ TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
         TempDir dir;
         const std::string bytes = makeBytes(150'000, flags);
         writeFile(dir / "in.mxf", bytes);
-        fs::create_directory(dir / "out");
-        writeFile(dir / "out" / "clip.mxf", "older clip");
+        // A folder whose paths are longer than some systems allow.
+        const fs::path out = dir / std::string(90, 'a') / std::string(90, 'b') /
+                             std::string(90, 'c') / std::string(90, 'd');
+        fs::create_directories(out);
+        const fs::path dest = out / "clip.mxf";
+        ASSERT_GT(dest.string().size(), 260u);
+        writeFile(dest, "older clip");
         if (allNumbersTaken) {
-            fillNumberedNames(dir / "out");
+            fillNumberedNames(out);
         }
-        const fs::path dest = dir / "out" / "clip.mxf";
 
         TransferProgress record;
         std::string finalPath;
@@ -308,21 +297,21 @@ TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
             SafeTransfer(dest.string(), (dir / "in.mxf").string(), flags, &record, &finalPath),
             code);
         EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
-        EXPECT_TRUE(tempFilesIn(dir / "out").empty());
+        EXPECT_TRUE(tempFilesIn(out).empty());
         if (code != 0) {
             EXPECT_EQ(record.error(), landsIn);
             EXPECT_EQ(record.status(), "Output exists " + dest.string());
             EXPECT_EQ(readFile(dest), "older clip");
             continue;
         }
-        EXPECT_EQ(finalPath, (dir / "out" / landsIn).string());
+        EXPECT_EQ(finalPath, (out / landsIn).string());
         EXPECT_EQ(readFile(finalPath), bytes);
         if ((flags & TransferOverwrite) != 0) {
             EXPECT_EQ(record.status(), "Overwriting dest " + dest.string());
         } else {
             EXPECT_EQ(readFile(dest), "older clip");
         }
-        EXPECT_EQ(std::distance(fs::directory_iterator(dir / "out"), fs::directory_iterator()),
+        EXPECT_EQ(std::distance(fs::directory_iterator(out), fs::directory_iterator()),
                   ((flags & TransferOverwrite) != 0 ? 1 : 2) + (allNumbersTaken ? 999 : 0));
     }
 }
@@ -542,27 +531,43 @@ TEST(SafeTransfer, TempNamesTakenInTheSameSecond)
     }
 }
 
-TEST(SafeTransfer, ReadOnlyDestinationFolder)
+// A folder that does not allow changes: the destination's stops the copy, the source's
+// stops only the deletion of a moved source.
+TEST(SafeTransfer, ClosedFolders)
 {
-    TempDir dir;
-    const std::string bytes = makeBytes(10'000);
-    writeFile(dir / "in.mxf", bytes);
-    fs::create_directory(dir / "out");
-    // The child may run as nobody: it must reach the source, and only the folder is closed.
-    fs::permissions(dir.path(),
-                    fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec);
-    fs::permissions(dir / "in.mxf", fs::perms::owner_read | fs::perms::others_read);
-    fs::permissions(dir / "out", fs::perms::owner_read | fs::perms::owner_exec |
-                                     fs::perms::others_read | fs::perms::others_exec);
-    // Folder permissions do not bind root: run the transfer as nobody then.
-    const bool root = ::geteuid() == 0;
-    const ChildOutcome r = transferInChild(dir / "out" / "clip.mxf", dir / "in.mxf", TransferVerify,
-                                           [root] { return !root || test::dropToNobody(); });
-    EXPECT_EQ(r.code, -6);
-    EXPECT_TRUE(r.error.starts_with("Cannot open output temp file " + slashed(dir / "out")))
-        << r.error;
-    EXPECT_TRUE(fs::is_empty(dir / "out"));
-    EXPECT_EQ(readFile(dir / "in.mxf"), bytes);
+    const auto open = fs::perms::all;
+    const auto closed = fs::perms::owner_read | fs::perms::owner_exec | fs::perms::others_read |
+                        fs::perms::others_exec;
+    // move, source folder, destination folder, code, error (see matchesPattern)
+    const std::tuple<bool, fs::perms, fs::perms, std::int32_t, const char*> cases[] = {
+        {false, open, closed, -6, "Cannot open output temp file {dir}/out/##-##-#### ######.tmp"},
+        {true, closed, open, kSourceNotDeleted, "Cannot delete source {dir}/in/clip.mxf"}};
+    for (const auto& [move, inMode, outMode, code, error] : cases) {
+        SCOPED_TRACE(error);
+        TempDir dir;
+        const std::string bytes = makeBytes(10'000);
+        fs::create_directory(dir / "in");
+        fs::create_directory(dir / "out");
+        writeFile(dir / "in" / "clip.mxf", bytes);
+        // The child may run as nobody: it must reach the source, and only one folder is closed.
+        fs::permissions(dir.path(), closed | fs::perms::owner_all);
+        fs::permissions(dir / "in" / "clip.mxf", fs::perms::owner_read | fs::perms::others_read);
+        fs::permissions(dir / "in", inMode);
+        fs::permissions(dir / "out", outMode);
+        // Folder permissions do not bind root: run the transfer as nobody then.
+        const bool root = ::geteuid() == 0;
+        const ChildOutcome r = transferInChild(
+            dir / "out" / "clip.mxf", dir / "in" / "clip.mxf", TransferVerify,
+            [root] { return !root || test::dropToNobody(); }, move);
+        EXPECT_EQ(r.code, code);
+        EXPECT_TRUE(matchesPattern(r.error, error, dir.path())) << r.error;
+        EXPECT_EQ(readFile(dir / "in" / "clip.mxf"), bytes);
+        EXPECT_TRUE(tempFilesIn(dir / "out").empty());
+        EXPECT_EQ(fs::exists(dir / "out" / "clip.mxf"), move) << "a moved clip stays copied";
+        if (move) {
+            EXPECT_EQ(readFile(dir / "out" / "clip.mxf"), bytes);
+        }
+    }
 }
 
 // A file size limit makes the temp file full at a chosen byte, as a full disk would; the
@@ -598,27 +603,6 @@ TEST(SafeTransfer, FailuresAfterTheTempIsMadeRemoveIt)
     }
 }
 
-TEST(SafeTransfer, LongPathsWork)
-{
-    TempDir dir;
-    fs::path deep = dir.path();
-    for (int i = 0; i < 4; ++i) {
-        deep /= std::string(90, static_cast<char>('a' + i));
-    }
-    fs::create_directories(deep);
-    const fs::path dest = deep / "clip.mxf";
-    ASSERT_GT(dest.string().size(), 260u);
-    writeFile(dest, "older");
-    const std::string bytes = makeBytes(70'000);
-    writeFile(dir / "in.mxf", bytes);
-    std::string finalPath;
-    EXPECT_EQ(SafeTransfer(dest.string(), (dir / "in.mxf").string(),
-                           TransferUnique | TransferVerify, nullptr, &finalPath),
-              0);
-    EXPECT_EQ(finalPath, (deep / "clip (1).mxf").string());
-    EXPECT_EQ(readFile(finalPath), bytes);
-}
-
 TEST(UniqueFileName, NumbersTakenNamesFromOneTo999)
 {
     TempDir dir;
@@ -630,6 +614,12 @@ TEST(UniqueFileName, NumbersTakenNamesFromOneTo999)
     }
     fs::create_symlink(d + "nowhere", d + "dangling.mxf");
     fs::create_directory(d + "folder.mxf");
+    // 999 is the last number tried; there is no 1000.
+    for (const auto& [folder, last] : {std::pair{"last", 998}, {"full", 999}}) {
+        fs::create_directory(d + folder);
+        writeFile(d + folder + "/clip.mxf", "x");
+        fillNumberedNames(d + folder, last);
+    }
 
     const std::tuple<std::string, bool, std::string> cases[] = {
         {"", false, ""},
@@ -641,26 +631,15 @@ TEST(UniqueFileName, NumbersTakenNamesFromOneTo999)
         {d + "a.tar.gz", true, d + "a.tar (1).gz"},
         {d + "two.ts", true, d + "two (2).ts"},
         {d + "dangling.mxf", true, d + "dangling (1).mxf"},
-        {d + "folder.mxf", true, d + "folder (1).mxf"}};
+        {d + "folder.mxf", true, d + "folder (1).mxf"},
+        {d + "last/clip.mxf", true, d + "last/clip (999).mxf"},
+        {d + "full/clip.mxf", false, d + "full/clip.mxf"}};
     for (const auto& [in, ok, out] : cases) {
         SCOPED_TRACE(in);
         std::string path = in;
         EXPECT_EQ(UniqueFileName(path), ok);
         EXPECT_EQ(path, out);
     }
-
-    // 999 is the last number tried; there is no 1000.
-    for (int n = 1; n <= 998; ++n) {
-        writeFile(d + "full (" + std::to_string(n) + ").mxf", "x");
-    }
-    writeFile(d + "full.mxf", "x");
-    std::string path = d + "full.mxf";
-    EXPECT_TRUE(UniqueFileName(path));
-    EXPECT_EQ(path, d + "full (999).mxf");
-    writeFile(path, "x");
-    path = d + "full.mxf";
-    EXPECT_FALSE(UniqueFileName(path));
-    EXPECT_EQ(path, d + "full.mxf");
 }
 
 TEST(FileExists, AnythingUnderTheNameCounts)
