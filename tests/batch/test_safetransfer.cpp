@@ -222,14 +222,16 @@ TEST(SafeTransfer, CopiesEverySizeWithAndWithoutVerify)
     }
 }
 
+// Even with TransferOverwrite, which could otherwise replace what is under the destination.
 TEST(SafeTransfer, RefusesBadNamesAndSourcesWithoutLeavingAnything)
 {
     TempDir dir;
     fs::create_directory(dir / "out");
     const std::string dest = (dir / "out" / "clip.mxf").string();
     const std::string src = (dir / "in.mxf").string();
+    const std::string folder = (dir / "folder.mxf").string();
     writeFile(src, "source bytes");
-    fs::create_directory(dir / "folder.mxf");
+    fs::create_directories(dir / "folder.mxf" / "inside");
     ASSERT_EQ(::mkfifo((dir / "fifo.mxf").c_str(), 0644), 0);
     // Another program writing the source: a lease shows it, so without leases the row is moot.
     const std::string held = (dir / "held.mxf").string();
@@ -240,25 +242,33 @@ TEST(SafeTransfer, RefusesBadNamesAndSourcesWithoutLeavingAnything)
     ::close(probe);
     const int writer = ::open(held.c_str(), O_WRONLY | O_APPEND);
 
-    const std::tuple<std::string, std::string, std::string> cases[] = {
-        {"", "", "Invalid input name"},
-        {dest, "", "Invalid input name"},
-        {dest, std::string(src + '\0' + "x", src.size() + 2), "Invalid input name"},
-        {"", src, "Invalid output name"},
-        {slashed(dir / "out"), src, "Invalid output name"},
-        {dest, (dir / "missing.mxf").string(), "Cannot check " + (dir / "missing.mxf").string()},
-        {dest, (dir / "folder.mxf").string(), "Cannot open input " + (dir / "folder.mxf").string()},
-        {dest, (dir / "fifo.mxf").string(), "Cannot open input " + (dir / "fifo.mxf").string()},
-        {dest, held, "Cannot open input " + held}};
-    for (const auto& [to, from, error] : cases) {
+    // destination, source, code, error
+    const std::tuple<std::string, std::string, std::int32_t, std::string> cases[] = {
+        {"", "", -1, "Invalid input name"},
+        {dest, "", -1, "Invalid input name"},
+        {dest, std::string(src + '\0' + "x", src.size() + 2), -1, "Invalid input name"},
+        {"", src, -1, "Invalid output name"},
+        {slashed(dir / "out"), src, -1, "Invalid output name"},
+        {dest, (dir / "missing.mxf").string(), -1,
+         "Cannot check " + (dir / "missing.mxf").string()},
+        {dest, folder, -1, "Cannot open input " + folder},
+        {dest, (dir / "fifo.mxf").string(), -1, "Cannot open input " + (dir / "fifo.mxf").string()},
+        {dest, held, -1, "Cannot open input " + held},
+        // The source's own entry by another spelling: replacing it would delete the clip once
+        // the caller removes the source of the move.
+        {slashed(dir.path()) + "./in.mxf", src, -4, "Cannot copy, output exists"},
+        {folder, src, -41, "Cannot delete " + folder}};
+    for (const auto& [to, from, code, error] : cases) {
         SCOPED_TRACE(error);
         if (from == held && !leases) {
             continue;
         }
         TransferProgress record;
-        EXPECT_EQ(SafeTransfer(to, from, TransferVerify, &record), -1);
+        EXPECT_EQ(SafeTransfer(to, from, TransferOverwrite | TransferVerify, &record), code);
         EXPECT_EQ(record.error(), error);
         EXPECT_TRUE(fs::is_empty(dir / "out"));
+        EXPECT_TRUE(tempFilesIn(dir.path()).empty());
+        EXPECT_TRUE(fs::is_directory(dir / "folder.mxf" / "inside"));
         EXPECT_EQ(readFile(src), "source bytes");
     }
     ::close(writer);
@@ -316,46 +326,15 @@ TEST(SafeTransfer, ExistingDestinationFollowsTheFlags)
     }
 }
 
-TEST(SafeTransfer, OverwriteNeverReplacesTheSourceOrAFolder)
-{
-    TempDir dir;
-    const std::string bytes = makeBytes(70'000);
-    writeFile(dir / "clip.mxf", bytes);
-    fs::create_directories(dir / "busy.mxf" / "inside");
-
-    TransferProgress record;
-    // The same entry by another spelling: replacing it would delete the clip once the
-    // caller removes the source of the move.
-    EXPECT_EQ(SafeTransfer(slashed(dir.path()) + "./clip.mxf", (dir / "clip.mxf").string(),
-                           TransferOverwrite, &record),
-              -4);
-    EXPECT_EQ(record.error(), "Cannot copy, output exists");
-
-    EXPECT_EQ(SafeTransfer((dir / "busy.mxf").string(), (dir / "clip.mxf").string(),
-                           TransferOverwrite | TransferVerify, &record),
-              -41);
-    EXPECT_EQ(record.error(), "Cannot delete " + (dir / "busy.mxf").string());
-    EXPECT_TRUE(fs::is_directory(dir / "busy.mxf" / "inside"));
-    EXPECT_EQ(readFile(dir / "clip.mxf"), bytes);
-    EXPECT_TRUE(tempFilesIn(dir.path()).empty());
-}
-
 // Something happens to the destination or the source at a chosen point of the transfer.
 TEST(SafeTransfer, EventsDuringTheTransfer)
 {
     enum class Event { Appear, AppearTempLost, Cancel, Rewrite, Grow, Shrink, Replace };
-    struct Case
-    {
-        const char* name;
-        bool move; // SafeMove, which deletes the source only when it is still the one copied
-        std::uint32_t flags;
-        bool allNumbersTaken;
-        bool (*when)(const TransferProgress::State&);
-        Event event;
-        std::int32_t code;
-        const char* error; // see matchesPattern
-        const char* copyIn;
-    };
+    // name, SafeMove (deletes the source only when it is still the one copied), flags, all
+    // numbered names taken, when, event, code, error (see matchesPattern), file of the copy
+    using Case =
+        std::tuple<const char*, bool, std::uint32_t, bool, bool (*)(const TransferProgress::State&),
+                   Event, std::int32_t, const char*, const char*>;
     using enum Event;
     const auto cp = copying;
     const auto vf = verifyingFirstHalf;
@@ -389,23 +368,24 @@ TEST(SafeTransfer, EventsDuringTheTransfer)
          "Source {dir}/in.mxf changed during the move; it is kept", "clip.mxf"},
         {"source grown in move", true, 0, false, vf, Grow, -32, kFail, ""},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, move, flags, allNumbersTaken, when, event, code, error, copyIn] :
+         cases) {
+        SCOPED_TRACE(name);
         bool raced = false;
         for (const std::size_t size : kRaceSizes) {
             TempDir dir;
             const fs::path dest = dir / "clip.mxf";
             const fs::path src = dir / "in.mxf";
-            std::string bytes = makeBytes(size, c.flags);
+            std::string bytes = makeBytes(size, flags);
             writeFile(src, bytes);
-            if (c.allNumbersTaken) {
+            if (allNumbersTaken) {
                 fillNumberedNames(dir.path());
             }
             std::atomic<std::int32_t> cancel{0};
             const RaceOutcome r = transferWhile(
-                dest, src, c.flags, c.when,
+                dest, src, flags, when,
                 [&] {
-                    switch (c.event) {
+                    switch (event) {
                     case AppearTempLost:
                         for (const std::string& name : tempFilesIn(dir.path())) {
                             fs::remove(dir / name);
@@ -435,29 +415,29 @@ TEST(SafeTransfer, EventsDuringTheTransfer)
                         break;
                     }
                 },
-                &cancel, c.move);
+                &cancel, move);
             if (!r.acted) {
                 continue; // the transfer outran the watcher: try a bigger one
             }
             raced = true;
-            EXPECT_EQ(r.code, c.code) << r.state.error;
-            EXPECT_TRUE(matchesPattern(r.state.error, c.error, dir.path())) << r.state.error;
+            EXPECT_EQ(r.code, code) << r.state.error;
+            EXPECT_TRUE(matchesPattern(r.state.error, error, dir.path())) << r.state.error;
             // The copy holds the file as it was opened; the name keeps whatever is under it.
             const std::string copied = bytes;
-            if (c.event == Replace) {
+            if (event == Replace) {
                 bytes = "a newer clip";
             }
             EXPECT_EQ(readFile(src), bytes);
             EXPECT_TRUE(tempFilesIn(dir.path()).empty());
-            if (*c.copyIn != '\0') {
-                EXPECT_EQ(r.finalPath, (dir / c.copyIn).string());
+            if (*copyIn != '\0') {
+                EXPECT_EQ(r.finalPath, (dir / copyIn).string());
                 EXPECT_EQ(readFile(r.finalPath), copied);
-            } else if (c.event == Appear || c.event == AppearTempLost) {
+            } else if (event == Appear || event == AppearTempLost) {
                 EXPECT_EQ(readFile(dest), "late arrival");
             } else {
                 EXPECT_FALSE(fs::exists(dest));
             }
-            if (c.event == Cancel) {
+            if (event == Cancel) {
                 EXPECT_EQ(r.state.status, kCancelStatus);
             }
             break;
