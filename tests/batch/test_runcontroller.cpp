@@ -2,6 +2,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <sched.h>
@@ -145,29 +146,14 @@ TEST(RunController, ClearAllDuringACheckDiscardsItsResult)
     EXPECT_FALSE(controller.CheckSelected(1)) << "ignored while all are checked";
     EXPECT_EQ(controller.state(), RunState::All);
     list.ClearAll();
-    // The check goes on; when it ends its result has nowhere to go and the run is over.
+    // The check goes on, its progress shown; when it ends its result has nowhere to go and
+    // the run is over.
     const auto reports = runUntilIdle(controller);
     EXPECT_EQ(controller.state(), RunState::Idle);
     EXPECT_TRUE(list.empty());
+    bool sawMiddle = false;
     for (const TickReport& r : reports) {
         EXPECT_TRUE(r.harvestedRows.empty());
-    }
-    EXPECT_TRUE(reports.back().allDone);
-    EXPECT_EQ(statusTexts(reports).back(), kStatusFinished);
-
-    // A new item added later is not mistaken for the cleared one.
-    list.AppendFromCommandLine(clip("text.mov"));
-    EXPECT_FALSE(list.item(0).finished());
-}
-
-TEST(RunController, ProgressComesFromTheRunningCheck)
-{
-    TaskList list;
-    list.AppendFromCommandLine(clip("long.ts"));
-    RunController controller(list, {3, -1, 1, kThreadPriorityNormal, {}});
-    ASSERT_TRUE(controller.CheckAll());
-    bool sawMiddle = false;
-    for (const TickReport& r : runUntilIdle(controller)) {
         if (r.progress) {
             EXPECT_GE(*r.progress, 0);
             EXPECT_LE(*r.progress, kProgressMax);
@@ -175,6 +161,12 @@ TEST(RunController, ProgressComesFromTheRunningCheck)
         }
     }
     EXPECT_TRUE(sawMiddle);
+    EXPECT_TRUE(reports.back().allDone);
+    EXPECT_EQ(statusTexts(reports).back(), kStatusFinished);
+
+    // A new item added later is not mistaken for the cleared one.
+    list.AppendFromCommandLine(clip("text.mov"));
+    EXPECT_FALSE(list.item(0).finished());
 }
 
 TEST(CheckRunner, WindowChecksRunAtIdlePriority)
@@ -262,14 +254,19 @@ TEST(CheckRunner, CheckSettingsComeFromTheOptionsSection)
 {
     const test::TempDir dir;
     const std::string ini = (dir.path() / "TarvoQC.ini").string();
-    EXPECT_EQ(loadCheckSettings(ini).level, 3); // no file: the defaults
-    EXPECT_EQ(loadCheckSettings(ini).options, ClipCheckOptions{});
-    test::writeFile(ini, "[Options]\nCheck.Level=4\nLoudness.Target=-16\nTruePeak.Limit=-2.5\n");
-    const CheckSettings read = loadCheckSettings(ini);
-    EXPECT_EQ(read.level, 4);
-    EXPECT_EQ(read.options, (ClipCheckOptions{-16.0, 1.0, -2.5, 0}));
-    test::writeFile(ini, "[Options]\nCheck.Level=5\n");
-    EXPECT_EQ(loadCheckSettings(ini).level, 3); // not a level: the default
+    // The file's text ("" for no file), the level and options read; 5 is not a level.
+    const std::tuple<const char*, CheckLevel, ClipCheckOptions> cases[] = {
+        {"", 3, {}},
+        {"Check.Level=4\nLoudness.Target=-16\nTruePeak.Limit=-2.5\n", 4, {-16.0, 1.0, -2.5, 0}},
+        {"Check.Level=5\n", 3, {}}};
+    for (const auto& [text, level, options] : cases) {
+        SCOPED_TRACE(text);
+        if (*text != '\0') {
+            test::writeFile(ini, std::string("[Options]\n") + text);
+        }
+        EXPECT_EQ(loadCheckSettings(ini).level, level);
+        EXPECT_EQ(loadCheckSettings(ini).options, options);
+    }
 }
 
 } // namespace

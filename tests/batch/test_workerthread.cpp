@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <fcntl.h>
@@ -39,6 +40,18 @@ constexpr bool kSignalsWaitForLibraryCalls = true;
 constexpr bool kSignalsWaitForLibraryCalls = false;
 #endif
 
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 5000ms)
+{
+    const auto deadline = Clock::now() + limit;
+    while (!done()) {
+        if (Clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
 // A worker whose body is given by the test. The body gets the stop flag as the engine
 // does. What the body keeps across an abort point lives outside its own frames (in the
 // test's, which the abort never skips).
@@ -55,27 +68,26 @@ public:
 
     using WorkerThread::setStopTimings;
 
+    // Starts the thread and waits until the body runs.
+    bool startAndWait()
+    {
+        return Start() && waitUntil([this] { return m_entered.load(); });
+    }
+
 private:
-    int Run() override { return m_body(stopFlag()); }
+    int Run() override
+    {
+        m_entered = true;
+        return m_body(stopFlag());
+    }
 
     std::function<int(const Flag*)> m_body;
+    std::atomic<bool> m_entered{false};
 };
 
 double secondsSince(Clock::time_point start)
 {
     return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = 5000ms)
-{
-    const auto deadline = Clock::now() + limit;
-    while (!done()) {
-        if (Clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
 }
 
 double timedStop(WorkerThread& worker)
@@ -96,6 +108,10 @@ TEST(WorkerThread, RunsTheBodyAndKeepsItsExitCode)
         }
         return 40 + runs.load();
     });
+    // Without a thread there is nothing to stop or to set.
+    worker.Stop();
+    worker.Stop();
+    EXPECT_FALSE(worker.SetPriority(kThreadPriorityIdle));
     EXPECT_FALSE(worker.IsRunning());
     EXPECT_FALSE(worker.ExitCode().has_value());
     EXPECT_EQ(worker.threadId(), 0);
@@ -134,114 +150,84 @@ TEST(WorkerThread, AnExceptionEscapingRunEndsTheThreadOnly)
     }
 }
 
-TEST(WorkerThread, StopAndDestroyWithoutAThread)
-{
-    TestWorker worker([](const Flag*) { return 1; });
-    worker.Stop();
-    worker.Stop();
-    EXPECT_FALSE(worker.SetPriority(kThreadPriorityIdle));
-    EXPECT_FALSE(worker.ExitCode().has_value());
-}
-
-TEST(WorkerThread, CooperativeStopEndsQuickly)
-{
-    std::atomic<int> entered{0};
-    TestWorker worker([&](const Flag* stop) {
-        entered.store(1);
-        while (stop->load() == 0) {
-            std::this_thread::sleep_for(1ms);
-        }
-        return 5;
-    });
-    ASSERT_TRUE(worker.Start());
-    ASSERT_TRUE(waitUntil([&] { return entered.load() != 0; }));
-    EXPECT_LT(timedStop(worker), 0.5);
-    EXPECT_EQ(worker.ExitCode(), 5);
-    EXPECT_FALSE(worker.WasAborted());
-    EXPECT_EQ(worker.abortSignalsSeen(), 0);
-}
-
-TEST(WorkerThread, ForcedAbortLeavesABlockingCallInAnAbortPoint)
+// Each stage of Stop and the kind of body it ends: a cooperative body in the graceful
+// wait, a body blocked inside an abort point by the signals after it, a body busy outside
+// abort points not at all (the signals are only noted), and one that never looks at the
+// flag by the last resort. Stop takes as long as the stages before the ending one.
+TEST(WorkerThread, EachStopStageEndsItsKindOfBody)
 {
     test::TempDir dir;
     const std::string fifo = (dir / "nobody-writes").string();
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    // Blocks for ever opening a FIFO that nobody writes to, retrying after interruptions
-    // as an engine stuck in a slow file system would.
-    std::atomic<int> attempts{0};
-    TestWorker worker([&](const Flag*) {
-        AbortPoint abortable;
-        int fd = -1;
-        do {
-            attempts.fetch_add(1);
-            fd = ::open(fifo.c_str(), O_RDONLY);
-        } while (fd < 0 && errno == EINTR);
-        if (fd >= 0) {
-            ::close(fd);
-        }
-        return 99;
-    });
-    ASSERT_TRUE(worker.Start());
-    ASSERT_TRUE(waitUntil([&] { return attempts.load() > 0; }));
-    // Blocked inside open: the kernel shows the thread in that system call.
-    const std::string syscall = "/proc/self/task/" + std::to_string(worker.threadId()) + "/syscall";
-    ASSERT_TRUE(waitUntil(
-        [&] { return test::readFile(syscall).starts_with(std::to_string(SYS_openat) + " "); }));
-    const double seconds = timedStop(worker);
-    EXPECT_GE(seconds, 1.95) << "the graceful wait comes first";
-    EXPECT_LT(seconds, 3.5);
-    EXPECT_FALSE(worker.IsRunning());
-    EXPECT_EQ(worker.ExitCode(), kExitCodeAborted);
-    EXPECT_TRUE(worker.WasAborted());
-    EXPECT_GE(worker.abortSignalsSeen(), 1);
-}
-
-TEST(WorkerThread, SignalOutsideAnAbortPointOnlyNotesIt)
-{
-    // Busy for 2.5 s without looking at the stop flag, then honours it: the signals of
-    // the safe stage must not cut it short.
-    std::atomic<int> started{0};
-    TestWorker worker([&](const Flag* stop) {
-        started.store(1);
-        const auto until = Clock::now() + 2500ms;
-        std::vector<int> work;
-        while (Clock::now() < until) {
-            work.assign(64, 1); // heap use, so a wrong jump would show as a leak
-        }
-        return stop->load() != 0 ? 7 : 8;
-    });
-    ASSERT_TRUE(worker.Start());
-    ASSERT_TRUE(waitUntil([&] { return started.load() != 0; }));
-    const double seconds = timedStop(worker);
-    EXPECT_EQ(worker.ExitCode(), 7);
-    EXPECT_FALSE(worker.WasAborted());
-    EXPECT_GE(worker.abortSignalsSeen(), 1);
-    EXPECT_GE(seconds, 2.0);
-    EXPECT_LT(seconds, 5.0);
-}
-
-TEST(WorkerThread, LastResortEndsAThreadThatNeverLooksAtTheFlag)
-{
-    std::atomic<int> started{0};
-    TestWorker worker([&](const Flag*) {
-        started.store(1);
+    // stage, body, blocks in open, exit code, aborted, signals seen, Stop's seconds from, to
+    using Case = std::tuple<const char*, std::function<int(const Flag*)>, bool, int, bool, bool,
+                            double, double>;
+    const Case cases[] = {
+        {"graceful",
+         [](const Flag* stop) {
+             while (stop->load() == 0) {
+                 std::this_thread::sleep_for(1ms);
+             }
+             return 5;
+         },
+         false, 5, false, false, 0.0, 0.5},
+        // Opening a FIFO that nobody writes to, retrying after interruptions as an engine
+        // stuck in a slow file system would.
+        {"abort point",
+         [&](const Flag*) {
+             AbortPoint abortable;
+             int fd = -1;
+             do {
+                 fd = ::open(fifo.c_str(), O_RDONLY);
+             } while (fd < 0 && errno == EINTR);
+             if (fd >= 0) {
+                 ::close(fd);
+             }
+             return 99;
+         },
+         true, kExitCodeAborted, true, true, 1.95, 3.5},
+        // Busy for 2.5 s, then honours the flag: the signals must not cut it short.
+        {"outside abort points",
+         [](const Flag* stop) {
+             const auto until = Clock::now() + 2500ms;
+             std::vector<int> work;
+             while (Clock::now() < until) {
+                 work.assign(64, 1); // heap use, so a wrong jump would show as a leak
+             }
+             return stop->load() != 0 ? 7 : 8;
+         },
+         false, 7, false, true, 2.0, 5.0},
         // Computing for ever, outside every abort point, holding nothing.
-        volatile std::uint64_t sum = 0;
-        for (;;) {
-            sum = sum + 1;
-            if (kSignalsWaitForLibraryCalls && sum % 4096 == 0) {
-                std::this_thread::sleep_for(1us);
-            }
-        }
-        return 3;
-    });
-    ASSERT_TRUE(worker.Start());
-    ASSERT_TRUE(waitUntil([&] { return started.load() != 0; }));
-    const double seconds = timedStop(worker);
-    EXPECT_EQ(worker.ExitCode(), kExitCodeAborted);
-    EXPECT_TRUE(worker.WasAborted());
-    EXPECT_GE(seconds, 3.0);
-    EXPECT_LT(seconds, 5.0);
+        {"last resort",
+         [](const Flag*) {
+             volatile std::uint64_t sum = 0;
+             for (;;) {
+                 sum = sum + 1;
+                 if (kSignalsWaitForLibraryCalls && sum % 4096 == 0) {
+                     std::this_thread::sleep_for(1us);
+                 }
+             }
+             return 3;
+         },
+         false, kExitCodeAborted, true, true, 3.0, 5.0}};
+    for (const auto& [stage, body, blocksInOpen, exitCode, aborted, signalled, from, to] : cases) {
+        SCOPED_TRACE(stage);
+        TestWorker worker(body);
+        ASSERT_TRUE(worker.startAndWait());
+        // Blocked inside open: the kernel shows the thread in that system call.
+        const std::string syscall =
+            "/proc/self/task/" + std::to_string(worker.threadId()) + "/syscall";
+        ASSERT_TRUE(!blocksInOpen || waitUntil([&] {
+            return test::readFile(syscall).starts_with(std::to_string(SYS_openat) + " ");
+        }));
+        const double seconds = timedStop(worker);
+        EXPECT_GE(seconds, from);
+        EXPECT_LT(seconds, to);
+        EXPECT_FALSE(worker.IsRunning());
+        EXPECT_EQ(worker.ExitCode(), exitCode);
+        EXPECT_EQ(worker.WasAborted(), aborted);
+        EXPECT_EQ(worker.abortSignalsSeen() > 0, signalled);
+    }
 }
 
 // A child made with CLONE_VFORK that never execs holds its parent thread in a kernel wait
@@ -338,12 +324,7 @@ TEST(WorkerThread, DestroyWhileRunningAtRandomMoments)
             }
             return 1;
         });
-        WorkerThread::StopTimings timings;
-        timings.gracefulWaits = static_cast<int>(random() % 3);
-        timings.gracefulWait = 1ms;
-        timings.resendInterval = 1ms;
-        timings.abortPointWindow = 5000ms;
-        worker->setStopTimings(timings);
+        worker->setStopTimings({static_cast<int>(random() % 3), 1ms, 1ms, 5000ms});
         ASSERT_TRUE(worker->Start());
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
         const auto start = Clock::now();
