@@ -1,3 +1,4 @@
+#include <array>
 #include <string>
 #include <vector>
 
@@ -16,54 +17,22 @@ constexpr ClipTicks kSec = kTicksPerSecond;
 // A stream of the type whose header and decoded times agree: from 0 for duration.
 StreamFacts plainStream(StreamType type, ClipTicks duration)
 {
-    StreamFacts s;
-    s.type = type;
-    s.headerStart = s.decodedStart = 0;
-    s.headerDuration = s.decodedEnd = duration;
-    return s;
+    return StreamFacts(type, "", 0, duration, 0, 0, duration);
 }
 
+// A 60 s clip of 50 Mbit/s video decoded from 0.04 s and 2304 kbit/s audio (the fields in
+// the order of their structures).
 QcResult sampleResult()
 {
-    QcResult r;
-    r.path = "/in/clip.mxf";
-    r.checkLevel = 3;
-    r.opened = true;
-    r.facts = {.attributes = 0x20,
-               .fileSize = 411'783'797,
-               .creationTime = 0x01D9F00DCAFEBABEull,
-               .lastWriteTime = 0x01D9F00DCAFEBABFull,
-               .clipStart = 0,
-               .clipDuration = 60 * kSec,
-               .qcDuration = 60 * kSec,
-               .hash256 = std::string(64, 'A'),
-               .fkey = 0x0123456789ABCDEFull,
-               .streams = {}};
-    // 50 Mbit/s and 2304 kbit/s over 60 s; the video decoded from 0.04 s.
-    r.facts.streams = {{.type = StreamType::Video,
-                        .codecName = "mpeg2video",
-                        .headerStart = 0,
-                        .headerDuration = 60 * kSec,
-                        .byteCount = 375'000'000,
-                        .decodedStart = 400'000,
-                        .decodedEnd = 60 * kSec,
-                        .width = 1920,
-                        .height = 1080,
-                        .sampleAspectNum = 1,
-                        .sampleAspectDen = 1,
-                        .frameRateNum = 25,
-                        .frameRateDen = 1},
-                       {.type = StreamType::Audio,
-                        .codecName = "pcm_s24le",
-                        .headerStart = 0,
-                        .headerDuration = 60 * kSec,
-                        .byteCount = 17'280'000,
-                        .decodedStart = 0,
-                        .decodedEnd = 60 * kSec,
-                        .channels = 2,
-                        .sampleRate = 48000,
-                        .language = {'e', 'n', 'g', '\0'}}};
-    return r;
+    const StreamFacts video(StreamType::Video, "mpeg2video", 0, 60 * kSec, 375'000'000, 400'000,
+                            60 * kSec, 1920, 1080, 1, 1, 25, 1);
+    const StreamFacts audio(StreamType::Audio, "pcm_s24le", 0, 60 * kSec, 17'280'000, 0, 60 * kSec,
+                            0, 0, 0, 0, 0, 0, 2, 48000, std::array<char, 4>{'e', 'n', 'g', '\0'});
+    return QcResult("/in/clip.mxf", 3, true,
+                    MediaFacts(0x20, 0, 411'783'797, 0x01D9F00DCAFEBABEull, 0x01D9F00DCAFEBABFull,
+                               0, 60 * kSec, 60 * kSec, std::string(64, 'A'), 0x0123456789ABCDEFull,
+                               std::vector<StreamFacts>{video, audio}),
+                    QcIssueList());
 }
 
 TEST(ResultFile, WritesFileAndMediaWithEveryAttribute)
