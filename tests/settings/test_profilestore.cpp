@@ -180,8 +180,8 @@ TEST(ProfileStore, RefusesWhatTheFileCannotHold)
         {"S", "k", "nul\0x"s},
         {"S\n", "k", "v"},
         {"S", "k", std::string(70000, 'v')},
-        {std::string(70000, 's'), "k", "v"}, // its header would be a line too long to read
-    };
+        // The header of this section would be a line too long to read.
+        {std::string(70000, 's'), "k", "v"}};
     ProfileStore store(path);
     for (const auto& [section, key, value] : cases) {
         SCOPED_TRACE(section.substr(0, 20) + "/" + key);
@@ -222,14 +222,10 @@ TEST(ProfileStore, TypedValues)
                     "Tail=12abc\nWord=abc\nPlus= +7 \nRgb=255,128,0\nCut=256,-1,7\nTwo=1,2\n"
                     "Spaced=1, 2, 3, 4\nBadComma=1 ,2\nJunk=red\n");
     // key, read as 64-bit integer and as integer flag, default -5
-    const std::tuple<const char*, std::int64_t, int> ints[] = {{"Missing", -5, -5},
-                                                               {"Empty", -5, -5},
-                                                               {"Big", 123456789012345, INT32_MAX},
-                                                               {"Neg", -42, -42},
-                                                               {"Huge", INT64_MAX, INT32_MAX},
-                                                               {"Tail", 12, 12},
-                                                               {"Word", 0, 0},
-                                                               {"Plus", 7, 7}};
+    const std::tuple<const char*, std::int64_t, int> ints[] = {
+        {"Missing", -5, -5}, {"Empty", -5, -5}, {"Big", 123456789012345, INT32_MAX},
+        {"Neg", -42, -42},   {"Tail", 12, 12},  {"Huge", INT64_MAX, INT32_MAX},
+        {"Word", 0, 0},      {"Plus", 7, 7}};
     for (const auto& [key, int64, flag] : ints) {
         SCOPED_TRACE(key);
         EXPECT_EQ(readProfileInt64(path, "T", key, -5), int64);
@@ -271,32 +267,26 @@ TEST(ProfileStore, TypedValues)
     EXPECT_EQ(readProfileInt64(path, "W", "Min", 0), INT64_MIN);
 }
 
-TEST(ProfileStore, JobKeysWithoutTheirSectionGiveTheTableDefaults)
-{
-    TempDir dir;
-    const std::string path = iniIn(dir);
-    writeFile(path, "[Options]\nEnabled=1\nGood.QCTsh=5\n");
-    EXPECT_EQ(readSettingNumber(path, kJobEnabled), 0);
-    EXPECT_EQ(readSettingNumber(path, kJobGoodThreshold), 3);
-    EXPECT_EQ(readSettingText(path, kJobSourceFolder), "");
-    ASSERT_TRUE(writeProfileInt64(path, "Job00", "Good.QCTsh", 0));
-    EXPECT_EQ(readSettingNumber(path, kJobGoodThreshold), 0);
-    EXPECT_EQ(findSettingKey(" job00 ", "GOOD.QCTSH"), &kJobGoodThreshold);
-    EXPECT_EQ(findSettingKey("Job00", "Unknown"), nullptr);
-}
-
-TEST(ProfileStore, CheckKeysReadAsNumbersOrTheirDefaults)
+TEST(ProfileStore, SettingKeysReadAsNumbersOrTheirTableDefaults)
 {
     TempDir dir;
     const std::string path = iniIn(dir);
     EXPECT_EQ(readSettingNumber(path, kCheckLevel), 3);
     EXPECT_EQ(readSettingDecimal(path, kLoudnessTarget), -23.0);
-    writeFile(path, "[Options]\nCheck.Level=4\nLoudness.Target= -24.5 \nTruePeak.Limit=-1dB\n"
-                    "Loudness.Tolerance=nan\n");
+    // Job keys outside their own section do not count.
+    writeFile(path, "[Options]\nEnabled=1\nGood.QCTsh=5\nCheck.Level=4\nLoudness.Target= -24.5 \n"
+                    "TruePeak.Limit=-3dB\nLoudness.Tolerance=nan\n");
+    EXPECT_EQ(readSettingNumber(path, kJobEnabled), 0);
+    EXPECT_EQ(readSettingNumber(path, kJobGoodThreshold), 3);
+    EXPECT_EQ(readSettingText(path, kJobSourceFolder), "");
     EXPECT_EQ(readSettingNumber(path, kCheckLevel), 4);
     EXPECT_EQ(readSettingDecimal(path, kLoudnessTarget), -24.5);
     EXPECT_EQ(readSettingDecimal(path, kTruePeakLimit), -1.0);    // not a number: the default
     EXPECT_EQ(readSettingDecimal(path, kLoudnessTolerance), 1.0); // not finite: the default
+    ASSERT_TRUE(writeProfileInt64(path, "Job00", "Good.QCTsh", 0));
+    EXPECT_EQ(readSettingNumber(path, kJobGoodThreshold), 0);
+    EXPECT_EQ(findSettingKey(" job00 ", "GOOD.QCTSH"), &kJobGoodThreshold);
+    EXPECT_EQ(findSettingKey("Job00", "Unknown"), nullptr);
 }
 
 TEST(ProfileStore, FolderMemory)
