@@ -36,13 +36,12 @@ std::string nested(int levels)
 
 TEST(XmlNode, AddChildRefusesNamesThatCannotBeReadBack)
 {
-    const std::string refusedChars = " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~\t\r\n";
-    XmlNode document;
-    for (const char c : refusedChars) {
-        SCOPED_TRACE(std::string("character ") + c);
-        EXPECT_EQ(document.AddChild(std::string("a") + c + "b"), nullptr);
+    std::vector<std::string> refused = {"", "-a", ".a", "1st", "9"};
+    for (const char c : std::string(" !\"#$%&'()*+,/;<=>?@[\\]^`{|}~\t\r\n")) {
+        refused.push_back(std::string("a") + c + "b");
     }
-    for (const char* name : {"", "-a", ".a", "1st", "9", "a b"}) {
+    XmlNode document;
+    for (const std::string& name : refused) {
         SCOPED_TRACE(name);
         EXPECT_EQ(document.AddChild(name), nullptr);
     }
@@ -337,7 +336,7 @@ void buildSample(XmlNode& document)
     root->AddChild("QCheck")->setInt("Score", 5);
 }
 
-TEST(XmlNode, SaveLoadRoundTripGivesTheSameTreeAndBytes)
+TEST(XmlNode, SaveLoadRoundTripGivesTheSameTreeAndBytesAndEveryCutFails)
 {
     XmlNode document;
     buildSample(document);
@@ -358,6 +357,19 @@ TEST(XmlNode, SaveLoadRoundTripGivesTheSameTreeAndBytes)
     loaded.child(0)->RemoveChild(0);
     ASSERT_TRUE(loaded.Save(path));
     EXPECT_EQ(readFile(path), loaded.saveBytes());
+
+    // Every cut of the document fails; past the root's last ">" only the line end and the
+    // terminator remain.
+    const std::size_t lastGt = bytes.size() - 2 - 4 - 2;
+    ASSERT_EQ(bytes[lastGt], '>');
+    for (std::size_t length = 0; length <= lastGt; ++length) {
+        XmlNode cut;
+        if (cut.loadBytes(std::string_view(bytes).substr(0, length))) {
+            ADD_FAILURE() << "a document cut to " << length << " bytes read as complete";
+            break;
+        }
+    }
+    EXPECT_TRUE(loaded.loadBytes(std::string_view(bytes).substr(0, lastGt + 2)));
 }
 
 TEST(XmlNode, DecodingReplacesWhatIsBroken)
@@ -388,25 +400,6 @@ TEST(XmlNode, DecodingReplacesWhatIsBroken)
     XmlNode document;
     EXPECT_TRUE(document.Parse("<a v=\"\xFF\xC3\"/>"));
     EXPECT_EQ(document.child(0)->GetString("v", ""), bad + bad);
-}
-
-TEST(XmlNode, EveryTruncationOfADocumentFails)
-{
-    XmlNode document;
-    buildSample(document);
-    const std::string bytes = document.saveBytes();
-    // Past the root's last ">" only the line end and the terminator remain.
-    const std::size_t lastGt = bytes.size() - 2 - 4 - 2;
-    ASSERT_EQ(bytes[lastGt], '>');
-    for (std::size_t length = 0; length <= lastGt; ++length) {
-        XmlNode cut;
-        if (cut.loadBytes(std::string_view(bytes).substr(0, length))) {
-            ADD_FAILURE() << "a document cut to " << length << " bytes read as complete";
-            break;
-        }
-    }
-    XmlNode whole;
-    EXPECT_TRUE(whole.loadBytes(std::string_view(bytes).substr(0, lastGt + 2)));
 }
 
 TEST(XmlNode, LoadFailuresLeaveTheDocumentCleared)
