@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include "results/resultfile.h"
-#include "tests/support/testsupport.h"
 #include "tests/support/xmldump.h"
 
 namespace tarvoqc {
@@ -151,32 +150,6 @@ TEST(ResultFile, DocumentHoldsClipAndQCheckPairsInOrder)
               "</Tarvo_QC>\r\n");
     buildResultDocument(document, {});
     EXPECT_EQ(document.saveText(), "<Tarvo_QC/>\r\n");
-}
-
-TEST(ResultFile, SavedDocumentIsWellFormedForAnotherParser)
-{
-    QcResult r = sampleResult();
-    r.issues.add(QcIssueCategory::Frames, QcSeverity::High, QcStreamKind::Video, 0,
-                 "Step back of \"0.04\" at 'x' <y> \xE2\x82\xAC \xF0\x9F\x8E\xAC");
-    XmlNode document;
-    buildResultDocument(
-        document, {{"/in/a&b <c> \"d\" 'e' \xC3\xA9.mxf", &r}, {"/in/unchecked.ts", nullptr}});
-    test::TempDir dir;
-    const std::string path = (dir / "job.qcout").string();
-    ASSERT_TRUE(document.Save(path));
-    const char* script =
-        "import sys, xml.etree.ElementTree as ET\n"
-        "data = open(sys.argv[1], 'rb').read()\n"
-        "assert data[-2:] == b'\\0\\0'\n"
-        "root = ET.fromstring(data[:-2])\n"
-        "print(root.tag, len(root.findall('Clip')), root.find('Clip').get('File'),\n"
-        "      root.find('QCheck/Issue').text, root.find('Clip/Media/Audio').get('Format'),\n"
-        "      sep='|')\n";
-    const test::CommandResult py =
-        test::runCommand({"python3", "-c", script, path}, {"PYTHONIOENCODING=utf-8"});
-    ASSERT_EQ(py.status, 0) << py.err;
-    EXPECT_EQ(py.out, "Tarvo_QC|2|/in/a&b <c> \"d\" 'e' \xC3\xA9.mxf|Step back of \"0.04\" at "
-                      "'x' <y> \xE2\x82\xAC \xF0\x9F\x8E\xAC|2,48000,eng\n");
 }
 
 } // namespace
