@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <filesystem>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -220,27 +221,13 @@ std::vector<DomRow> renderedRows(const fs::path& page, const std::string& fragme
          "--dump-dom", "file://" + page.string() + fragment});
     EXPECT_EQ(r.status, 0) << r.err;
     dom = r.out;
-    // The text after each marker, up to the next quote or tag: rows are found by their
-    // markup, as the page's script writes it.
+    // Rows are found by their markup, as the page's script writes it.
+    const std::regex clipRow(
+        "<tr class=\"clip[^>]*data-score=\"([0-9])\"[^>]*><td class=\"path\">"
+        "([^<]*)</td><td[^>]*style=\"background:([^;]*);color:([^\"]*)\">([^<]*)<");
     std::vector<DomRow> rows;
-    std::size_t at = 0;
-    const auto next = [&](const std::string& marker, const char* ends) {
-        at = dom.find(marker, at);
-        if (at == std::string::npos) {
-            return std::string();
-        }
-        at += marker.size();
-        const std::size_t end = dom.find_first_of(ends, at);
-        return dom.substr(at, end - at);
-    };
-    while ((at = dom.find("<tr class=\"clip", at)) != std::string::npos) {
-        DomRow row;
-        row.score = std::stoi(next("data-score=\"", "\""));
-        row.path = next("<td class=\"path\">", "<");
-        row.background = next("style=\"background:", ";");
-        row.text = next(";color:", "\"");
-        row.result = next("\">", "<");
-        rows.push_back(row);
+    for (std::sregex_iterator it(dom.begin(), dom.end(), clipRow), end; it != end; ++it) {
+        rows.push_back({std::stoi((*it)[1]), (*it)[2], (*it)[3], (*it)[4], (*it)[5]});
     }
     return rows;
 }
