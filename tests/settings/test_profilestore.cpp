@@ -33,7 +33,7 @@ std::string iniIn(const TempDir& dir)
     return (dir / "TarvoQC.ini").string();
 }
 
-TEST(ProfileStore, ValuesComeBackAsWritten)
+TEST(ProfileStore, ValuesComeBackAsWrittenAndReadsCountCharacters)
 {
     TempDir dir;
     const std::string values[] = {"plain",
@@ -70,13 +70,9 @@ TEST(ProfileStore, ValuesComeBackAsWritten)
     std::string out;
     EXPECT_TRUE(store.ReadString("Section", "Long", out));
     EXPECT_EQ(out, euros.substr(0, 511 * 3));
-}
 
-TEST(ProfileStore, EmptyValueCountsAsAbsentAndBufferSizesCountCharacters)
-{
-    TempDir dir;
+    // An empty value counts as absent; buffer sizes count characters.
     writeFile(iniIn(dir), "[S]\nEmpty=\nText=abcdef\nUmlauts=äöü\n");
-    ProfileStore store(iniIn(dir));
     // key, buffer size, default, result, value read
     const std::tuple<const char*, std::size_t, const char*, bool, const char*> cases[] = {
         {"Empty", 512, "dflt", false, ""}, // present but empty: the default is not used
@@ -90,11 +86,11 @@ TEST(ProfileStore, EmptyValueCountsAsAbsentAndBufferSizesCountCharacters)
         {"Umlauts", 512, "", true, "äöü"}};
     for (const auto& [key, size, fallback, result, value] : cases) {
         SCOPED_TRACE(std::string(key) + " size " + std::to_string(size));
-        std::string out = "stale";
+        out = "stale";
         EXPECT_EQ(store.ReadString("S", key, out, size, fallback), result);
         EXPECT_EQ(out, value);
     }
-    std::string out = "stale";
+    out = "stale";
     EXPECT_FALSE(store.ReadString("S", "Empty", out));
     EXPECT_EQ(out, "");
     EXPECT_FALSE(store.ReadString("S", "Missing", out));
@@ -135,7 +131,7 @@ TEST(ProfileStore, ReadsHandEditedFilesLikeTheClassicFunctions)
     }
 }
 
-TEST(ProfileStore, WritingKeepsEveryOtherByte)
+TEST(ProfileStore, WritingKeepsEveryOtherByteAndRefusesWhatTheFileCannotHold)
 {
     TempDir dir;
     const std::string path = iniIn(dir);
@@ -158,15 +154,10 @@ TEST(ProfileStore, WritingKeepsEveryOtherByte)
     EXPECT_EQ(readFile(path), "[Job00]\nEnabled=0\nSource.Folder=\" /in/ \"\n");
     fs::remove(path);
     ASSERT_TRUE(store.WriteString("Job00", "Enabled", "1"));
-    EXPECT_EQ(readFile(path), "[Job00]\nEnabled=1\n");
-}
+    const std::string original = "[Job00]\nEnabled=1\n";
+    EXPECT_EQ(readFile(path), original);
 
-TEST(ProfileStore, RefusesWhatTheFileCannotHold)
-{
-    TempDir dir;
-    const std::string path = iniIn(dir);
-    const std::string original = "[S]\nk=v\n";
-    writeFile(path, original);
+    // What the file cannot hold is refused, and the file stays as it was.
     // section, key, value
     const std::tuple<std::string, std::string, std::string> cases[] = {
         {"", "k", "v"},
@@ -182,7 +173,6 @@ TEST(ProfileStore, RefusesWhatTheFileCannotHold)
         {"S", "k", std::string(70000, 'v')},
         // The header of this section would be a line too long to read.
         {std::string(70000, 's'), "k", "v"}};
-    ProfileStore store(path);
     for (const auto& [section, key, value] : cases) {
         SCOPED_TRACE(section.substr(0, 20) + "/" + key);
         EXPECT_FALSE(store.WriteString(section, key, value));
@@ -322,7 +312,7 @@ TEST(ProfileStore, FolderMemory)
     EXPECT_EQ(other.GetFolder(2), "/opt/tarvoqc/");
 }
 
-TEST(ProfileStore, SettingsLocation)
+TEST(ProfileStore, SettingsLocationIncludingAPortableInstallWithoutWriteAccess)
 {
     TempDir dir;
     const std::string writable = dir.path().string() + "/";
@@ -346,11 +336,8 @@ TEST(ProfileStore, SettingsLocation)
     EXPECT_EQ(settingsPath(), dir.path().string() + "/TarvoQC.ini");
     EXPECT_EQ(logsFolder(), dir.path().string() + "/LogsQC/");
     kept ? ::setenv(kHomeVariable, kept->c_str(), 1) : ::unsetenv(kHomeVariable);
-}
 
-TEST(ProfileStore, PortableInstallInAFolderWithoutWriteAccess)
-{
-    TempDir dir;
+    // A portable install in a folder without write access.
     const std::string readOnly = dir.path().string() + "/";
     // Root may write anywhere: the choice is made as an unprivileged user then.
     const auto chosenFolder = [&] {
