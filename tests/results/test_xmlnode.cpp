@@ -34,7 +34,7 @@ std::string nested(int levels)
     return open + close;
 }
 
-TEST(XmlNode, AddChildRefusesNamesThatCannotBeReadBack)
+TEST(XmlNode, AddChildRefusesNamesThatCannotBeReadBackAndCutsLongOnes)
 {
     std::vector<std::string> refused = {"", "-a", ".a", "1st", "9"};
     for (const char c : std::string(" !\"#$%&'()*+,/;<=>?@[\\]^`{|}~\t\r\n")) {
@@ -55,16 +55,13 @@ TEST(XmlNode, AddChildRefusesNamesThatCannotBeReadBack)
     }
     EXPECT_EQ(document.childCount(), 7u);
     EXPECT_EQ(document.child(0)->AddChild("deeper")->depth(), 2);
-}
 
-TEST(XmlNode, LongNamesAreCutToTheLimitWithoutSplittingACharacter)
-{
-    XmlNode document;
-    // 253 ASCII characters, then a two-byte character, then more.
+    // Long names are cut to the limit without splitting a character: here 253 ASCII
+    // characters, then a two-byte character, then more.
     const std::string name = std::string(253, 'a') + "\xC3\xA9" + "bcd";
-    XmlNode* node = document.AddChild(name);
-    ASSERT_NE(node, nullptr);
-    EXPECT_EQ(node->name(), std::string(253, 'a') + "\xC3\xA9");
+    XmlNode* cut = document.AddChild(name);
+    ASSERT_NE(cut, nullptr);
+    EXPECT_EQ(cut->name(), std::string(253, 'a') + "\xC3\xA9");
 
     // The reader cuts the same way, and the end tag, cut too, still matches.
     const std::string longName = std::string(300, 'x');
@@ -96,7 +93,7 @@ TEST(XmlNode, FindChildFindDeepAndRemoveChild)
     EXPECT_EQ(document.FindDeep("leaf")->GetString("n", ""), "2");
 }
 
-TEST(XmlNode, AttributesKeepOrderAndMatchNamesExactly)
+TEST(XmlNode, AttributesKeepOrderMatchNamesExactlyAndReadIntegersLikeTheCLibrary)
 {
     XmlNode node;
     node.SetAttribute("b", "1");
@@ -108,6 +105,23 @@ TEST(XmlNode, AttributesKeepOrderAndMatchNamesExactly)
     EXPECT_EQ(node.GetAttribute("A"), nullptr);
     EXPECT_EQ(node.GetString("A", "dflt"), "dflt");
     EXPECT_EQ(node.GetString("a", "dflt"), "2");
+
+    // GetInt reads the leading digits like the C library.
+    const std::pair<const char*, std::int32_t> cases[] = {{"12abc", 12},
+                                                          {"abc", 0},
+                                                          {"", 0},
+                                                          {"  -7", -7},
+                                                          {"+3", 3},
+                                                          {"0x10", 0},
+                                                          {"1.9", 1},
+                                                          {"99999999999", INT32_MAX},
+                                                          {"-99999999999", INT32_MIN}};
+    for (const auto& [value, expected] : cases) {
+        SCOPED_TRACE(value);
+        node.SetAttribute("v", value);
+        EXPECT_EQ(node.GetInt("v", 42), expected);
+    }
+    EXPECT_EQ(node.GetInt("missing", 42), 42);
 }
 
 TEST(XmlNode, TypedSettersFormatTheirValues)
@@ -140,26 +154,6 @@ TEST(XmlNode, TypedSettersFormatTheirValues)
               "x2=00000000000000FF,x3=deadbeef12,r1=1.5000,r2=0.2500,r3=-3.1416,"
               "r4=0.0000,r5=1234567.00,s1=1.5000000,s2=0.0000000,s3=-0.0000001,s4=NA,"
               "s5=922337203685.4775807,s6=-922337203685.4775807]");
-}
-
-TEST(XmlNode, GetIntReadsLeadingDigitsLikeTheCLibrary)
-{
-    XmlNode n;
-    const std::pair<const char*, std::int32_t> cases[] = {{"12abc", 12},
-                                                          {"abc", 0},
-                                                          {"", 0},
-                                                          {"  -7", -7},
-                                                          {"+3", 3},
-                                                          {"0x10", 0},
-                                                          {"1.9", 1},
-                                                          {"99999999999", INT32_MAX},
-                                                          {"-99999999999", INT32_MIN}};
-    for (const auto& [value, expected] : cases) {
-        SCOPED_TRACE(value);
-        n.SetAttribute("v", value);
-        EXPECT_EQ(n.GetInt("v", 42), expected);
-    }
-    EXPECT_EQ(n.GetInt("missing", 42), 42);
 }
 
 TEST(XmlNode, GetByPathFollowsNamesIndexesAttributesAndTexts)
@@ -372,7 +366,7 @@ TEST(XmlNode, SaveLoadRoundTripGivesTheSameTreeAndBytesAndEveryCutFails)
     EXPECT_TRUE(loaded.loadBytes(std::string_view(bytes).substr(0, lastGt + 2)));
 }
 
-TEST(XmlNode, DecodingReplacesWhatIsBroken)
+TEST(XmlNode, DecodingReplacesWhatIsBrokenAndDeclarationsNameTheEncoding)
 {
     const std::string bad = "\xEF\xBF\xBD"; // U+FFFD
     const std::string bom = "\xEF\xBB\xBF";
@@ -400,6 +394,19 @@ TEST(XmlNode, DecodingReplacesWhatIsBroken)
     XmlNode document;
     EXPECT_TRUE(document.Parse("<a v=\"\xFF\xC3\"/>"));
     EXPECT_EQ(document.child(0)->GetString("v", ""), bad + bad);
+
+    // The encoding named by the leading declarations.
+    const std::pair<const char*, const char*> declarations[] = {
+        {"<?xml version=\"1.0\" encoding=\"UTF-8\"?><a/>", "UTF-8"},
+        {"<!-- x --><?XML encoding='windows-1252'?><a/>", "windows-1252"},
+        {"<?xml version=\"1.0\"?><a/>", ""},
+        {"<a encoding=\"x\"/>", ""},
+        {"<a/><?xml encoding=\"late\"?>", ""},
+        {"", ""}};
+    for (const auto& [text, encoding] : declarations) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(XmlNode::DetectEncoding(text), encoding);
+    }
 }
 
 TEST(XmlNode, LoadFailuresLeaveTheDocumentCleared)
@@ -423,21 +430,6 @@ TEST(XmlNode, LoadFailuresLeaveTheDocumentCleared)
     XmlNode document;
     document.AddChild("a");
     EXPECT_FALSE(document.Save((dir / "no" / "such" / "folder.qcout").string()));
-}
-
-TEST(XmlNode, DetectEncodingReadsTheLeadingDeclarations)
-{
-    const std::pair<const char*, const char*> cases[] = {
-        {"<?xml version=\"1.0\" encoding=\"UTF-8\"?><a/>", "UTF-8"},
-        {"<!-- x --><?XML encoding='windows-1252'?><a/>", "windows-1252"},
-        {"<?xml version=\"1.0\"?><a/>", ""},
-        {"<a encoding=\"x\"/>", ""},
-        {"<a/><?xml encoding=\"late\"?>", ""},
-        {"", ""}};
-    for (const auto& [text, encoding] : cases) {
-        SCOPED_TRACE(text);
-        EXPECT_EQ(XmlNode::DetectEncoding(text), encoding);
-    }
 }
 
 TEST(XmlNode, VeryDeepBuiltTreesAreDestroyedWithoutRecursion)
