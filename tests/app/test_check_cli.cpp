@@ -275,15 +275,14 @@ TEST(CheckCliHostile, NoCrashNoHangNoLostFile)
     const auto at = [&](const std::string& name) { return (dir / name).string(); };
     const std::string clean = test::readFile(test::testClip("mpeg2_pcm.mxf"));
     const std::string badName = "bad\xff\xfename.mxf";
-    for (const std::string& name :
-         {std::string("victim.mxf"), std::string("new\nline.mxf"), badName}) {
-        test::writeFile(at(name), clean);
-    }
     fs::create_directory(at("folder.mxf"));
     ASSERT_EQ(::mkfifo(at("fifo.ts").c_str(), 0600), 0);
     fs::create_symlink(at("victim.mxf"), at("link.mxf"));
     const std::string job = "<Tarvo_QC><Clip File=\"" + at("victim.mxf") + "\"/></Tarvo_QC>";
     const std::map<std::string, std::string> kept = {
+        {"victim.mxf", clean},
+        {"new\nline.mxf", clean},
+        {badName, clean},
         {"job.qcin", job},
         {"odd.qcin", "<Tarvo_QC><Clip File=\"" + at("folder.mxf") + "\"/><Clip File=\"" +
                          at("fifo.ts") + "\"/></Tarvo_QC>"},
@@ -328,10 +327,6 @@ TEST(CheckCliHostile, NoCrashNoHangNoLostFile)
                 EXPECT_TRUE(line.contains("score"));
             }
         }
-    }
-    for (const std::string& name :
-         {std::string("victim.mxf"), std::string("new\nline.mxf"), badName}) {
-        EXPECT_EQ(test::readFile(at(name)), clean) << name;
     }
     for (const auto& [name, bytes] : kept) {
         EXPECT_EQ(test::readFile(at(name)), bytes) << name;

@@ -173,16 +173,13 @@ TEST_F(ReportTest, BrokenInputLinesAreNamedAndSkipped)
 TEST_F(ReportTest, BaselineMarksWorseNewAndMissingClips)
 {
     ASSERT_LT(lines[1]["score"].get<int>(), 5);
-    nlohmann::json better = lines[1];
-    better["score"] = 5;
     // The baseline lacks clip 0 (new now) and has one clip the current run lacks.
-    std::string baseline = better.dump() + "\n";
-    std::string current = lines[0].dump() + "\n" + lines[1].dump() + "\n";
+    nlohmann::json better = lines[1];
     nlohmann::json gone = lines[2];
+    better["score"] = 5;
     gone["path"] = "/gone.mxf";
-    baseline += gone.dump() + "\n";
-    test::writeFile(dir / "old.jsonl", baseline);
-    test::writeFile(dir / "new.jsonl", current);
+    test::writeFile(dir / "old.jsonl", better.dump() + "\n" + gone.dump() + "\n");
+    test::writeFile(dir / "new.jsonl", lines[0].dump() + "\n" + lines[1].dump() + "\n");
 
     const test::CommandResult r =
         report({"-t0", at("new.jsonl"), "--baseline", at("old.jsonl"), "--csv", at("c.csv")});
