@@ -19,16 +19,11 @@ namespace fs = std::filesystem;
 using test::readFile;
 using test::TempDir;
 
-// Seconds since the epoch of a local date and time.
-std::time_t localTime(int year, int month, int day, int hour, int minute, int second)
+// Seconds since the epoch of a local date and time ("2017-01-28 09:05:07").
+std::time_t localTime(const char* when)
 {
     std::tm parts{};
-    parts.tm_year = year - 1900;
-    parts.tm_mon = month - 1;
-    parts.tm_mday = day;
-    parts.tm_hour = hour;
-    parts.tm_min = minute;
-    parts.tm_sec = second;
+    EXPECT_NE(::strptime(when, "%Y-%m-%d %H:%M:%S", &parts), nullptr) << when;
     parts.tm_isdst = -1;
     return std::mktime(&parts);
 }
@@ -56,31 +51,27 @@ protected:
     DailyLog log;
 };
 
-TEST_F(DailyLogTest, EntriesOfOneDayShareAFileEachAfterALineBreak)
+TEST_F(DailyLogTest, EachEntryGoesToTheFileOfItsDateAfterALineBreak)
 {
-    const std::time_t morning = localTime(2017, 1, 28, 9, 5, 7);
+    const std::time_t morning = localTime("2017-01-28 09:05:07");
     EXPECT_EQ(log.write("Start " + titleText(), morning, true), 1);
     EXPECT_EQ(log.write("Exit", morning + 3600, true), 1);
     EXPECT_EQ(log.path(), dir.path().string() + "/QC 2017-01-28.log");
-    EXPECT_EQ(filesIn(dir.path()), std::vector<std::string>{"QC 2017-01-28.log"});
+    EXPECT_EQ(log.write("late", localTime("2016-12-31 23:59:59"), true), 1);
+    EXPECT_EQ(log.write("early", localTime("2017-01-01 00:00:01"), true), 1);
+    EXPECT_EQ(
+        filesIn(dir.path()),
+        (std::vector<std::string>{"QC 2016-12-31.log", "QC 2017-01-01.log", "QC 2017-01-28.log"}));
     EXPECT_EQ(readFile(dir / "QC 2017-01-28.log"),
               test::utf16("\r\n28-01-2017 09:05:07\tStart " + titleText() +
                           "\r\n28-01-2017 10:05:07\tExit"));
-}
-
-TEST_F(DailyLogTest, EachEntryGoesToTheFileOfItsOwnDate)
-{
-    EXPECT_EQ(log.write("late", localTime(2016, 12, 31, 23, 59, 59), true), 1);
-    EXPECT_EQ(log.write("early", localTime(2017, 1, 1, 0, 0, 1), true), 1);
-    EXPECT_EQ(filesIn(dir.path()),
-              (std::vector<std::string>{"QC 2016-12-31.log", "QC 2017-01-01.log"}));
     EXPECT_EQ(readFile(dir / "QC 2016-12-31.log"), test::utf16("\r\n31-12-2016 23:59:59\tlate"));
     EXPECT_EQ(readFile(dir / "QC 2017-01-01.log"), test::utf16("\r\n01-01-2017 00:00:01\tearly"));
 }
 
 TEST_F(DailyLogTest, UnstampedTextAndRawAppends)
 {
-    const std::time_t when = localTime(2020, 2, 29, 12, 0, 0);
+    const std::time_t when = localTime("2020-02-29 12:00:00");
     EXPECT_EQ(log.write("head", when, false), 1);
     EXPECT_EQ(log.appendRaw(" tail"), 1);
     // UTF-8 becomes UTF-16LE: é is one unit, 😀 (U+1F600) a surrogate pair, and a byte that
@@ -92,7 +83,7 @@ TEST_F(DailyLogTest, UnstampedTextAndRawAppends)
 
 TEST_F(DailyLogTest, NothingIsWrittenWhenThereIsNothingToWrite)
 {
-    const std::time_t when = localTime(2017, 1, 28, 9, 0, 0);
+    const std::time_t when = localTime("2017-01-28 09:00:00");
     DailyLog fresh;
     fresh.setFolder(dir.path().string(), "QC ");
     fresh.setEnabled(1);
@@ -149,7 +140,7 @@ TEST_F(DailyLogTest, EntriesOfManyThreadsNeverInterleave)
 {
     constexpr int kThreads = 4;
     constexpr int kEntries = 100;
-    const std::time_t when = localTime(2017, 1, 28, 9, 0, 0);
+    const std::time_t when = localTime("2017-01-28 09:00:00");
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {

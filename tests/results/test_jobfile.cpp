@@ -21,7 +21,7 @@ std::vector<std::string> pathsOf(const Job& job)
     return paths;
 }
 
-TEST(JobFile, RecognisesJobFilesByExtension)
+TEST(JobFile, JobFilesAreKnownByExtensionWhichTheirResultReplaces)
 {
     const std::pair<const char*, bool> cases[] = {
         {"/in/job.qcin", true},   {"x.QCIN", true},   {"a.QcIn", true},
@@ -32,23 +32,20 @@ TEST(JobFile, RecognisesJobFilesByExtension)
         SCOPED_TRACE(path);
         EXPECT_EQ(isJobFile(path), job);
     }
-}
-
-TEST(JobFile, ResultPathReplacesTheLastExtensionOfTheFileName)
-{
-    const std::pair<const char*, const char*> cases[] = {
+    // The result path replaces the last extension of the file name.
+    const std::pair<const char*, const char*> results[] = {
         {"/in/job.qcin", "/in/job.qcout"},    {"/in/a.b/job.QCIN", "/in/a.b/job.qcout"},
         {"/in/a.b/job", "/in/a.b/job.qcout"}, // a dot in a folder is no extension
         {"job.x.qcin", "job.x.qcout"},        {"C:\\a\\b.qcin", "C:\\a\\b.qcout"},
         {"C:\\a.d\\b", "C:\\a.d\\b.qcout"},   {"/in/.qcin", "/in/.qcout"},
         {"/in/dir/", "/in/dir/.qcout"},       {"", ".qcout"}};
-    for (const auto& [job, result] : cases) {
+    for (const auto& [job, result] : results) {
         SCOPED_TRACE(job);
         EXPECT_EQ(jobResultPath(job), result);
     }
 }
 
-TEST(JobFile, LoadJobReadsHideAndClipsWithTheDuplicateRules)
+TEST(JobFile, LoadJobNeedsTheRootAndReadsHideAndClipsWithTheDuplicateRules)
 {
     XmlNode document;
     ASSERT_TRUE(document.Parse(
@@ -78,11 +75,9 @@ TEST(JobFile, LoadJobReadsHideAndClipsWithTheDuplicateRules)
     EXPECT_EQ(job.hide, 0);
     EXPECT_EQ(pathsOf(job), (std::vector<std::string>{"/in/a.mxf", "/in/b.mxf", "/in/A.mxf",
                                                       "/in/a & b.mxf", "/in/c.mxf"}));
-}
 
-TEST(JobFile, LoadJobNeedsTheRoot)
-{
-    // text, result, hide and clip count after loading into a job that held Hide 7 and a clip
+    // Hide is read as a number, and without the root nothing is read. Text, result, hide and
+    // clip count after loading into a job that held Hide 7 and a clip:
     const std::tuple<const char*, int, std::int32_t, std::size_t> cases[] = {
         {"<Tarvo_QC Hide=\"1\"/>", 1, 1, 1},
         {"<Tarvo_QC Hide=\"yes\"><Clip File=\"/a\"/></Tarvo_QC>", 1, 0, 2},
@@ -91,14 +86,13 @@ TEST(JobFile, LoadJobNeedsTheRoot)
         {"<Tarvo_QCX/>", 0, 7, 1}};
     for (const auto& [text, result, hide, clips] : cases) {
         SCOPED_TRACE(text);
-        XmlNode document;
         document.Parse(text);
-        Job job;
-        job.hide = 7;
-        job.clips.push_back(JobClip{"/kept"});
-        EXPECT_EQ(loadJob(document, job), result);
-        EXPECT_EQ(job.hide, hide);
-        EXPECT_EQ(job.clips.size(), clips);
+        Job kept;
+        kept.hide = 7;
+        kept.clips.push_back(JobClip{"/kept"});
+        EXPECT_EQ(loadJob(document, kept), result);
+        EXPECT_EQ(kept.hide, hide);
+        EXPECT_EQ(kept.clips.size(), clips);
     }
 }
 

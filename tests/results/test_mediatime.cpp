@@ -40,7 +40,7 @@ TEST(MediaTime, FormatsOfOneHundredNanosecondValues)
     }
 }
 
-TEST(MediaTime, StreamTimeBases)
+TEST(MediaTime, StreamTimeBasesAndSplitFields)
 {
     const std::tuple<std::int64_t, TimeBase, const char*> cases[] = {
         {90'000, {1, 90'000}, "1.00"},
@@ -53,10 +53,6 @@ TEST(MediaTime, StreamTimeBases)
         SCOPED_TRACE(text);
         EXPECT_EQ(formatMediaTime(value, base), text);
     }
-}
-
-TEST(MediaTime, SplitFields)
-{
     const SplitTime t = splitMediaTime(-(26 * 3600 * kSec + 61 * kSec + 1'234'567), kClipTimeBase);
     EXPECT_EQ(t, (SplitTime{1, 1, 26, 1, 1, 12}));
     // A zero denominator is refused instead of dividing by zero.
@@ -101,7 +97,7 @@ TEST(MediaTime, SaturatingArithmetic)
     EXPECT_EQ(saturatingAbs(-7), 7);
 }
 
-TEST(MediaTime, RescaleRoundsToNearestAndKeepsUnknown)
+TEST(MediaTime, RescaleRoundsToNearestAndKeepsUnknownAndSecondsConvert)
 {
     constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
     // value, its time base, the value in 100 ns
@@ -122,10 +118,6 @@ TEST(MediaTime, RescaleRoundsToNearestAndKeepsUnknown)
         SCOPED_TRACE(value);
         EXPECT_EQ(rescaleTime(value, from, kClipTimeBase), expected);
     }
-}
-
-TEST(MediaTime, SecondsConversions)
-{
     EXPECT_DOUBLE_EQ(ticksToSeconds(135'000, {1, 90'000}), 1.5);
     EXPECT_DOUBLE_EQ(ticksToSeconds(1001, {1001, 30'000}), 1001.0 * 1001 / 30'000);
     EXPECT_DOUBLE_EQ(hundredNsToSeconds(15'000'000), 1.5);

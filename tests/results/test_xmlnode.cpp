@@ -34,15 +34,14 @@ std::string nested(int levels)
     return open + close;
 }
 
-TEST(XmlNode, AddChildRefusesNamesThatCannotBeReadBack)
+TEST(XmlNode, AddChildRefusesNamesThatCannotBeReadBackAndCutsLongOnes)
 {
-    const std::string refusedChars = " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~\t\r\n";
-    XmlNode document;
-    for (const char c : refusedChars) {
-        SCOPED_TRACE(std::string("character ") + c);
-        EXPECT_EQ(document.AddChild(std::string("a") + c + "b"), nullptr);
+    std::vector<std::string> refused = {"", "-a", ".a", "1st", "9"};
+    for (const char c : std::string(" !\"#$%&'()*+,/;<=>?@[\\]^`{|}~\t\r\n")) {
+        refused.push_back(std::string("a") + c + "b");
     }
-    for (const char* name : {"", "-a", ".a", "1st", "9", "a b"}) {
+    XmlNode document;
+    for (const std::string& name : refused) {
         SCOPED_TRACE(name);
         EXPECT_EQ(document.AddChild(name), nullptr);
     }
@@ -56,16 +55,13 @@ TEST(XmlNode, AddChildRefusesNamesThatCannotBeReadBack)
     }
     EXPECT_EQ(document.childCount(), 7u);
     EXPECT_EQ(document.child(0)->AddChild("deeper")->depth(), 2);
-}
 
-TEST(XmlNode, LongNamesAreCutToTheLimitWithoutSplittingACharacter)
-{
-    XmlNode document;
-    // 253 ASCII characters, then a two-byte character, then more.
+    // Long names are cut to the limit without splitting a character: here 253 ASCII
+    // characters, then a two-byte character, then more.
     const std::string name = std::string(253, 'a') + "\xC3\xA9" + "bcd";
-    XmlNode* node = document.AddChild(name);
-    ASSERT_NE(node, nullptr);
-    EXPECT_EQ(node->name(), std::string(253, 'a') + "\xC3\xA9");
+    XmlNode* cut = document.AddChild(name);
+    ASSERT_NE(cut, nullptr);
+    EXPECT_EQ(cut->name(), std::string(253, 'a') + "\xC3\xA9");
 
     // The reader cuts the same way, and the end tag, cut too, still matches.
     const std::string longName = std::string(300, 'x');
@@ -97,7 +93,7 @@ TEST(XmlNode, FindChildFindDeepAndRemoveChild)
     EXPECT_EQ(document.FindDeep("leaf")->GetString("n", ""), "2");
 }
 
-TEST(XmlNode, AttributesKeepOrderAndMatchNamesExactly)
+TEST(XmlNode, AttributesKeepOrderMatchNamesExactlyAndReadIntegersLikeTheCLibrary)
 {
     XmlNode node;
     node.SetAttribute("b", "1");
@@ -109,6 +105,23 @@ TEST(XmlNode, AttributesKeepOrderAndMatchNamesExactly)
     EXPECT_EQ(node.GetAttribute("A"), nullptr);
     EXPECT_EQ(node.GetString("A", "dflt"), "dflt");
     EXPECT_EQ(node.GetString("a", "dflt"), "2");
+
+    // GetInt reads the leading digits like the C library.
+    const std::pair<const char*, std::int32_t> cases[] = {{"12abc", 12},
+                                                          {"abc", 0},
+                                                          {"", 0},
+                                                          {"  -7", -7},
+                                                          {"+3", 3},
+                                                          {"0x10", 0},
+                                                          {"1.9", 1},
+                                                          {"99999999999", INT32_MAX},
+                                                          {"-99999999999", INT32_MIN}};
+    for (const auto& [value, expected] : cases) {
+        SCOPED_TRACE(value);
+        node.SetAttribute("v", value);
+        EXPECT_EQ(node.GetInt("v", 42), expected);
+    }
+    EXPECT_EQ(node.GetInt("missing", 42), 42);
 }
 
 TEST(XmlNode, TypedSettersFormatTheirValues)
@@ -122,10 +135,8 @@ TEST(XmlNode, TypedSettersFormatTheirValues)
     n.setHex32("h2", 0xAB, true);
     n.setHex32("h3", 0, true);
     n.setHex64("x1", 0x01D9F00DCAFEBABEull);
-    n.setHex64("x2", 0xFF);
     n.setHex64("x3", 0xDEADBEEF12ull, true);
     n.setReal("r1", 1.5);
-    n.setReal("r2", 0.25);
     n.setReal("r3", -3.14159);
     n.setReal("r4", 0.0);
     n.setReal("r5", 1234567.00005, 2);
@@ -138,29 +149,9 @@ TEST(XmlNode, TypedSettersFormatTheirValues)
     EXPECT_EQ(test::xmlDump(n),
               "[i=-2147483648,u=4294967295,l=-9223372036854775808,"
               "ul=18446744073709551615,h1=000000AB,h2=ab,h3=0,x1=01D9F00DCAFEBABE,"
-              "x2=00000000000000FF,x3=deadbeef12,r1=1.5000,r2=0.2500,r3=-3.1416,"
-              "r4=0.0000,r5=1234567.00,s1=1.5000000,s2=0.0000000,s3=-0.0000001,s4=NA,"
-              "s5=922337203685.4775807,s6=-922337203685.4775807]");
-}
-
-TEST(XmlNode, GetIntReadsLeadingDigitsLikeTheCLibrary)
-{
-    XmlNode n;
-    const std::pair<const char*, std::int32_t> cases[] = {{"12abc", 12},
-                                                          {"abc", 0},
-                                                          {"", 0},
-                                                          {"  -7", -7},
-                                                          {"+3", 3},
-                                                          {"0x10", 0},
-                                                          {"1.9", 1},
-                                                          {"99999999999", INT32_MAX},
-                                                          {"-99999999999", INT32_MIN}};
-    for (const auto& [value, expected] : cases) {
-        SCOPED_TRACE(value);
-        n.SetAttribute("v", value);
-        EXPECT_EQ(n.GetInt("v", 42), expected);
-    }
-    EXPECT_EQ(n.GetInt("missing", 42), 42);
+              "x3=deadbeef12,r1=1.5000,r3=-3.1416,r4=0.0000,r5=1234567.00,s1=1.5000000,"
+              "s2=0.0000000,s3=-0.0000001,s4=NA,s5=922337203685.4775807,"
+              "s6=-922337203685.4775807]");
 }
 
 TEST(XmlNode, GetByPathFollowsNamesIndexesAttributesAndTexts)
@@ -199,7 +190,7 @@ TEST(XmlNode, GetByPathFollowsNamesIndexesAttributesAndTexts)
     }
 }
 
-TEST(XmlNode, SaveWritesTheExactBytes)
+TEST(XmlNode, SaveWritesTheExactBytesInUtf16AndReplacesBrokenUtf8)
 {
     XmlNode document;
     XmlNode* root = document.AddChild("Tarvo_QC");
@@ -223,12 +214,9 @@ TEST(XmlNode, SaveWritesTheExactBytes)
               "</Tarvo_QC>\r\n");
     XmlNode empty;
     EXPECT_EQ(empty.saveBytes(), std::string("\xFF\xFE\0\0", 4));
-}
 
-TEST(XmlNode, SaveWritesUtf16WithSurrogatePairsAndReplacesBrokenUtf8)
-{
-    XmlNode document;
-    // U+00E9, U+20AC, U+1F600, then a lone continuation byte.
+    // UTF-16 with surrogate pairs: U+00E9, U+20AC, U+1F600, then a lone continuation byte.
+    document.Clear();
     document.AddChild("a")->SetText("\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80\x80");
     const std::string expected = "\xFF\xFE" + utf16("<a>") +
                                  std::string("\xE9\x00\xAC\x20\x3D\xD8\x00\xDE\xFD\xFF", 10) +
@@ -340,7 +328,7 @@ void buildSample(XmlNode& document)
     root->AddChild("QCheck")->setInt("Score", 5);
 }
 
-TEST(XmlNode, SaveLoadRoundTripGivesTheSameTreeAndBytes)
+TEST(XmlNode, SaveLoadRoundTripGivesTheSameTreeAndBytesAndEveryCutFails)
 {
     XmlNode document;
     buildSample(document);
@@ -361,27 +349,22 @@ TEST(XmlNode, SaveLoadRoundTripGivesTheSameTreeAndBytes)
     loaded.child(0)->RemoveChild(0);
     ASSERT_TRUE(loaded.Save(path));
     EXPECT_EQ(readFile(path), loaded.saveBytes());
-}
 
-TEST(XmlNode, TheThreeEncodingsReadToTheSameTree)
-{
-    // "Café" with an accented e in each encoding.
-    const std::string utf8Body = "<Tarvo_QC><Clip File=\"Caf\xC3\xA9.mxf\"/></Tarvo_QC>";
-    const std::string ansiBody = "<Tarvo_QC><Clip File=\"Caf\xE9.mxf\"/></Tarvo_QC>";
-    std::string utf16Body = "\xFF\xFE" + utf16("<Tarvo_QC><Clip File=\"Caf");
-    utf16Body += std::string("\xE9\x00", 2) + utf16(".mxf\"/></Tarvo_QC>");
-    const std::string inputs[] = {"\xEF\xBB\xBF" + utf8Body, ansiBody, utf8Body, utf16Body};
-    TempDir dir;
-    for (const std::string& bytes : inputs) {
-        SCOPED_TRACE(bytes.substr(0, 4));
-        writeFile(dir / "job.qcin", bytes);
-        XmlNode document;
-        ASSERT_TRUE(document.Load((dir / "job.qcin").string()));
-        EXPECT_EQ(document.child(0)->child(0)->GetString("File", ""), "Caf\xC3\xA9.mxf");
+    // Every cut of the document fails; past the root's last ">" only the line end and the
+    // terminator remain.
+    const std::size_t lastGt = bytes.size() - 2 - 4 - 2;
+    ASSERT_EQ(bytes[lastGt], '>');
+    for (std::size_t length = 0; length <= lastGt; ++length) {
+        XmlNode cut;
+        if (cut.loadBytes(std::string_view(bytes).substr(0, length))) {
+            ADD_FAILURE() << "a document cut to " << length << " bytes read as complete";
+            break;
+        }
     }
+    EXPECT_TRUE(loaded.loadBytes(std::string_view(bytes).substr(0, lastGt + 2)));
 }
 
-TEST(XmlNode, DecodingReplacesWhatIsBroken)
+TEST(XmlNode, DecodingReplacesWhatIsBrokenAndDeclarationsNameTheEncoding)
 {
     const std::string bad = "\xEF\xBF\xBD"; // U+FFFD
     const std::string bom = "\xEF\xBB\xBF";
@@ -397,6 +380,8 @@ TEST(XmlNode, DecodingReplacesWhatIsBroken)
         {bom + "\xF4\x90\x80\x80", bad + bad + bad + bad},                // past U+10FFFF
         {"\x80\x81\xFF", "\xE2\x82\xAC\xC2\x81\xC3\xBF"},                 // Windows-1252
         {"\xC3\xA9", "\xC3\xA9"},                                         // valid UTF-8 stays
+        {bom + "Caf\xC3\xA9", "Caf\xC3\xA9"},                             // marked UTF-8
+        {"\xFF\xFE" + std::string("C\0a\0f\0\xE9\0", 8), "Caf\xC3\xA9"},  // UTF-16LE
         {std::string("\xFE\xFF\x00<", 4), "\xC3\xBE\xC3\xBF" + std::string(1, '\0') + "<"},
         {"", ""}};
     for (const auto& [bytes, text] : cases) {
@@ -407,25 +392,19 @@ TEST(XmlNode, DecodingReplacesWhatIsBroken)
     XmlNode document;
     EXPECT_TRUE(document.Parse("<a v=\"\xFF\xC3\"/>"));
     EXPECT_EQ(document.child(0)->GetString("v", ""), bad + bad);
-}
 
-TEST(XmlNode, EveryTruncationOfADocumentFails)
-{
-    XmlNode document;
-    buildSample(document);
-    const std::string bytes = document.saveBytes();
-    // Past the root's last ">" only the line end and the terminator remain.
-    const std::size_t lastGt = bytes.size() - 2 - 4 - 2;
-    ASSERT_EQ(bytes[lastGt], '>');
-    for (std::size_t length = 0; length <= lastGt; ++length) {
-        XmlNode cut;
-        if (cut.loadBytes(std::string_view(bytes).substr(0, length))) {
-            ADD_FAILURE() << "a document cut to " << length << " bytes read as complete";
-            break;
-        }
+    // The encoding named by the leading declarations.
+    const std::pair<const char*, const char*> declarations[] = {
+        {"<?xml version=\"1.0\" encoding=\"UTF-8\"?><a/>", "UTF-8"},
+        {"<!-- x --><?XML encoding='windows-1252'?><a/>", "windows-1252"},
+        {"<?xml version=\"1.0\"?><a/>", ""},
+        {"<a encoding=\"x\"/>", ""},
+        {"<a/><?xml encoding=\"late\"?>", ""},
+        {"", ""}};
+    for (const auto& [text, encoding] : declarations) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(XmlNode::DetectEncoding(text), encoding);
     }
-    XmlNode whole;
-    EXPECT_TRUE(whole.loadBytes(std::string_view(bytes).substr(0, lastGt + 2)));
 }
 
 TEST(XmlNode, LoadFailuresLeaveTheDocumentCleared)
@@ -449,21 +428,6 @@ TEST(XmlNode, LoadFailuresLeaveTheDocumentCleared)
     XmlNode document;
     document.AddChild("a");
     EXPECT_FALSE(document.Save((dir / "no" / "such" / "folder.qcout").string()));
-}
-
-TEST(XmlNode, DetectEncodingReadsTheLeadingDeclarations)
-{
-    const std::pair<const char*, const char*> cases[] = {
-        {"<?xml version=\"1.0\" encoding=\"UTF-8\"?><a/>", "UTF-8"},
-        {"<!-- x --><?XML encoding='windows-1252'?><a/>", "windows-1252"},
-        {"<?xml version=\"1.0\"?><a/>", ""},
-        {"<a encoding=\"x\"/>", ""},
-        {"<a/><?xml encoding=\"late\"?>", ""},
-        {"", ""}};
-    for (const auto& [text, encoding] : cases) {
-        SCOPED_TRACE(text);
-        EXPECT_EQ(XmlNode::DetectEncoding(text), encoding);
-    }
 }
 
 TEST(XmlNode, VeryDeepBuiltTreesAreDestroyedWithoutRecursion)

@@ -33,7 +33,7 @@ std::string iniIn(const TempDir& dir)
     return (dir / "TarvoQC.ini").string();
 }
 
-TEST(ProfileStore, ValuesComeBackAsWritten)
+TEST(ProfileStore, ValuesComeBackAsWrittenAndReadsCountCharacters)
 {
     TempDir dir;
     const std::string values[] = {"plain",
@@ -70,13 +70,9 @@ TEST(ProfileStore, ValuesComeBackAsWritten)
     std::string out;
     EXPECT_TRUE(store.ReadString("Section", "Long", out));
     EXPECT_EQ(out, euros.substr(0, 511 * 3));
-}
 
-TEST(ProfileStore, EmptyValueCountsAsAbsentAndBufferSizesCountCharacters)
-{
-    TempDir dir;
+    // An empty value counts as absent; buffer sizes count characters.
     writeFile(iniIn(dir), "[S]\nEmpty=\nText=abcdef\nUmlauts=äöü\n");
-    ProfileStore store(iniIn(dir));
     // key, buffer size, default, result, value read
     const std::tuple<const char*, std::size_t, const char*, bool, const char*> cases[] = {
         {"Empty", 512, "dflt", false, ""}, // present but empty: the default is not used
@@ -90,11 +86,11 @@ TEST(ProfileStore, EmptyValueCountsAsAbsentAndBufferSizesCountCharacters)
         {"Umlauts", 512, "", true, "äöü"}};
     for (const auto& [key, size, fallback, result, value] : cases) {
         SCOPED_TRACE(std::string(key) + " size " + std::to_string(size));
-        std::string out = "stale";
+        out = "stale";
         EXPECT_EQ(store.ReadString("S", key, out, size, fallback), result);
         EXPECT_EQ(out, value);
     }
-    std::string out = "stale";
+    out = "stale";
     EXPECT_FALSE(store.ReadString("S", "Empty", out));
     EXPECT_EQ(out, "");
     EXPECT_FALSE(store.ReadString("S", "Missing", out));
@@ -135,7 +131,7 @@ TEST(ProfileStore, ReadsHandEditedFilesLikeTheClassicFunctions)
     }
 }
 
-TEST(ProfileStore, WritingKeepsEveryOtherByte)
+TEST(ProfileStore, WritingKeepsEveryOtherByteAndRefusesWhatTheFileCannotHold)
 {
     TempDir dir;
     const std::string path = iniIn(dir);
@@ -158,15 +154,10 @@ TEST(ProfileStore, WritingKeepsEveryOtherByte)
     EXPECT_EQ(readFile(path), "[Job00]\nEnabled=0\nSource.Folder=\" /in/ \"\n");
     fs::remove(path);
     ASSERT_TRUE(store.WriteString("Job00", "Enabled", "1"));
-    EXPECT_EQ(readFile(path), "[Job00]\nEnabled=1\n");
-}
+    const std::string original = "[Job00]\nEnabled=1\n";
+    EXPECT_EQ(readFile(path), original);
 
-TEST(ProfileStore, RefusesWhatTheFileCannotHold)
-{
-    TempDir dir;
-    const std::string path = iniIn(dir);
-    const std::string original = "[S]\nk=v\n";
-    writeFile(path, original);
+    // What the file cannot hold is refused, and the file stays as it was.
     // section, key, value
     const std::tuple<std::string, std::string, std::string> cases[] = {
         {"", "k", "v"},
@@ -180,9 +171,8 @@ TEST(ProfileStore, RefusesWhatTheFileCannotHold)
         {"S", "k", "nul\0x"s},
         {"S\n", "k", "v"},
         {"S", "k", std::string(70000, 'v')},
-        {std::string(70000, 's'), "k", "v"}, // its header would be a line too long to read
-    };
-    ProfileStore store(path);
+        // The header of this section would be a line too long to read.
+        {std::string(70000, 's'), "k", "v"}};
     for (const auto& [section, key, value] : cases) {
         SCOPED_TRACE(section.substr(0, 20) + "/" + key);
         EXPECT_FALSE(store.WriteString(section, key, value));
@@ -222,14 +212,10 @@ TEST(ProfileStore, TypedValues)
                     "Tail=12abc\nWord=abc\nPlus= +7 \nRgb=255,128,0\nCut=256,-1,7\nTwo=1,2\n"
                     "Spaced=1, 2, 3, 4\nBadComma=1 ,2\nJunk=red\n");
     // key, read as 64-bit integer and as integer flag, default -5
-    const std::tuple<const char*, std::int64_t, int> ints[] = {{"Missing", -5, -5},
-                                                               {"Empty", -5, -5},
-                                                               {"Big", 123456789012345, INT32_MAX},
-                                                               {"Neg", -42, -42},
-                                                               {"Huge", INT64_MAX, INT32_MAX},
-                                                               {"Tail", 12, 12},
-                                                               {"Word", 0, 0},
-                                                               {"Plus", 7, 7}};
+    const std::tuple<const char*, std::int64_t, int> ints[] = {
+        {"Missing", -5, -5}, {"Empty", -5, -5}, {"Big", 123456789012345, INT32_MAX},
+        {"Neg", -42, -42},   {"Tail", 12, 12},  {"Huge", INT64_MAX, INT32_MAX},
+        {"Word", 0, 0},      {"Plus", 7, 7}};
     for (const auto& [key, int64, flag] : ints) {
         SCOPED_TRACE(key);
         EXPECT_EQ(readProfileInt64(path, "T", key, -5), int64);
@@ -271,32 +257,26 @@ TEST(ProfileStore, TypedValues)
     EXPECT_EQ(readProfileInt64(path, "W", "Min", 0), INT64_MIN);
 }
 
-TEST(ProfileStore, JobKeysWithoutTheirSectionGiveTheTableDefaults)
-{
-    TempDir dir;
-    const std::string path = iniIn(dir);
-    writeFile(path, "[Options]\nEnabled=1\nGood.QCTsh=5\n");
-    EXPECT_EQ(readSettingNumber(path, kJobEnabled), 0);
-    EXPECT_EQ(readSettingNumber(path, kJobGoodThreshold), 3);
-    EXPECT_EQ(readSettingText(path, kJobSourceFolder), "");
-    ASSERT_TRUE(writeProfileInt64(path, "Job00", "Good.QCTsh", 0));
-    EXPECT_EQ(readSettingNumber(path, kJobGoodThreshold), 0);
-    EXPECT_EQ(findSettingKey(" job00 ", "GOOD.QCTSH"), &kJobGoodThreshold);
-    EXPECT_EQ(findSettingKey("Job00", "Unknown"), nullptr);
-}
-
-TEST(ProfileStore, CheckKeysReadAsNumbersOrTheirDefaults)
+TEST(ProfileStore, SettingKeysReadAsNumbersOrTheirTableDefaults)
 {
     TempDir dir;
     const std::string path = iniIn(dir);
     EXPECT_EQ(readSettingNumber(path, kCheckLevel), 3);
     EXPECT_EQ(readSettingDecimal(path, kLoudnessTarget), -23.0);
-    writeFile(path, "[Options]\nCheck.Level=4\nLoudness.Target= -24.5 \nTruePeak.Limit=-1dB\n"
-                    "Loudness.Tolerance=nan\n");
+    // Job keys outside their own section do not count.
+    writeFile(path, "[Options]\nEnabled=1\nGood.QCTsh=5\nCheck.Level=4\nLoudness.Target= -24.5 \n"
+                    "TruePeak.Limit=-3dB\nLoudness.Tolerance=nan\n");
+    EXPECT_EQ(readSettingNumber(path, kJobEnabled), 0);
+    EXPECT_EQ(readSettingNumber(path, kJobGoodThreshold), 3);
+    EXPECT_EQ(readSettingText(path, kJobSourceFolder), "");
     EXPECT_EQ(readSettingNumber(path, kCheckLevel), 4);
     EXPECT_EQ(readSettingDecimal(path, kLoudnessTarget), -24.5);
     EXPECT_EQ(readSettingDecimal(path, kTruePeakLimit), -1.0);    // not a number: the default
     EXPECT_EQ(readSettingDecimal(path, kLoudnessTolerance), 1.0); // not finite: the default
+    ASSERT_TRUE(writeProfileInt64(path, "Job00", "Good.QCTsh", 0));
+    EXPECT_EQ(readSettingNumber(path, kJobGoodThreshold), 0);
+    EXPECT_EQ(findSettingKey(" job00 ", "GOOD.QCTSH"), &kJobGoodThreshold);
+    EXPECT_EQ(findSettingKey("Job00", "Unknown"), nullptr);
 }
 
 TEST(ProfileStore, FolderMemory)
@@ -332,7 +312,7 @@ TEST(ProfileStore, FolderMemory)
     EXPECT_EQ(other.GetFolder(2), "/opt/tarvoqc/");
 }
 
-TEST(ProfileStore, SettingsLocation)
+TEST(ProfileStore, SettingsLocationIncludingAPortableInstallWithoutWriteAccess)
 {
     TempDir dir;
     const std::string writable = dir.path().string() + "/";
@@ -356,11 +336,8 @@ TEST(ProfileStore, SettingsLocation)
     EXPECT_EQ(settingsPath(), dir.path().string() + "/TarvoQC.ini");
     EXPECT_EQ(logsFolder(), dir.path().string() + "/LogsQC/");
     kept ? ::setenv(kHomeVariable, kept->c_str(), 1) : ::unsetenv(kHomeVariable);
-}
 
-TEST(ProfileStore, PortableInstallInAFolderWithoutWriteAccess)
-{
-    TempDir dir;
+    // A portable install in a folder without write access.
     const std::string readOnly = dir.path().string() + "/";
     // Root may write anywhere: the choice is made as an unprivileged user then.
     const auto chosenFolder = [&] {
