@@ -234,9 +234,6 @@ TEST(WorkerThread, EachStopStageEndsItsKindOfBody)
 // that only SIGKILL ends, as a dead network mount would: no abort signal reaches it there.
 TEST(WorkerThread, StopReturnsFromAThreadHeldInTheKernelAndTheSignalEndsItLater)
 {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "ThreadSanitizer runs a vfork child as an ordinary fork";
-#endif
     int pipeFds[2];
     ASSERT_EQ(::pipe(pipeFds), 0);
     static std::array<char, 64 * 1024> childStack;
