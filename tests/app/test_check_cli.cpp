@@ -58,16 +58,10 @@ TEST(CheckCli, ScoresIssuesAndExitStatus)
         // Level 4 with its limits from the command line.
         {{"-l4", "--loudness-target", "-8", "--true-peak-limit=-10", clip("l4_loud.mov")},
          0,
-         {"3/5 Playable", "Audio:[Low] Stream 0 (Audio) True peak -5.0 dBTP over the limit of "
-                          "-10.0 dBTP"}},
-        {{"-l1", clip("nothere.mov")}, 1, {"0/5 ERROR", "[Critical] Couldn't get file attributes"}},
-        {{"-l", "1", text}, 1, {"0/5 ERROR", "File:[Critical] Couldn't open file"}},
+         {"3/5 Playable", "over the limit of -10.0 dBTP"}},
         // pcm.wav scores 1 ("Couldn't estimate clip start timecode"): the threshold decides.
         {{"-l1", "-t1", wav}, 0, {"1/5 Very BAD"}},
         {{"-l1", "--threshold=2", wav}, 1, {"1/5 Very BAD"}},
-        {{"-l1", "-t", "5", mxf}, 0, {"5/5 OK"}},
-        {{"-l1", "-t0", text}, 0, {"0/5 ERROR"}},
-        {{"-l1", mxf, text}, 1, {"5/5 OK", "0/5 ERROR", "2 clips checked"}},
         {{"--version"}, 0, {"tarvoqc-check", "1.0.0"}},
         {{"-h"}, 0, {"--threshold"}},
         // "--" ends the options: a clip whose name starts with "-" can still be checked.
@@ -118,54 +112,34 @@ TEST(CheckCli, JsonLinesDescribeEachClip)
     const auto lines = jsonLines(r.out);
     ASSERT_EQ(lines.size(), 3U) << r.out;
 
-    const nlohmann::json& mxf = lines[0];
-    // No keys at level 1.
-    expectFields(mxf, R"({"score": 5, "result": "5/5 OK", "level": 1, "hash256": "", "fkey": null,
-        "start": 0.0, "duration": 2.0, "issues": []})"_json);
-    EXPECT_EQ(mxf["path"], clip("mpeg2_pcm.mxf"));
-    EXPECT_GT(mxf["size"].get<std::int64_t>(), 0);
-    ASSERT_EQ(mxf["streams"].size(), 2U);
-    expectFields(mxf["streams"][0],
+    // No keys at level 1. Path, score, result, size, keys and the issues' fields are what the
+    // report tests read back from these lines.
+    expectFields(lines[0], R"({"level": 1, "hash256": "", "fkey": null, "start": 0.0,
+        "duration": 2.0})"_json);
+    ASSERT_EQ(lines[0]["streams"].size(), 2U);
+    expectFields(lines[0]["streams"][0],
                  R"({"type": "Video", "codec": "mpeg2video", "decodedStart": null})"_json);
-
-    const nlohmann::json& missing = lines[1];
-    EXPECT_EQ(missing["score"], 0);
-    EXPECT_EQ(missing["issues"], nlohmann::json::parse(R"([{"category": "File",
-        "severity": "Critical", "stream": -1, "kind": "", "text": "Couldn't get file attributes"}])"));
-    EXPECT_TRUE(missing["start"].is_null());
-
-    const nlohmann::json& wav = lines[2];
-    EXPECT_TRUE(wav["start"].is_null());
-    ASSERT_EQ(wav["issues"].size(), 2U);
+    EXPECT_TRUE(lines[1]["start"].is_null());
+    EXPECT_EQ(lines[1]["issues"][0]["stream"], -1);
     // Worst first: the clip's Highest before the stream's High.
-    EXPECT_EQ(wav["issues"][0]["severity"], "Highest");
-    EXPECT_EQ(wav["issues"][1]["kind"], "Audio");
-    EXPECT_EQ(wav["issues"][1]["stream"], 0);
+    ASSERT_EQ(lines[2]["issues"].size(), 2U);
+    EXPECT_EQ(lines[2]["issues"][0]["severity"], "Highest");
+    EXPECT_EQ(lines[2]["issues"][1]["stream"], 0);
     // The summary stays off standard output.
     EXPECT_NE(r.err.find("3 clips checked"), std::string::npos);
 }
 
 // Reads a result document with Python's XML parser (after taking off the terminating zero
-// character) and computes the keys of each clip independently with hashlib: SHA-256 of
-// the file, and the file key from the digest, 224 zero bytes and the salt.
+// character).
 constexpr const char* kPythonReader = R"PY(
-import hashlib, json, os, sys
+import json, sys
 import xml.etree.ElementTree as ET
 data = open(sys.argv[1], 'rb').read()
 assert data[:2] == b'\xff\xfe', 'byte-order mark'
 assert data[-2:] == b'\x00\x00', 'terminating zero'
 root = ET.fromstring(data[2:-2].decode('utf-16-le'))
-out = {'root': root.tag, 'children': [c.tag for c in root], 'clips': []}
-for clip in root.findall('Clip'):
-    path = clip.get('File')
-    entry = {'path': path, 'elements': {e.tag: e.attrib for e in clip.iter() if e is not clip}}
-    if os.path.isfile(path):
-        digest = hashlib.sha256(open(path, 'rb').read()).digest()
-        key = hashlib.sha256(digest + bytes(224) + b'Permadolvixun\x00').digest()
-        entry['sha256'] = digest.hex().upper()
-        entry['fkey'] = '%016X' % int.from_bytes(key[:8], 'little')
-        entry['size'] = os.path.getsize(path)
-    out['clips'].append(entry)
+out = {'root': root.tag, 'children': [c.tag for c in root]}
+out['clips'] = [clip.get('File') for clip in root.findall('Clip')]
 out['qchecks'] = [dict(q.attrib, issues=[dict(i.attrib, text=i.text) for i in q]) for q in root.findall('QCheck')]
 print(json.dumps(out))
 )PY";
@@ -194,43 +168,12 @@ TEST(CheckCliDocument, ResultDocumentIsWellFormedAndMatchesTheClips)
     ASSERT_FALSE(doc.empty());
     EXPECT_EQ(doc["root"], "Tarvo_QC");
     EXPECT_EQ(doc["children"], R"(["Clip", "QCheck", "Clip", "QCheck", "Clip", "QCheck"])"_json);
-    EXPECT_EQ(doc["clips"][0]["path"], mxfCopy);
-
-    for (const nlohmann::json& c : doc["clips"]) {
-        SCOPED_TRACE(c["path"].get<std::string>());
-        const nlohmann::json& file = c["elements"]["File"];
-        EXPECT_EQ(file["Size"], std::to_string(c["size"].get<std::int64_t>()));
-        EXPECT_EQ(file["ATR"], "00000020");
-        if (c["path"] == clip("text.mov")) {
-            EXPECT_FALSE(file.contains("Hash256")) << "a clip that never opened is not read";
-            EXPECT_FALSE(file.contains("FKey"));
-            continue;
-        }
-        EXPECT_EQ(file["Hash256"], c["sha256"]);
-        EXPECT_EQ(file["FKey"], c["fkey"]);
-    }
-
-    const nlohmann::json& mxf = doc["clips"][0]["elements"];
-    EXPECT_EQ(mxf["Media"], R"({"Dur": "20000000", "Streams": "2"})"_json);
-    expectFields(mxf["Video"], R"({"Stt": "0.0000000", "Dur": "2.0000000",
-        "Format": "720,576,1,1,25,1", "Codec": "mpeg2video"})"_json);
-    expectFields(mxf["Audio"], R"({"Format": "1,48000", "Codec": "pcm_s16le"})"_json);
-    // 48000 samples of 16 bits a second: 768 kbit/s.
-    EXPECT_EQ(mxf["Audio"]["KbRate"], "768.0000");
-
-    // The joined TS: decoding finds more than its header says, and the issue is listed.
-    const nlohmann::json& ts = doc["clips"][1]["elements"];
-    EXPECT_EQ(ts["Video"]["Stt"], "10.0000000");
+    EXPECT_EQ(doc["clips"][0], mxfCopy);
+    // Each clip's facts and result are what the report reads back from a document like this.
     const nlohmann::json& tsCheck = doc["qchecks"][1];
-    expectFields(tsCheck, R"({"Score": "2", "Result": "2/5 BAD"})"_json);
     ASSERT_EQ(tsCheck["issues"].size(), 1U);
     EXPECT_EQ(tsCheck["issues"][0], R"({"Cat": "Frames", "Sev": "High", "Strm": "0",
         "Kind": "Video", "text": "Gap in TC of 2.00 at 4.00"})"_json);
-
-    const nlohmann::json& textCheck = doc["qchecks"][2];
-    EXPECT_EQ(textCheck["Result"], "0/5 ERROR");
-    EXPECT_EQ(textCheck["issues"][0]["text"], "Couldn't open file");
-    EXPECT_FALSE(textCheck["issues"][0].contains("Strm")) << "clip issues name no stream";
 }
 
 // Which elements of a job count, and how often, is the job reader's (its own tests).
@@ -245,8 +188,8 @@ TEST(CheckCliDocument, JobFilesWriteTheirResultBesideThem)
     EXPECT_NE(r.out.find("2 clips checked"), std::string::npos) << r.out;
     const nlohmann::json doc = readResultDocument(dir / "night run.qcout");
     ASSERT_EQ(doc["clips"].size(), 2U);
-    EXPECT_EQ(doc["clips"][0]["path"], clip("mpeg2_pcm.mxf"));
-    EXPECT_EQ(doc["clips"][1]["path"], clip("text.mov"));
+    EXPECT_EQ(doc["clips"][0], clip("mpeg2_pcm.mxf"));
+    EXPECT_EQ(doc["clips"][1], clip("text.mov"));
 
     // A clip after the job file: checked too, but the job's result is not written.
     std::filesystem::remove(dir / "night run.qcout");
@@ -368,7 +311,7 @@ TEST(CheckCliHostile, EarlierDocumentIsReplacedThroughLinksWithItsMode)
         SCOPED_TRACE(target.size());
         const test::CommandResult r = check({"-l1", "-o", target, clip("mpeg2_pcm.mxf")});
         EXPECT_EQ(r.status, 0) << r.err;
-        EXPECT_EQ(readResultDocument(target)["clips"][0]["path"], clip("mpeg2_pcm.mxf"));
+        EXPECT_EQ(readResultDocument(target)["clips"][0], clip("mpeg2_pcm.mxf"));
     }
     EXPECT_TRUE(fs::is_symlink(link));
     EXPECT_EQ(fs::status(earlier).permissions(),

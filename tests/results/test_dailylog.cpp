@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include "results/dailylog.h"
-#include "tarvoqc/version.h"
 #include "tests/support/testsupport.h"
 
 namespace tarvoqc {
@@ -74,11 +73,12 @@ TEST_F(DailyLogTest, UnstampedTextAndRawAppends)
     const std::time_t when = localTime("2020-02-29 12:00:00");
     EXPECT_EQ(log.write("head", when, false), 1);
     EXPECT_EQ(log.appendRaw(" tail"), 1);
-    // UTF-8 becomes UTF-16LE: é is one unit, 😀 (U+1F600) a surrogate pair, and a byte that
-    // is not UTF-8 becomes U+FFFD.
-    EXPECT_EQ(log.appendRaw("é😀\xFF"), 1);
+    // UTF-8 becomes UTF-16LE: é and € are one unit each, 😀 (U+1F600) a surrogate pair, and a
+    // byte that is not UTF-8 becomes U+FFFD.
+    EXPECT_EQ(log.appendRaw("é€😀\xFF"), 1);
     EXPECT_EQ(readFile(dir / "QC 2020-02-29.log"),
-              test::utf16("head tail") + std::string("\xE9\x00\x3D\xD8\x00\xDE\xFD\xFF", 8));
+              test::utf16("head tail") +
+                  std::string("\xE9\x00\xAC\x20\x3D\xD8\x00\xDE\xFD\xFF", 10));
 }
 
 TEST_F(DailyLogTest, NothingIsWrittenWhenThereIsNothingToWrite)
@@ -109,14 +109,12 @@ TEST(DailyLog, FolderGetsOneTrailingSeparator)
                                                          {"/var/log/LogsQC/", "/var/log/LogsQC/"},
                                                          {"C:\\Logs", "C:\\Logs/"},
                                                          {"C:\\Logs\\", "C:\\Logs\\"},
-                                                         {"C:/Logs/", "C:/Logs/"},
                                                          {"", ""}};
     DailyLog log;
     for (const auto& [given, stored] : cases) {
         SCOPED_TRACE(given);
         log.setFolder(given, "QC ");
         EXPECT_EQ(log.folder(), stored);
-        EXPECT_EQ(log.prefix(), "QC ");
     }
 }
 
@@ -164,15 +162,6 @@ TEST_F(DailyLogTest, EntriesOfManyThreadsNeverInterleave)
     }
     EXPECT_EQ(next, std::vector<int>(kThreads, kEntries));
     EXPECT_EQ(std::regex_replace(text, entry, ""), "") << "nothing but whole entries";
-}
-
-TEST(DailyLog, TitleText)
-{
-    std::string title = titleText();
-    EXPECT_TRUE(std::regex_match(title, std::regex("Tarvo Quality Check v[0-9]+\\.[0-9]+\\.[0-9]+ "
-                                                   "build [0-9]{3,}")))
-        << title;
-    EXPECT_EQ(title.rfind("Tarvo Quality Check v" + std::to_string(kVersionMajor) + ".", 0), 0u);
 }
 
 } // namespace
