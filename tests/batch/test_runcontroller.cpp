@@ -25,11 +25,10 @@ std::string clip(const char* name)
 }
 
 // Ticks until the controller is idle (or the time is up) and keeps every report.
-std::vector<TickReport> runUntilIdle(RunController& controller,
-                                     std::chrono::seconds limit = std::chrono::seconds(120))
+std::vector<TickReport> runUntilIdle(RunController& controller)
 {
     std::vector<TickReport> reports;
-    const auto end = Clock::now() + limit;
+    const auto end = Clock::now() + std::chrono::seconds(120);
     while (Clock::now() < end) {
         reports.push_back(controller.tick());
         if (controller.state() == RunState::Idle) {
@@ -38,17 +37,6 @@ std::vector<TickReport> runUntilIdle(RunController& controller,
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return reports;
-}
-
-std::vector<std::string_view> statusTexts(const std::vector<TickReport>& reports)
-{
-    std::vector<std::string_view> texts;
-    for (const TickReport& r : reports) {
-        if (r.status) {
-            texts.push_back(*r.status);
-        }
-    }
-    return texts;
 }
 
 TEST(RunController, CheckAllGivesEveryItemAResultAndMovesPastAClipThatCannotOpen)
@@ -75,14 +63,15 @@ TEST(RunController, CheckAllGivesEveryItemAResultAndMovesPastAClipThatCannotOpen
             EXPECT_EQ(list.item(i).result()->score(), expected[i]) << list.item(i).path();
             EXPECT_EQ(list.item(i).result()->path, list.item(i).path());
         }
+        // Statuses: nothing before the first runner, then busy, and "Finished" at the end.
+        std::vector<std::string_view> texts;
         for (const TickReport& r : reports) {
             harvested += r.harvestedRows.size();
+            if (r.status) {
+                texts.push_back(*r.status);
+            }
         }
         EXPECT_EQ(harvested, list.size());
-        EXPECT_EQ(list.item(1).result()->issues.at(0).text, "Couldn't open file");
-        EXPECT_EQ(list.item(2).result()->issues.at(0).text, "Couldn't get file attributes");
-        // Statuses: nothing before the first runner, then busy, and "Finished" at the end.
-        const auto texts = statusTexts(reports);
         ASSERT_GE(texts.size(), 2U);
         EXPECT_EQ(texts.front(), kStatusWorking);
         EXPECT_EQ(texts.back(), kStatusFinished);
@@ -92,33 +81,26 @@ TEST(RunController, CheckAllGivesEveryItemAResultAndMovesPastAClipThatCannotOpen
     }
 }
 
-TEST(RunController, CheckAllOnAFinishedListReturnsToIdleAtTheNextTick)
+TEST(RunController, CheckAllOnAFinishedListIsDoneButCheckSelectedChecksAgain)
 {
-    TaskList list;
-    list.AppendFromCommandLine(clip("mpeg2_pcm.mxf"));
-    list.item(0).setResult(std::make_unique<QcResult>());
-    RunController controller(list, {});
-    ASSERT_TRUE(controller.CheckAll());
-    const TickReport r = controller.tick();
-    EXPECT_TRUE(r.allDone);
-    EXPECT_EQ(controller.state(), RunState::Idle);
-    EXPECT_FALSE(r.status) << "nothing was ever shown, so nothing changes";
-
     TaskList empty;
     RunController idle(empty, {});
     EXPECT_FALSE(idle.CheckAll());
-}
 
-TEST(RunController, CheckSelectedChecksAFinishedItemAgainAndReplacesItsResult)
-{
     TaskList list;
     list.AppendFromCommandLine(clip("mpeg2_pcm.mxf"));
     list.AppendFromCommandLine(clip("text.mov"));
     auto old = std::make_unique<QcResult>();
     old->issues.add(QcIssueCategory::File, QcSeverity::Critical, QcStreamKind::None, -1, "stale");
     list.item(0).setResult(std::move(old));
-
+    list.item(1).setResult(std::make_unique<QcResult>());
     RunController controller(list, {3, -1, 1, kThreadPriorityNormal, {}});
+    ASSERT_TRUE(controller.CheckAll());
+    const TickReport r = controller.tick();
+    EXPECT_TRUE(r.allDone);
+    EXPECT_EQ(controller.state(), RunState::Idle);
+    EXPECT_FALSE(r.status) << "nothing was ever shown, so nothing changes";
+
     EXPECT_FALSE(controller.CheckSelected(-1));
     EXPECT_FALSE(controller.CheckSelected(2));
     ASSERT_TRUE(controller.CheckSelected(0));
@@ -127,10 +109,9 @@ TEST(RunController, CheckSelectedChecksAFinishedItemAgainAndReplacesItsResult)
     EXPECT_FALSE(controller.CheckSelected(1)) << "ignored while a single check runs";
     runUntilIdle(controller);
     EXPECT_EQ(controller.state(), RunState::Idle);
-    ASSERT_TRUE(list.item(0).finished());
     EXPECT_EQ(list.item(0).result()->score(), 5);
     EXPECT_TRUE(list.item(0).result()->issues.empty());
-    EXPECT_FALSE(list.item(1).finished()) << "only the selected item was checked";
+    EXPECT_EQ(list.item(1).result()->score(), 5) << "only the selected item was checked";
 }
 
 TEST(RunController, ClearAllDuringACheckDiscardsItsResult)
@@ -162,7 +143,7 @@ TEST(RunController, ClearAllDuringACheckDiscardsItsResult)
     }
     EXPECT_TRUE(sawMiddle);
     EXPECT_TRUE(reports.back().allDone);
-    EXPECT_EQ(statusTexts(reports).back(), kStatusFinished);
+    EXPECT_EQ(reports.back().status, kStatusFinished);
 
     // A new item added later is not mistaken for the cleared one.
     list.AppendFromCommandLine(clip("text.mov"));
@@ -200,7 +181,6 @@ TEST(RunController, WaitEndsWithTheCheckAndInsertedRowsAreStillChecked)
     controller.waitForRunnerEnd(std::chrono::seconds(30));
     EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 5.0);
     ASSERT_EQ(controller.tick().harvestedRows, std::vector<std::size_t>{0});
-    EXPECT_EQ(list.item(0).result()->issues.at(0).text, "Couldn't open file");
 
     list.AddFiles(0, {(dir / "inserted.mxf").string()});
     while (controller.state() != RunState::Idle) {

@@ -6,9 +6,6 @@
 #include <utility>
 #include <vector>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include "batch/tasklist.h"
@@ -29,13 +26,6 @@ Paths pathsOf(const TaskList& list)
         paths.push_back(list.item(i).path());
     }
     return paths;
-}
-
-void fillFromCommandLine(TaskList& list, std::size_t count)
-{
-    for (std::size_t i = 0; i < count; ++i) {
-        list.AppendFromCommandLine("/fill/" + std::to_string(i) + ".mp4");
-    }
 }
 
 TEST(IsMediaFileName, MatchesTheClipExtensionsWithoutRegardToCase)
@@ -73,7 +63,9 @@ TEST(TaskList, LimitCutsTheAdditionAndReportsTheWarningNumbers)
     for (const auto& [existing, paths, warning, added] : cases) {
         SCOPED_TRACE(existing);
         TaskList list;
-        fillFromCommandLine(list, existing);
+        for (std::size_t i = 0; i < existing; ++i) {
+            list.AppendFromCommandLine("/fill/" + std::to_string(i) + ".mp4");
+        }
         const AddFilesResult result = list.AddFiles(3, paths);
         EXPECT_EQ(result.warning, warning);
         EXPECT_EQ(result.added, added);
@@ -87,53 +79,12 @@ TEST(TaskList, LimitCutsTheAdditionAndReportsTheWarningNumbers)
     }
 }
 
-TEST(TaskList, LimitWarningTextAndCaption)
-{
-    const TaskLimitWarning warning{50000, 3, 2, 1};
-    EXPECT_EQ(warning.text(), "Maximum number of task files reached.\n"
-                              "The list accepts max of 50000 items.\n"
-                              "This is trying to add 3 items (2 over the limit), it will only 1.");
-    EXPECT_EQ(TaskLimitWarning{}.caption(), "Warning");
-}
-
-TEST(TaskList, DuplicateRuleComparesWithTheListOnlyAndCaseSensitively)
-{
-    // what, listed before, added, the list after
-    const std::tuple<const char*, Paths, Paths, Paths> cases[] = {
-        {"same path twice in one call", {}, {"/a/x.mp4", "/a/x.mp4"}, {"/a/x.mp4", "/a/x.mp4"}},
-        {"case differs",
-         {"/a/x.mp4"},
-         {"/a/X.mp4", "/A/x.MP4"},
-         {"/a/x.mp4", "/a/X.mp4", "/A/x.MP4"}},
-        {"already listed", {"/a/x.mp4"}, {"/a/x.mp4"}, {"/a/x.mp4"}},
-        {"whole string only",
-         {"/a/x.mp4"},
-         {"a/x.mp4", "/a//x.mp4"},
-         {"/a/x.mp4", "a/x.mp4", "/a//x.mp4"}},
-        {"non-clips dropped", {}, {"/a/x.txt", "/a/y.ts", "ts"}, {"/a/y.ts"}},
-        {"nothing left", {}, {"/a/b.txt"}, {}},
-    };
-    for (const auto& [what, listed, added, expected] : cases) {
-        SCOPED_TRACE(what);
-        TaskList list;
-        for (const auto& path : listed) {
-            list.AppendFromCommandLine(path);
-        }
-        const AddFilesResult result = list.AddFiles(100, added);
-        EXPECT_EQ(result.added, expected.size() - listed.size());
-        EXPECT_FALSE(result.warning.has_value());
-        EXPECT_EQ(pathsOf(list), expected);
-    }
-}
-
 TEST(TaskList, AddFilesInsertsOneBlockAtTheClampedPosition)
 {
     // position asked for, row given, the list after
     const std::tuple<std::int64_t, std::size_t, Paths> cases[] = {
         {-5, 0, {"/n/1.ts", "/n/2.ts", "/l/a.ts", "/l/b.ts"}},
-        {0, 0, {"/n/1.ts", "/n/2.ts", "/l/a.ts", "/l/b.ts"}},
         {1, 1, {"/l/a.ts", "/n/1.ts", "/n/2.ts", "/l/b.ts"}},
-        {2, 2, {"/l/a.ts", "/l/b.ts", "/n/1.ts", "/n/2.ts"}},
         {999, 2, {"/l/a.ts", "/l/b.ts", "/n/1.ts", "/n/2.ts"}}};
     for (const auto& [position, row, expected] : cases) {
         SCOPED_TRACE(position);
@@ -142,24 +93,31 @@ TEST(TaskList, AddFilesInsertsOneBlockAtTheClampedPosition)
         list.AppendFromCommandLine("/l/b.ts");
         const AddFilesResult result = list.AddFiles(position, {"/n/1.ts", "/n/2.ts"});
         EXPECT_EQ(result.position, row);
-        EXPECT_EQ(result.added, 2u);
         EXPECT_EQ(pathsOf(list), expected);
     }
 }
 
-TEST(TaskList, CommandLineAndJobAppends)
+// Only additions from files, drops and jobs skip listed paths: the whole string, with case.
+TEST(TaskList, DuplicatesAreListedPathsSpelledTheSame)
 {
     TaskList list;
     list.AppendFromCommandLine("notes.txt");
     list.AppendFromCommandLine("notes.txt");
-    list.AppendFromCommandLine("-x");
+    list.AppendFromCommandLine("/a/x.mp4");
+    EXPECT_EQ(list.AddFiles(9, {"/a/X.mp4", "/A/x.MP4", "a/x.mp4", "/a//x.mp4", "/a/x.mp4"}).added,
+              4u);
     EXPECT_TRUE(list.AppendFromJob("/j/a.mxf"));
     EXPECT_FALSE(list.AppendFromJob("/j/a.mxf"));
     EXPECT_TRUE(list.AppendFromJob("/j/A.mxf"));
+    EXPECT_FALSE(list.AppendFromJob("/a/x.mp4"));
     EXPECT_FALSE(list.AppendFromJob("notes.txt"));
     EXPECT_TRUE(list.AppendFromJob("readme"));
-    EXPECT_EQ(pathsOf(list),
-              (Paths{"notes.txt", "notes.txt", "-x", "/j/a.mxf", "/j/A.mxf", "readme"}));
+    EXPECT_EQ(pathsOf(list), (Paths{"notes.txt", "notes.txt", "/a/x.mp4", "/a/X.mp4", "/A/x.MP4",
+                                    "a/x.mp4", "/a//x.mp4", "/j/a.mxf", "/j/A.mxf", "readme"}));
+    // Nothing left to add: no block, no warning.
+    const AddFilesResult none = list.AddFiles(0, {"/a/x.mp4", "/a/b.txt"});
+    EXPECT_EQ(none.added, 0u);
+    EXPECT_FALSE(none.warning.has_value());
 }
 
 TEST(TaskList, ClearingAndFindingItems)
@@ -193,9 +151,7 @@ TEST(TaskList, ClearingAndFindingItems)
     list.AddFiles(0, {"/c/1.ts", "/c/2.ts"});
     list.ClearAll();
     EXPECT_TRUE(list.empty());
-    EXPECT_EQ(list.indexOfId(thirdId), TaskList::npos);
-    EXPECT_FALSE(list.contains("/c/1.ts"));
-    EXPECT_EQ(list.AddFiles(0, {"/c/1.ts"}).added, 1u);
+    EXPECT_EQ(list.AddFiles(0, {"/c/1.ts"}).added, 1u) << "a cleared path may be added again";
 }
 
 Paths sorted(Paths paths)
@@ -268,7 +224,6 @@ TEST(TaskList, ScanFolderCollectsClipsAtEveryDepthInListingOrder)
     expectedDoubled.erase(
         std::find(expectedDoubled.begin(), expectedDoubled.end(), r + "//sub/x.ts"));
     EXPECT_EQ(doubled, expectedDoubled);
-    EXPECT_NE(std::find(doubled.begin(), doubled.end(), r + "//sub/deeper/y.m2ts"), doubled.end());
 
     // Appends to what out already holds; empty or missing folders add nothing.
     Paths kept = {"first"};
@@ -279,7 +234,7 @@ TEST(TaskList, ScanFolderCollectsClipsAtEveryDepthInListingOrder)
     EXPECT_EQ(kept, Paths{"first"});
 }
 
-TEST(TaskList, ScanFolderFollowsFolderLinksButEntersEachFolderOnceAtAnyDepth)
+TEST(TaskList, ScanFolderFollowsLinksEntersEachFolderOnceAndSkipsUnreadableOnes)
 {
     ClipTree tree;
     const std::string& r = tree.root;
@@ -295,24 +250,6 @@ TEST(TaskList, ScanFolderFollowsFolderLinksButEntersEachFolderOnceAtAnyDepth)
     fs::create_directory_symlink("../outside", r + "/out");
     fs::create_symlink("a.mp4", r + "/link.mp4");
     fs::create_symlink("missing", r + "/dangling.mkv");
-
-    TaskList list;
-    Paths found;
-    list.ScanFolder(r, found);
-    std::vector<std::string> names;
-    for (const auto& path : found) {
-        names.push_back(fs::path(path).filename().string());
-    }
-    // sub is reached directly and through alias, but scanned once; up and self lead back to
-    // folders already entered; out leads to a folder outside the tree.
-    EXPECT_EQ(sorted(names), sorted({"a.mp4", "C.MXF", "inner.mov", "x.ts", "y.m2ts", "w.wav",
-                                     "o.mp4", "link.mp4", "dangling.mkv", "bottom.ts"}));
-}
-
-TEST(TaskList, ScanFolderSkipsUnreadableFolders)
-{
-    ClipTree tree;
-    const std::string& r = tree.root;
     fs::create_directory(r + "/locked");
     writeFile(r + "/locked/hidden.mp4", "x");
     fs::permissions(r + "/locked", fs::perms::none);
@@ -320,30 +257,35 @@ TEST(TaskList, ScanFolderSkipsUnreadableFolders)
     fs::permissions(tree.dir.path(), fs::perms::owner_all | fs::perms::group_read |
                                          fs::perms::group_exec | fs::perms::others_read |
                                          fs::perms::others_exec);
-    // Root reads any folder: the scan runs as an unprivileged user then.
-    const std::optional<std::string> listed = test::runUnprivileged([&] {
-        TaskList list;
-        Paths out;
-        Paths unreadable;
-        list.ScanFolder(r, out, &unreadable);
-        for (const std::string& path : unreadable) {
-            out.push_back("unreadable " + path);
-        }
+    const auto lines = [](const Paths& paths) {
         std::string text;
-        for (const std::string& line : sorted(out)) {
+        for (const std::string& line : sorted(paths)) {
             text += line + "\n";
         }
         return text;
+    };
+    // Root reads any folder: the scan runs as an unprivileged user then.
+    const std::optional<std::string> listed = test::runUnprivileged([&] {
+        TaskList list;
+        Paths found;
+        Paths unreadable;
+        list.ScanFolder(r, found, &unreadable);
+        Paths names;
+        for (const auto& path : found) {
+            names.push_back(fs::path(path).filename().string());
+        }
+        for (const std::string& path : unreadable) {
+            names.push_back("unreadable " + path);
+        }
+        return lines(names);
     });
     fs::permissions(r + "/locked", fs::perms::owner_all);
     ASSERT_TRUE(listed) << "running as root without the right to drop to an unprivileged user";
-    Paths found = tree.clips();
-    found.push_back("unreadable " + r + "/locked");
-    std::string expected;
-    for (const std::string& line : sorted(found)) {
-        expected += line + "\n";
-    }
-    EXPECT_EQ(*listed, expected);
+    // sub is reached directly and through alias, but scanned once; up and self lead back to
+    // folders already entered; out leads to a folder outside the tree.
+    EXPECT_EQ(*listed,
+              lines({"a.mp4", "C.MXF", "inner.mov", "x.ts", "y.m2ts", "w.wav", "o.mp4", "link.mp4",
+                     "dangling.mkv", "bottom.ts", "unreadable " + r + "/locked"}));
 }
 
 TEST(TaskList, DropDecisions)
@@ -369,8 +311,6 @@ TEST(TaskList, DropDecisions)
     Paths expected;
     ClipTree::walk(r + "/sub", expected);
     expected.insert(expected.end(), {"/else/new.mov", "/else/new.mov"});
-    EXPECT_EQ(list.collectDrop(dropped), expected);
-    EXPECT_TRUE(list.collectDrop({r + "/b.TXT", r + "/a.mp4", r + "/empty"}).empty());
 
     const AddFilesResult result = list.Drop(1, dropped);
     EXPECT_EQ(result.position, 1u);
@@ -380,7 +320,7 @@ TEST(TaskList, DropDecisions)
     all.push_back("/l/last.ts");
     EXPECT_EQ(pathsOf(list), all);
 
-    const AddFilesResult nothing = list.Drop(0, {r + "/b.TXT"});
+    const AddFilesResult nothing = list.Drop(0, {r + "/b.TXT", r + "/a.mp4", r + "/empty"});
     EXPECT_EQ(nothing.added, 0u);
     EXPECT_FALSE(nothing.warning.has_value());
 }
