@@ -44,18 +44,9 @@ TEST(ClipCheckerOpen, IssuesOfOpenAndProbeOnRealClips)
         media(High, 0, "Header: Stream duration unknown"),
         media(Warning, 0, "Header: Start time is off from clip by 0.01 sec"),
         media(Warning, 1, "Header: Stream duration unknown")};
-    const std::vector<ExpectedIssue> lateAudio = {
-        media(Low, 1, "Header: Start time is off from clip by 0.98 sec"),
-        media(Warning, 1, "Header: Stream is shorter than clip duration by")};
-    const ExpectedIssue shorter =
-        media(High, 0, "Header: Stream is shorter than clip duration by 2.00 sec");
     const ExpectedIssue noCodec{Cat::Codec, Critical, 0, "...Could not open codec pcm_s16le\n"};
     // clip, level, whether it opens, score, exactly these issues in any order
     const std::tuple<const char*, CheckLevel, bool, QcScore, std::vector<ExpectedIssue>> cases[] = {
-        {"mpeg2_pcm.mxf", 1, true, 5, {}},
-        {"h264_aac.mp4", 1, true, 5, {}},
-        {"prores_pcm.mov", 1, true, 5, {}},
-        {"cover.mp3", 3, true, 5, {}},
         {"nothere.mov", 1, false, 0, {{Cat::File, Critical, -1, "Couldn't get file attributes"}}},
         {"text.mov", 1, false, 0, {noOpen}},
         {"random.mxf", 1, false, 0, {noOpen}},
@@ -66,8 +57,6 @@ TEST(ClipCheckerOpen, IssuesOfOpenAndProbeOnRealClips)
         // The decoder is only opened for a decoding check.
         {"zero_channels.wav", 3, true, 0, {noCodec, noStart, headerStart}},
         {"zero_channels.wav", 2, true, 1, {noStart, headerStart}},
-        {"audio_longer.mp4", 1, true, 2, {shorter}},
-        {"late_audio.ts", 1, true, 3, lateAudio},
     };
     for (const auto& [clip, level, opens, score, issues] : cases) {
         SCOPED_TRACE(std::string(clip) + " at level " + std::to_string(level));
@@ -101,6 +90,8 @@ TEST(ClipCheckerOpen, PathsThatAreNoRegularFileAreRefusedAtOnce)
     }
 }
 
+// The stream facts are proven through the result document of the command line; these are
+// the ones it does not show.
 TEST(ClipCheckerOpen, FactsOfACleanMxf)
 {
     const std::string path = test::testClip("mpeg2_pcm.mxf").string();
@@ -114,30 +105,11 @@ TEST(ClipCheckerOpen, FactsOfACleanMxf)
     const MediaFacts facts = checker.mediaFacts();
     struct stat st = {};
     ASSERT_EQ(::stat(path.c_str(), &st), 0);
-    EXPECT_EQ(facts.fileSize, static_cast<std::uint64_t>(st.st_size));
-    EXPECT_EQ(facts.attributes, 0x20U);
     // Windows file time of the modification time: 100 ns units since 1601.
     EXPECT_EQ(facts.lastWriteTime / 10'000'000ULL - 11'644'473'600ULL,
               static_cast<std::uint64_t>(st.st_mtim.tv_sec));
-    EXPECT_EQ(facts.clipStart, 0);
-    EXPECT_EQ(facts.clipDuration, 2 * kTicksPerSecond);
     EXPECT_EQ(facts.qcDuration, facts.clipDuration);
-    EXPECT_TRUE(facts.hash256.empty());
-    EXPECT_EQ(facts.fkey, 0U);
-    ASSERT_EQ(facts.streams.size(), 2U);
-    const StreamFacts& video = facts.streams[0];
-    EXPECT_EQ(video.type, StreamType::Video);
-    EXPECT_EQ(video.codecName, "mpeg2video");
-    EXPECT_EQ(video.width, 720);
-    EXPECT_EQ(video.height, 576);
-    EXPECT_EQ(video.frameRateNum, 25);
-    EXPECT_EQ(video.frameRateDen, 1);
-    const StreamFacts& audio = facts.streams[1];
-    EXPECT_EQ(audio.type, StreamType::Audio);
-    EXPECT_EQ(audio.codecName, "pcm_s16le");
-    EXPECT_EQ(audio.channels, 1);
-    EXPECT_EQ(audio.sampleRate, 48000);
-    EXPECT_EQ(audio.headerDuration, 2 * kTicksPerSecond);
+    EXPECT_EQ(facts.streams.at(1).headerDuration, 2 * kTicksPerSecond);
 }
 
 TEST(ClipCheckerOpen, CoverArtOfAnAudioContainerIsNeverChecked)

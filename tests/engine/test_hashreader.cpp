@@ -37,13 +37,6 @@ std::string hash256Of(std::string_view bytes)
     return makeHash256(digest);
 }
 
-int openForReading(const std::filesystem::path& path)
-{
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    EXPECT_GE(fd, 0) << path;
-    return fd;
-}
-
 std::string modeName(const ::testing::TestParamInfo<HashReader::Mode>& info)
 {
     return info.param == HashReader::Mode::Inline ? "Inline" : "Background";
@@ -65,104 +58,70 @@ protected:
     test::TempDir m_dir;
 };
 
-TEST_P(HashReaderTest, RandomAdvanceStepsHashTheWholeFile)
-{
-    std::mt19937 rng(static_cast<unsigned>(GetParam() == HashReader::Mode::Inline ? 1 : 2));
-    const std::size_t sizes[] = {0, 1, 63, 65535, 65536, 65537, 3 * 1024 * 1024 + 5};
-    for (std::size_t size : sizes) {
-        const std::string content = randomText(size, rng);
-        test::writeFile(m_dir / "clip.bin", content);
-        const std::string expected = test::sha256sumOf(m_dir / "clip.bin");
-        ASSERT_EQ(expected.size(), 64u) << "sha256sum is needed";
-
-        for (int round = 0; round < 4; ++round) {
-            SCOPED_TRACE("size " + std::to_string(size) + ", round " + std::to_string(round));
-            auto reader = openReader(m_dir / "clip.bin");
-            ASSERT_NE(reader, nullptr);
-            EXPECT_EQ(reader->fileSize(), size);
-            // Positions as a demuxer gives them: mostly forward in uneven steps, some going
-            // back, some without a position, some beyond the end.
-            const auto end = static_cast<std::int64_t>(size);
-            std::int64_t position = 0;
-            for (int step = 0; step < 60; ++step) {
-                switch (rng() % 6) {
-                case 0:
-                    reader->advanceTo(-1);
-                    break;
-                case 1:
-                    reader->advanceTo(end + 1 + static_cast<std::int64_t>(rng() % 100000));
-                    break;
-                case 2:
-                    reader->advanceTo(position / 2);
-                    break;
-                default:
-                    position += static_cast<std::int64_t>(rng() % (3 * kPiece / 2));
-                    reader->advanceTo(std::min(position, end));
-                    break;
-                }
-            }
-            EXPECT_EQ(makeHash256(reader->finish()), expected);
-            EXPECT_EQ(reader->bytesHashed(), size);
-        }
-    }
-}
-
-TEST_P(HashReaderTest, FinishHashesTheWholeFileWhereverTheTargetStopped)
+// Targets as a demuxer gives them (forward in uneven steps, back, none, beyond the end),
+// then finish(): always the hash of the whole file, and finish() is final.
+TEST_P(HashReaderTest, AnyTargetsThenFinishHashTheWholeFile)
 {
     std::mt19937 rng(3);
-    const std::string content = randomText(5 * kPiece + 123, rng);
-    test::writeFile(m_dir / "clip.bin", content);
-    const std::string expected = hash256Of(content);
-    const std::int64_t stops[] = {-1, 0, 1, kPiece - 1, kPiece, 2 * kPiece + 7, 5 * kPiece + 122};
-    for (std::int64_t stop : stops) {
-        SCOPED_TRACE(stop);
+    // file size, the targets given before finish()
+    const std::pair<std::int64_t, std::vector<std::int64_t>> cases[] = {
+        {0, {}},
+        {0, {-1, 5}},
+        {1, {1}},
+        {kPiece - 1, {kPiece}},
+        {kPiece, {kPiece - 1, 0, kPiece}},
+        {kPiece + 1, {-1, 7, kPiece + 100000}},
+        {5 * kPiece + 123, {}},
+        {5 * kPiece + 123, {1, kPiece, kPiece / 2, -1, 2 * kPiece + 7}},
+        {5 * kPiece + 123, {3 * kPiece, 5 * kPiece + 122}},
+        {5 * kPiece + 123, {6 * kPiece, 2 * kPiece}},
+        {48 * kPiece + 5, {kPiece / 3, 7 * kPiece, 7 * kPiece + 9, 30 * kPiece, -1, 40 * kPiece}},
+    };
+    for (const auto& [size, targets] : cases) {
+        SCOPED_TRACE(testing::Message() << size << " bytes, " << testing::PrintToString(targets));
+        const std::string content = randomText(static_cast<std::size_t>(size), rng);
+        test::writeFile(m_dir / "clip.bin", content);
         auto reader = openReader(m_dir / "clip.bin");
         ASSERT_NE(reader, nullptr);
-        reader->advanceTo(stop);
-        EXPECT_EQ(makeHash256(reader->finish()), expected);
-        // finish() is final: later targets and calls change nothing.
-        reader->advanceTo(static_cast<std::int64_t>(content.size()));
-        EXPECT_EQ(makeHash256(reader->finish()), expected);
+        EXPECT_EQ(reader->fileSize(), content.size());
+        for (std::int64_t target : targets) {
+            reader->advanceTo(target);
+        }
+        EXPECT_EQ(makeHash256(reader->finish()), hash256Of(content));
+        reader->advanceTo(size);
+        EXPECT_EQ(makeHash256(reader->finish()), hash256Of(content));
         EXPECT_EQ(reader->bytesHashed(), content.size());
     }
 }
 
-TEST_P(HashReaderTest, FileTruncatedAfterOpenGivesTheHashOfWhatIsLeft)
+TEST_P(HashReaderTest, FileCutOrGrownAfterOpenIsHashedToTheEarlierEnd)
 {
-    // Another program cuts the file down through its own descriptor while we hash: the
-    // read at the new end returns 0 bytes and ends the reading without an error.
+    // Another program changes the length through its own descriptor while we hash: a read at
+    // a new, earlier end returns 0 bytes and ends the reading without an error; bytes beyond
+    // the size at the open are never read.
     std::mt19937 rng(4);
     const std::string content = randomText(6 * kPiece, rng);
-    // where the reader was advanced to before the cut (below it), the length cut to
-    const std::pair<std::int64_t, std::int64_t> cases[] = {
-        {-1, 0}, {0, 1000}, {kPiece, 3 * kPiece + 17}, {2 * kPiece, 4 * kPiece}};
-    for (const auto& [targetBefore, cutTo] : cases) {
-        SCOPED_TRACE("cut to " + std::to_string(cutTo));
+    // where the reader was advanced to before the change, the new length
+    const std::pair<std::int64_t, std::int64_t> cases[] = {{-1, 0},
+                                                           {0, 1000},
+                                                           {kPiece, 3 * kPiece + 17},
+                                                           {2 * kPiece, 4 * kPiece},
+                                                           {kPiece, 7 * kPiece + 99}};
+    for (const auto& [targetBefore, newLength] : cases) {
+        SCOPED_TRACE("length changed to " + std::to_string(newLength));
         test::writeFile(m_dir / "clip.bin", content);
         auto reader = openReader(m_dir / "clip.bin");
         ASSERT_NE(reader, nullptr);
         reader->advanceTo(targetBefore);
         const int writer = ::open((m_dir / "clip.bin").c_str(), O_WRONLY | O_CLOEXEC);
         ASSERT_GE(writer, 0);
-        ASSERT_EQ(::ftruncate(writer, cutTo), 0);
+        ASSERT_EQ(::ftruncate(writer, newLength), 0);
         ::close(writer);
-        reader->advanceTo(static_cast<std::int64_t>(content.size()));
-        const std::string expected = hash256Of(content.substr(0, static_cast<std::size_t>(cutTo)));
-        EXPECT_EQ(makeHash256(reader->finish()), expected);
-        EXPECT_EQ(reader->bytesHashed(), static_cast<std::uint64_t>(cutTo));
+        reader->advanceTo(static_cast<std::int64_t>(content.size()) + 10);
+        const auto kept = std::min(content.size(), static_cast<std::size_t>(newLength));
+        EXPECT_EQ(makeHash256(reader->finish()), hash256Of(content.substr(0, kept)));
+        EXPECT_EQ(reader->bytesHashed(), kept);
     }
-}
-
-TEST_P(HashReaderTest, FileGrownAfterOpenIsHashedToItsRecordedSize)
-{
-    std::mt19937 rng(5);
-    const std::string content = randomText(2 * kPiece + 99, rng);
-    test::writeFile(m_dir / "clip.bin", content);
-    auto reader = openReader(m_dir / "clip.bin");
-    ASSERT_NE(reader, nullptr);
-    test::writeFile(m_dir / "clip.bin", content + randomText(kPiece, rng));
-    reader->advanceTo(static_cast<std::int64_t>(content.size() + 10));
-    EXPECT_EQ(makeHash256(reader->finish()), hash256Of(content));
 }
 
 TEST_P(HashReaderTest, DestroyedAtAnyTime)
@@ -208,7 +167,8 @@ TEST(HashReader, FailedReadEndsTheCatchingUpAndTheNextOneTriesAgain)
     test::TempDir dir;
     const std::string content = randomText(5 * kPiece + 3, rng);
     test::writeFile(dir / "clip.bin", content);
-    const int fd = openForReading(dir / "clip.bin");
+    const int fd = ::open((dir / "clip.bin").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
     const int spare = ::dup(fd);
     const int folder = ::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_GE(spare, 0);
