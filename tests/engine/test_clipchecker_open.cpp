@@ -108,8 +108,15 @@ TEST(ClipCheckerOpen, FactsOfACleanMxf)
     // Windows file time of the modification time: 100 ns units since 1601.
     EXPECT_EQ(facts.lastWriteTime / 10'000'000ULL - 11'644'473'600ULL,
               static_cast<std::uint64_t>(st.st_mtim.tv_sec));
+    EXPECT_EQ(std::tuple(facts.fileSize, facts.attributes, facts.clipStart, facts.clipDuration),
+              std::tuple(static_cast<std::uint64_t>(st.st_size), 0x20U, 0, 2 * kTicksPerSecond));
     EXPECT_EQ(facts.qcDuration, facts.clipDuration);
-    EXPECT_EQ(facts.streams.at(1).headerDuration, 2 * kTicksPerSecond);
+    const StreamFacts& v = facts.streams.at(0);
+    const StreamFacts& a = facts.streams.at(1);
+    EXPECT_EQ(std::tuple(v.type, v.codecName, v.width, v.height, v.frameRateNum, v.frameRateDen),
+              std::tuple(StreamType::Video, "mpeg2video", 720, 576, 25, 1));
+    EXPECT_EQ(std::tuple(a.type, a.codecName, a.channels, a.sampleRate, a.headerDuration),
+              std::tuple(StreamType::Audio, "pcm_s16le", 1, 48000, 2 * kTicksPerSecond));
 }
 
 TEST(ClipCheckerOpen, CoverArtOfAnAudioContainerIsNeverChecked)
