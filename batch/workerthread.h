@@ -63,8 +63,9 @@ inline constexpr int kExitCodeException = -1; // a C++ exception escaped Run
 // being handled. Blocking calls outside abort points may fail with EINTR once Stop has
 // begun; such code should treat EINTR as a reason to look at the stop flag.
 //
-// Subclasses must call Stop() in their own destructor, before their members go away: the
-// base destructor's Stop runs too late for a Run that uses them.
+// Subclasses must call StopAndWait() in their own destructor, before their members go away:
+// the base destructor's runs too late for a Run that uses them, and a bare Stop may return
+// while the thread still uses them (stage 6).
 //
 // Thread-safety: Start, Stop, SetPriority and the destructor are called by the owning
 // thread only, never by the worker itself. IsRunning, ExitCode, WasAborted and threadId
@@ -73,7 +74,7 @@ class WorkerThread
 {
 public:
     WorkerThread() = default;
-    virtual ~WorkerThread(); // calls Stop()
+    virtual ~WorkerThread(); // calls StopAndWait()
     WorkerThread(const WorkerThread&) = delete;
     WorkerThread& operator=(const WorkerThread&) = delete;
 
@@ -87,7 +88,7 @@ public:
     // down at once before it stops each.
     void RequestStop() { m_stopFlag.exchange(1); }
 
-    // Ends the thread as described above. True once the thread has been joined (or there
+    // Ends the thread in the stages above. True once the thread has been joined (or there
     // is none); false when it is held in the kernel (stage 6) and still runs.
     virtual bool Stop();
 

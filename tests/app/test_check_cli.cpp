@@ -140,6 +140,7 @@ assert data[-2:] == b'\x00\x00', 'terminating zero'
 root = ET.fromstring(data[2:-2].decode('utf-16-le'))
 out = {'root': root.tag, 'children': [c.tag for c in root]}
 out['clips'] = [clip.get('File') for clip in root.findall('Clip')]
+out['streams'] = [{e.tag: e.attrib for e in c.iter() if e.tag in ('Video', 'Audio')} for c in root.findall('Clip')]
 out['qchecks'] = [dict(q.attrib, issues=[dict(i.attrib, text=i.text) for i in q]) for q in root.findall('QCheck')]
 print(json.dumps(out))
 )PY";
@@ -169,7 +170,11 @@ TEST(CheckCliDocument, ResultDocumentIsWellFormedAndMatchesTheClips)
     EXPECT_EQ(doc["root"], "Tarvo_QC");
     EXPECT_EQ(doc["children"], R"(["Clip", "QCheck", "Clip", "QCheck", "Clip", "QCheck"])"_json);
     EXPECT_EQ(doc["clips"][0], mxfCopy);
-    // Each clip's facts and result are what the report reads back from a document like this.
+    // Each clip's facts and result are what the report reads back from a document like this;
+    // two facts only decoding can give: 48000 16-bit samples a second, and the joined TS's
+    // decoded start.
+    EXPECT_EQ(doc["streams"][0]["Audio"]["KbRate"], "768.0000");
+    EXPECT_EQ(doc["streams"][1]["Video"]["Stt"], "10.0000000");
     const nlohmann::json& tsCheck = doc["qchecks"][1];
     ASSERT_EQ(tsCheck["issues"].size(), 1U);
     EXPECT_EQ(tsCheck["issues"][0], R"({"Cat": "Frames", "Sev": "High", "Strm": "0",

@@ -269,6 +269,7 @@ TEST(SafeTransfer, EventsDuringTheTransfer)
         {"cancel in move", true, 0, false, cp, Cancel, 0, "", ""},
         {"source rewritten", false, V, false, vf, Rewrite, -32, kFail, ""},
         {"source grown", false, V, false, vf, Grow, -32, kFail, ""},
+        {"source grown in move", true, 0, false, vf, Grow, -32, kFail, ""},
         {"source shrunk", false, V, false, vf, Shrink, -32, kFail, ""},
         {"source shrunk in copy", false, 0, false, cp, Shrink, -22,
          "Cannot read input file {dir}/in.mxf", ""},

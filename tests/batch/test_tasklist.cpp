@@ -77,6 +77,8 @@ TEST(TaskList, LimitCutsTheAdditionAndReportsTheWarningNumbers)
             EXPECT_EQ(list.item(4).path(), added > 1 ? "/new/2.mp4" : "/fill/3.mp4");
         }
     }
+    // A list already over the limit shows the negative count as it is.
+    EXPECT_TRUE((W{50000, 3, 5, -2}).text().ends_with("(5 over the limit), it will only -2."));
 }
 
 TEST(TaskList, AddFilesInsertsOneBlockAtTheClampedPosition)

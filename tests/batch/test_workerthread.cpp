@@ -210,7 +210,7 @@ TEST(WorkerThread, EachStopStageEndsItsKindOfBody)
             return test::readFile(syscall).starts_with(std::to_string(SYS_openat) + " ");
         }));
         const auto start = Clock::now();
-        worker.Stop();
+        EXPECT_TRUE(worker.Stop());
         const double seconds = secondsSince(start);
         EXPECT_GE(seconds, from);
         EXPECT_LT(seconds, to);
@@ -292,7 +292,7 @@ TEST(WorkerThread, ForcedAbortsAtRandomMomentsLandOnlyInAbortPoints)
         ASSERT_TRUE(worker->Start());
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
         const auto start = Clock::now();
-        worker->Stop();
+        EXPECT_TRUE(worker->Stop());
         ASSERT_LT(secondsSince(start), 5.0);
         EXPECT_EQ(worker->ExitCode(), kExitCodeAborted);
         EXPECT_TRUE(worker->WasAborted());

@@ -90,8 +90,6 @@ TEST(ClipCheckerOpen, PathsThatAreNoRegularFileAreRefusedAtOnce)
     }
 }
 
-// The stream facts are proven through the result document of the command line; these are
-// the ones it does not show.
 TEST(ClipCheckerOpen, FactsOfACleanMxf)
 {
     const std::string path = test::testClip("mpeg2_pcm.mxf").string();

@@ -170,8 +170,11 @@ TEST_F(WatchWindowTest, JobSetupWritesTheKeysOnOkOnly)
     EXPECT_EQ(fs::exists(ini) ? test::readFile(ini) : "", before);
     answer(true);
     window.command(kCommandJobSetup);
-    // The keys themselves are the settings' (WatchJob.SettingsOfSectionJob00).
-    EXPECT_NE(test::readFile(ini).find("[Job00]\nEnabled=0\n"), std::string::npos);
+    // The dialog's defaults; the other values' forms are WatchJob.SettingsOfSectionJob00's.
+    EXPECT_NE(test::readFile(ini).find("[Job00]\nEnabled=0\nSource.Folder=\nGood.QCTsh=3\n"
+                                       "Good.Move.Enable=0\nGood.Move.Folder=\nBad.Move.Enable=0\n"
+                                       "Bad.Move.Folder=\n"),
+              std::string::npos);
 }
 
 TEST_F(WatchWindowTest, ProgramMovesADroppedClipAndLogsItsExit)
