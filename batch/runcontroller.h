@@ -61,9 +61,8 @@ class RunController
 public:
     RunController(TaskList& list, RunControllerOptions options);
     // Stops the runners (stop flags, up to 2 s, the forced abort) and destroys them. The
-    // wait is bounded (about 4 s for each runner held in the kernel; the window has one): a runner
-    // whose thread is held in an uninterruptible kernel wait is kept, unowned, until the process
-    // ends instead of being destroyed.
+    // wait is bounded, about 4 s for each runner held in the kernel (the window has one):
+    // such a runner is kept, unowned, until the process ends instead of being destroyed.
     virtual ~RunController();
     RunController(const RunController&) = delete;
     RunController& operator=(const RunController&) = delete;

@@ -216,24 +216,25 @@ bool WorkerThread::Stop()
         return false; // a thread cannot wait for itself; the flag is all it can be given
     }
 
+    // Sends the abort signal every resend interval until the thread has ended or the
+    // window is over; a real-time signal is queued, so none is lost in between.
+    const auto signalFor = [this](std::chrono::milliseconds window) {
+        const auto deadline = std::chrono::steady_clock::now() + window;
+        bool ended = false;
+        do {
+            signalThread();
+            ended = waitEnded(m_timings.resendInterval);
+        } while (!ended && std::chrono::steady_clock::now() < deadline);
+        return ended;
+    };
     bool ended = false;
     for (int i = 0; i < m_timings.gracefulWaits && !ended; ++i) {
         ended = waitEnded(m_timings.gracefulWait);
     }
-    if (!ended) {
-        const auto deadline = std::chrono::steady_clock::now() + m_timings.abortPointWindow;
-        do {
-            signalThread();
-            ended = waitEnded(m_timings.resendInterval);
-        } while (!ended && std::chrono::steady_clock::now() < deadline);
-    }
+    ended = ended || signalFor(m_timings.abortPointWindow);
     if (!ended) {
         m_jumpAnywhere.store(1);
-        const auto deadline = std::chrono::steady_clock::now() + m_timings.lastResortWindow;
-        do {
-            signalThread();
-            ended = waitEnded(m_timings.resendInterval);
-        } while (!ended && std::chrono::steady_clock::now() < deadline);
+        ended = signalFor(m_timings.lastResortWindow);
     }
     if (!ended) {
         return false; // held in the kernel; a signal is pending and takes it out later
