@@ -14,45 +14,54 @@ CheckSettings loadCheckSettings(const std::string& settingsPath)
     settings.options.loudnessTarget = readSettingDecimal(settingsPath, kLoudnessTarget);
     settings.options.loudnessTolerance = readSettingDecimal(settingsPath, kLoudnessTolerance);
     settings.options.truePeakLimit = readSettingDecimal(settingsPath, kTruePeakLimit);
+    if (const int mib = readSettingNumber(settingsPath, kCheckMaxMemory); mib >= 0) {
+        settings.worker.memoryLimitBytes = static_cast<std::uint64_t>(mib) * 1024 * 1024;
+    }
+    if (const int seconds = readSettingNumber(settingsPath, kCheckHangTimeout); seconds >= 0) {
+        settings.worker.hangTimeout = std::chrono::seconds(seconds);
+    }
     return settings;
 }
 
-CheckRunner::CheckRunner(const TaskItem& item, CheckLevel level, int decoderThreadOption,
-                         int priority, const ClipCheckOptions& options)
-    : m_itemId(item.id()), m_path(item.path()), m_level(level),
-      m_decoderThreadOption(decoderThreadOption), m_priority(priority)
+namespace {
+
+// Request ids only need to tell the checks of one program apart.
+std::uint64_t nextRequestId()
 {
-    setStartPriority(priority);
-    m_checker.setOptions(options);
+    static std::atomic<std::uint64_t> last{0};
+    return last.fetch_add(1) + 1;
+}
+
+} // namespace
+
+CheckRunner::CheckRunner(const TaskItem& item, CheckLevel level, int decoderThreadOption,
+                         const WorkerSpec& worker, const ClipCheckOptions& options)
+    : m_itemId(item.id()), m_path(item.path()),
+      m_check(CheckRequest{nextRequestId(), item.path(), level, decoderThreadOption, options},
+              worker)
+{
+    // The thread only relays what the check process reports; the process runs at the
+    // priority asked for. At idle priority on a busy machine the relay would be slow to
+    // hand over a finished check.
+    setStartPriority(kThreadPriorityNormal);
 }
 
 CheckRunner::~CheckRunner()
 {
-    StopAndWait();
-    m_checker.Close();
+    Stop();
 }
 
 void CheckRunner::StartCheck()
 {
-    m_checker.setInterruptFlag(stopFlag());
     m_checkEnded.store(false, std::memory_order_relaxed);
-    if (Start()) {
-        SetPriority(m_priority);
-        return;
+    if (!Start()) {
+        m_check.refuse("Check could not be started: no thread");
     }
-    m_checker.Open(m_path, m_level, m_decoderThreadOption);
-    m_checker.Close();
 }
 
-// Everything the check holds lives in m_checker, never in this frame: a forced abort may
-// leave the thread from inside Open or Run (see WorkerThread), and the destructor then
-// frees it all.
 int CheckRunner::Run()
 {
-    if (m_checker.Open(m_path, m_level, m_decoderThreadOption)) {
-        m_checker.Run(stopFlag());
-    }
-    m_checker.Close();
+    m_check.run(stopFlag());
     m_checkEnded.store(true, std::memory_order_release);
     if (m_endSignal != nullptr) {
         m_endSignal->notify();

@@ -9,8 +9,10 @@
 #include <mutex>
 #include <string>
 
+#include "batch/workerprocess.h"
 #include "batch/workerthread.h"
-#include "engine/clipchecker.h"
+#include "engine/checkoptions.h"
+#include "engine/clipchecker.h" // kProgressMax, the unit of progress()
 #include "results/qcresult.h"
 
 namespace tarvoqc {
@@ -18,13 +20,17 @@ namespace tarvoqc {
 class TaskItem;
 
 // How the window and the watch job check, from section "Options" of the settings file:
-// "Check.Level" (1..4; anything else gives 3) and level 4's "Loudness.Target",
-// "Loudness.Tolerance" and "TruePeak.Limit". The decoder threads stay 0 (the caller's
-// decoder thread option decides).
+// "Check.Level" (1..4; anything else gives 3), level 4's "Loudness.Target",
+// "Loudness.Tolerance" and "TruePeak.Limit", and the limits of the check processes:
+// "Check.MaxMemory" (MiB, 0 for none; negative values give the default) and
+// "Check.HangTimeout" (seconds, 0 for never; negative values give the default). The
+// decoder threads stay 0 (the caller's decoder thread option decides); the priority is the
+// caller's.
 struct CheckSettings
 {
     CheckLevel level = 3;
     ClipCheckOptions options;
+    WorkerSpec worker;
 };
 CheckSettings loadCheckSettings(const std::string& settingsPath);
 
@@ -46,29 +52,29 @@ private:
     std::condition_variable m_changed;
 };
 
-// Checks one clip on a worker thread at idle priority: opens it (on the worker, so a slow
-// or blocked open never holds up the caller), runs the read and decode pass, and closes
-// it. The result stays in the runner until it is harvested.
+// Checks one clip: its worker thread has a check worker process (batch/workerprocess.h)
+// open, probe, read and decode the clip, and relays what the process reports. A crash,
+// a runaway allocation or a hang of the media libraries ends that process only: the clip
+// then gets a Critical "File" issue that says what happened ("0/5 ERROR"), and the next
+// check gets a fresh process. The result stays in the runner until it is harvested.
 //
 // Thread-safety: created, started, polled and destroyed by one owning thread (the
-// window's or the command line's). progress() and result() may be called at any time;
-// result() takes the checker's two locks one after the other.
+// window's or the command line's). progress() and result() may be called at any time.
 class CheckRunner : public WorkerThread
 {
 public:
     // Remembers the item by its id and copies its path; the item is not kept.
     // decoderThreadOption: below 0 single-threaded decoding, otherwise the library's choice.
-    // priority: the worker's priority (kThreadPriority...), idle for the window.
+    // worker: the check process's priority (idle for the window) and limits.
     // options: the limits of level 4 and the decoder threads (see ClipCheckOptions).
     CheckRunner(const TaskItem& item, CheckLevel level, int decoderThreadOption,
-                int priority = kThreadPriorityIdle, const ClipCheckOptions& options = {});
-    // Stops the check (stop flag, up to 2 s, then the forced abort) and releases the
-    // checker and its media library objects on the calling thread. A thread held in the
-    // kernel is waited for (see WorkerThread): owners that must not wait stop it first.
+                const WorkerSpec& worker = {}, const ClipCheckOptions& options = {});
+    // Stops the check: the stop flag, up to 2 s, then the forced abort, which kills the
+    // check process. Returns within a few milliseconds of that.
     ~CheckRunner() override;
 
-    // Starts the check. When no thread can be made the clip is opened here instead, so
-    // that its result still records how far it got; the runner then counts as finished.
+    // Starts the check. When no thread can be made the clip gets the issue "Check could
+    // not be started: no thread" at once, and the runner counts as finished.
     void StartCheck();
 
     // True once the check has ended (or never ran): the checker is closed and its result
@@ -85,19 +91,20 @@ public:
 
     std::uint64_t itemId() const { return m_itemId; }
     const std::string& path() const { return m_path; }
-    std::int32_t progress() const { return m_checker.ClipProgress(); }
-    QcResult result() const { return m_checker.result(); }
+    std::int32_t progress() const { return m_check.progress(); }
+    // The process checking the clip now; 0 before and after.
+    pid_t workerPid() const { return m_check.workerPid(); }
+    // What is known so far; the whole result once checkEnded().
+    QcResult result() const { return m_check.snapshot(); }
 
 protected:
     int Run() override;
+    void ForceAbort() override { m_check.abort(); }
 
 private:
     const std::uint64_t m_itemId;
     const std::string m_path;
-    const CheckLevel m_level;
-    const int m_decoderThreadOption;
-    const int m_priority;
-    ClipChecker m_checker;
+    IsolatedCheck m_check;
     std::atomic<bool> m_checkEnded{false};
     std::shared_ptr<RunnerEndSignal> m_endSignal;
 };

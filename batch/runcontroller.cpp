@@ -7,22 +7,6 @@
 
 namespace tarvoqc {
 
-namespace {
-
-// Keeps a runner whose thread a stop could not end (held in an uninterruptible kernel
-// wait) for the rest of the process: the kernel may still write into buffers its checker
-// owns, so destroying it would corrupt memory, and waiting for it would hang the caller.
-void keepUntilExit(std::unique_ptr<CheckRunner> runner)
-{
-    static std::mutex lock;
-    static auto* kept = new std::vector<std::unique_ptr<CheckRunner>>();
-    const std::lock_guard guard(lock);
-    std::erase_if(*kept, [](const auto& r) { return r->finished(); });
-    kept->push_back(std::move(runner));
-}
-
-} // namespace
-
 RunController::RunController(TaskList& list, RunControllerOptions options)
     : m_list(list), m_options(options)
 {}
@@ -37,11 +21,8 @@ void RunController::stopRunners()
     for (const auto& runner : m_runners) {
         runner->RequestStop();
     }
-    for (auto& runner : m_runners) {
-        if (!runner->Stop()) {
-            keepUntilExit(std::move(runner));
-        }
-    }
+    // The flags first, so that every check winds down at once and the graceful waits run
+    // side by side.
     m_runners.clear();
 }
 
@@ -69,8 +50,9 @@ bool RunController::CheckSelected(std::int64_t row)
 
 void RunController::startRunner(TaskItem& item)
 {
+    const WorkerSpec worker{m_options.priority, m_options.memoryLimitBytes, m_options.hangTimeout};
     auto runner = std::make_unique<CheckRunner>(
-        item, m_options.level, m_options.decoderThreadOption, m_options.priority, m_options.check);
+        item, m_options.level, m_options.decoderThreadOption, worker, m_options.check);
     runner->setEndSignal(m_endSignal);
     runner->StartCheck();
     m_runners.push_back(std::move(runner));

@@ -27,11 +27,14 @@ struct RunControllerOptions
     CheckLevel level = 3;
     int decoderThreadOption = 2; // the window's choice; batch runs pass -1
     std::size_t maxRunners = 1;  // clips checked at once: 1 in the window
-    // The checks' thread priority: idle in the window, so the desktop never waits for a
+    // The check processes' priority: idle in the window, so the desktop never waits for a
     // check; the command line runs in the foreground at the caller's priority.
     int priority = kThreadPriorityIdle;
     // Level 4's limits and the decoder threads of each check.
     ClipCheckOptions check{};
+    // The limits of each check's process (batch/workerprocess.h).
+    std::uint64_t memoryLimitBytes = WorkerSpec{}.memoryLimitBytes;
+    std::chrono::milliseconds hangTimeout = WorkerSpec{}.hangTimeout;
 };
 
 // What one tick did, for the window (or the command line) to show.
@@ -60,9 +63,8 @@ class RunController
 {
 public:
     RunController(TaskList& list, RunControllerOptions options);
-    // Stops the runners (stop flags, up to 2 s, the forced abort) and destroys them. The
-    // wait is bounded, about 4 s for each runner held in the kernel (the window has one):
-    // such a runner is kept, unowned, until the process ends instead of being destroyed.
+    // Stops the runners (stop flags, up to 2 s, then the forced abort of those still
+    // running) and destroys them.
     virtual ~RunController();
     RunController(const RunController&) = delete;
     RunController& operator=(const RunController&) = delete;

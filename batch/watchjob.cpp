@@ -210,6 +210,14 @@ void WatchJob::Stop()
         m_wake = true;
     }
     m_changed.notify_all();
+    // A check gets the graceful wait of every check; one that is still running then (stuck
+    // in a library, or hashing a large clip to its end) is ended with its process.
+    if (!waitForStatus([](const WatchJobStatus& status) { return !status.running; }, kStopWait)) {
+        std::lock_guard lock(m_stateLock);
+        if (m_check != nullptr) {
+            m_check->abort();
+        }
+    }
     m_thread.join();
     m_seen.clear();
     std::lock_guard lock(m_stateLock);
@@ -233,7 +241,7 @@ void WatchJob::wakeUp()
 WatchJobStatus WatchJob::statusLocked() const
 {
     WatchJobStatus status = m_status;
-    status.progress = m_checker ? m_checker->ClipProgress() : 0;
+    status.progress = m_check != nullptr ? m_check->progress() : 0;
     return status;
 }
 
@@ -380,19 +388,50 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
         }
     }
 
-    auto checker = std::make_unique<ClipChecker>();
-    checker->setInterruptFlag(&m_stop);
-    checker->setOptions(settings.check);
-    updateStatus([&](WatchJobStatus& status) {
-        status.checking = path;
-        m_checker = std::move(checker);
-    });
-    const bool opened = m_checker->Open(path, settings.checkLevel, kDecoderThreadOption);
-    const int ran = opened ? m_checker->Run(&m_stop) : 0;
-    m_checker->Close();
-    QcResult result = m_checker->result();
-    updateStatus([&](WatchJobStatus&) { checker = std::move(m_checker); });
-    checker.reset();
+    // A version whose check process failed is not checked again: the failure would come
+    // again, pass after pass.
+    const auto earlier = m_seen.find(path);
+    std::shared_ptr<const QcResult> failed;
+    if (earlier != m_seen.end() && earlier->second.version == version) {
+        failed = earlier->second.failed;
+    }
+    QcResult result;
+    int ran = 0;
+    bool opened = true;
+    if (failed != nullptr) {
+        result = *failed;
+    } else {
+        static std::atomic<std::uint64_t> requests{0};
+        IsolatedCheck check(
+            {++requests, path, settings.checkLevel, kDecoderThreadOption, settings.check},
+            settings.worker);
+        updateStatus([&](WatchJobStatus& status) {
+            status.checking = path;
+            m_check = &check;
+        });
+        CheckOutcome outcome = check.run(&m_stop);
+        updateStatus([&](WatchJobStatus&) { m_check = nullptr; });
+        if (outcome.end == CheckEnd::NotStarted) {
+            // Nothing was checked (the worker program is missing, say): the clip stays.
+            Seen& seen = m_seen[path];
+            if (seen.version != version || seen.opened) {
+                seen = Seen{};
+                seen.version = version;
+                log("Cannot check " + path + ": " + outcome.result.issues.all().back()->text);
+            }
+            return;
+        }
+        ran = outcome.runCode;
+        // A failed check process counts as a check: the clip is BAD with the reason.
+        opened = outcome.result.opened || outcome.end == CheckEnd::Failed;
+        if (outcome.end == CheckEnd::Failed) {
+            failed = std::make_shared<const QcResult>(outcome.result);
+        }
+        result = std::move(outcome.result);
+        if (outcome.end == CheckEnd::Aborted) {
+            return;
+        }
+    }
 
     // A cancelled check is unfinished; a clip that changed or went during the check is
     // looked at again in the next pass.
@@ -417,9 +456,16 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
     const bool known = seen.version == version && seen.opened && seen.score == score &&
                        seen.issueLines == issueLines;
     if (!known) {
-        seen = Seen{.version = version, .opened = true, .score = score, .issueLines = issueLines};
+        seen = Seen{.version = version,
+                    .opened = true,
+                    .score = score,
+                    .issueLines = issueLines,
+                    .moveFailure = 0,
+                    .copied = false,
+                    .failed = nullptr};
         log("QC " + std::string(scoreText(score)) + " " + path);
     }
+    seen.failed = failed;
 
     const bool good = isGoodClip(score, settings.goodThreshold);
     if ((good ? settings.moveGood : settings.moveBad) && !seen.copied) {

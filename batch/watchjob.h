@@ -12,13 +12,13 @@
 #include <thread>
 #include <vector>
 
+#include "batch/workerprocess.h"
 #include "engine/checkoptions.h"
 #include "results/qcissue.h"
 #include "results/qcresult.h"
 
 namespace tarvoqc {
 
-class ClipChecker;
 class DailyLog;
 
 // ---------------------------------------------------------------------------------------
@@ -44,6 +44,8 @@ struct WatchJobSettings
     // defaults.
     CheckLevel checkLevel = 3;
     ClipCheckOptions check{};
+    // The check processes: the job's own priority, and the limits of the settings.
+    WorkerSpec worker{kThreadPriorityNormal};
 
     bool operator==(const WatchJobSettings&) const = default;
 };
@@ -89,7 +91,9 @@ struct WatchJobStatus
 // are left out; listing order kept). For each clip: skip it for now when it was modified
 // less than 5 s ago or another program has it open for writing; check it with a fresh
 // ClipChecker at the settings' check level (the job's stop flag cancels the check); leave
-// it for a later pass when it changed or went away during the check; decide GOOD or BAD
+// it for a later pass when it changed or went away during the check; a clip whose check
+// process crashed, hung or ran out of memory is BAD with the issue that says so, and that
+// version of it is not checked again in this run of the worker; decide GOOD or BAD
 // (isGoodClip); move it when that kind is to be moved: a verified copy under the clip's
 // own name in that folder (" (n)" added when the name is taken) and the source deleted
 // only then. Between passes the worker waits 5 s; less when woken, or when a clip of the
@@ -108,9 +112,9 @@ struct WatchJobStatus
 // The worker runs at the owner's priority (use nice for a lower one).
 //
 // Stop: the flag is set, the worker is woken and joined. A check in progress ends at its
-// next packet; the engine then still hashes the rest of that clip, so Stop waits at most
-// for one packet plus reading the rest of the clip being checked (a copy in progress ends
-// within one 64 KiB block). There is no forced abort.
+// next packet (the engine then still hashes the rest of that clip); a check that has not
+// ended 2 s after the flag is ended by force (its process is killed), so Stop waits at
+// most about 2 s for a check. A copy in progress ends within one 64 KiB block.
 //
 // Thread-safety: Start, Stop, setSettings and the destructor belong to one owning thread
 // (the window's). settings(), status(), isRunning(), waitForStatus() and wakeUp() may be
@@ -155,6 +159,8 @@ public:
     // The time a clip must have stood unchanged before it is checked, and the wait
     // between passes.
     static constexpr std::chrono::seconds kSettleTime{5};
+    // How long Stop lets a running check wind down before it ends it by force.
+    static constexpr std::chrono::seconds kStopWait{2};
     static constexpr std::chrono::milliseconds kPassWait{5000};
 
 private:
@@ -177,6 +183,9 @@ private:
         std::vector<std::string> issueLines; // listLines order
         std::int32_t moveFailure = 0;        // the code of the last logged move failure, or 0
         bool copied = false;                 // a copy exists elsewhere; the move is not repeated
+        // The check process of this version failed (crash, hang, memory): its result, used
+        // in place of checking it again.
+        std::shared_ptr<const QcResult> failed;
     };
 
     void worker();
@@ -203,8 +212,9 @@ private:
     bool m_wake = false;
     WatchJobStatus m_status;
 
-    // The check in progress: replaced by the worker under m_stateLock, read by status().
-    std::unique_ptr<ClipChecker> m_checker;
+    // The check in progress: set and cleared by the worker under m_stateLock, read by
+    // status() and aborted by Stop.
+    IsolatedCheck* m_check = nullptr;
 
     // Worker only.
     std::map<std::string, Seen> m_seen;

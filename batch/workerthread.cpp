@@ -2,34 +2,18 @@
 
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <system_error>
 #include <utility>
 
 #include <cxxabi.h>
-#include <pthread.h>
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "engine/abortpoint.h"
-
 namespace tarvoqc {
 
 namespace {
-
-// The worker object of the calling thread, for the signal handler. Constant-initialised,
-// so reading it in a handler needs no initialisation code.
-thread_local WorkerThread* t_worker = nullptr;
-
-// A real-time signal: never sent by the system itself, and queued rather than merged.
-int abortSignal()
-{
-    return SIGRTMIN + 3;
-}
-
-std::once_flag g_handlerOnce;
 
 constexpr int kIdleNice = 19;
 
@@ -63,25 +47,16 @@ bool applyPriority(pid_t tid, int level)
 
 } // namespace
 
-void WorkerThread::onAbortSignal(int /*signal*/)
+bool setCallingThreadPriority(int level)
 {
-    WorkerThread* self = t_worker;
-    if (self == nullptr || self->m_jumpArmed.load() == 0) {
-        return;
-    }
-    const int savedErrno = errno;
-    self->m_signalsSeen.fetch_add(1);
-    if (AbortPoint::active() || self->m_jumpAnywhere.load() != 0) {
-        siglongjmp(self->m_jump, 1);
-    }
-    errno = savedErrno;
+    return applyPriority(::gettid(), level);
 }
 
 WorkerThread::~WorkerThread()
 {
     // Not virtual here on purpose: a subclass has already stopped the thread in its own
     // destructor; this one catches a subclass that did not.
-    StopAndWait();
+    Stop();
 }
 
 bool WorkerThread::Start()
@@ -92,15 +67,6 @@ bool WorkerThread::Start()
     if (m_thread.joinable()) {
         m_thread.join();
     }
-    std::call_once(g_handlerOnce, [] {
-        // No SA_RESTART: the signal must break a blocking call, not resume it.
-        struct sigaction action = {};
-        action.sa_handler = &WorkerThread::onAbortSignal;
-        sigemptyset(&action.sa_mask);
-        action.sa_flags = 0;
-        ::sigaction(abortSignal(), &action, nullptr);
-    });
-
     m_stopFlag.exchange(0);
     {
         std::lock_guard lock(m_lock);
@@ -109,8 +75,6 @@ bool WorkerThread::Start()
         m_ended.store(false, std::memory_order_release);
     }
     m_aborted.store(false);
-    m_jumpAnywhere.store(0);
-    m_signalsSeen.store(0);
     try {
         m_thread = std::thread(&WorkerThread::entry, this);
     } catch (const std::system_error&) {
@@ -127,14 +91,6 @@ bool WorkerThread::Start()
 
 void WorkerThread::entry()
 {
-    t_worker = this;
-    // The thread inherits its creator's signal mask; a blocked abort signal would make
-    // the forced abort wait for ever.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, abortSignal());
-    ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-
     const pid_t tid = ::gettid();
     applyPriority(tid, m_startPriority);
     {
@@ -152,32 +108,16 @@ void WorkerThread::entry()
         int code = kExitCodeException;
         ~EndMark()
         {
-            t_worker = nullptr;
             std::lock_guard lock(self->m_lock);
-            self->m_exitCode = code;
+            self->m_exitCode =
+                self->m_aborted.load(std::memory_order_acquire) ? kExitCodeAborted : code;
             self->m_hasExitCode = true;
             self->m_tid.store(0, std::memory_order_release);
             self->m_ended.store(true, std::memory_order_release);
             self->m_changed.notify_all();
         }
     } endMark{this};
-    endMark.code = runGuarded();
-}
-
-int WorkerThread::runGuarded()
-{
-    // Nothing on this frame changes between sigsetjmp and a jump back to it, so its
-    // values stay determinate after the jump.
-    if (sigsetjmp(m_jump, 1) != 0) {
-        m_jumpArmed.store(0);
-        AbortPoint::resetAfterAbort();
-        m_aborted.store(true, std::memory_order_release);
-        return kExitCodeAborted;
-    }
-    m_jumpArmed.store(1);
-    const int code = runCatching();
-    m_jumpArmed.store(0);
-    return code;
+    endMark.code = runCatching();
 }
 
 int WorkerThread::runCatching()
@@ -200,57 +140,28 @@ bool WorkerThread::waitEnded(std::chrono::milliseconds timeout)
                               [this] { return m_ended.load(std::memory_order_acquire); });
 }
 
-void WorkerThread::signalThread()
-{
-    // Safe while the thread is not yet joined, even when it has already ended.
-    ::pthread_kill(m_thread.native_handle(), abortSignal());
-}
-
-bool WorkerThread::Stop()
+void WorkerThread::Stop()
 {
     if (!m_thread.joinable()) {
-        return true;
+        return;
     }
     m_stopFlag.exchange(1);
     if (std::this_thread::get_id() == m_thread.get_id()) {
-        return false; // a thread cannot wait for itself; the flag is all it can be given
+        return; // a thread cannot wait for itself; the flag is all it can be given
     }
-
-    // Sends the abort signal every resend interval until the thread has ended or the
-    // window is over; a real-time signal is queued, so none is lost in between.
-    const auto signalFor = [this](std::chrono::milliseconds window) {
-        const auto deadline = std::chrono::steady_clock::now() + window;
-        bool ended = false;
-        do {
-            signalThread();
-            ended = waitEnded(m_timings.resendInterval);
-        } while (!ended && std::chrono::steady_clock::now() < deadline);
-        return ended;
-    };
     bool ended = false;
     for (int i = 0; i < m_timings.gracefulWaits && !ended; ++i) {
         ended = waitEnded(m_timings.gracefulWait);
     }
-    ended = ended || signalFor(m_timings.abortPointWindow);
     if (!ended) {
-        m_jumpAnywhere.store(1);
-        ended = signalFor(m_timings.lastResortWindow);
+        // Decided under the lock the thread takes to record its end, so an exit code and
+        // WasAborted always agree.
+        std::lock_guard lock(m_lock);
+        ended = m_ended.load(std::memory_order_acquire);
+        m_aborted.store(!ended, std::memory_order_release);
     }
     if (!ended) {
-        return false; // held in the kernel; a signal is pending and takes it out later
-    }
-    m_thread.join();
-    return true;
-}
-
-void WorkerThread::StopAndWait()
-{
-    if (Stop() || !m_thread.joinable() || std::this_thread::get_id() == m_thread.get_id()) {
-        return;
-    }
-    {
-        std::unique_lock lock(m_lock);
-        m_changed.wait(lock, [this] { return m_ended.load(std::memory_order_acquire); });
+        ForceAbort();
     }
     m_thread.join();
 }

@@ -10,7 +10,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "engine/abortpoint.h"
 #include "engine/clipsession.h"
 #include "engine/enginetrace.h"
 #include "engine/fileinfo.h"
@@ -65,11 +64,8 @@ int ClipSession::readPacket(void* opaque, std::uint8_t* buffer, int size)
         if (session->owner.interrupted()) {
             return AVERROR_EXIT;
         }
-        ssize_t n = 0;
-        {
-            AbortPoint abortable;
-            n = ::read(session->fd, buffer, static_cast<std::size_t>(size));
-        }
+        const ssize_t n = ::read(session->fd, buffer, static_cast<std::size_t>(size));
+        session->owner.m_activity.fetch_add(1, std::memory_order_relaxed);
         if (n > 0) {
             return static_cast<int>(n);
         }
@@ -221,7 +217,8 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
     m_session = std::make_unique<ClipSession>(*this);
     ClipSession& session = *m_session;
     // A FIFO, a device or a folder under a clip's name is refused here, before any read
-    // could wait for ever; a file on a hung mount may still block, as an abort point.
+    // could wait for ever; a file on a hung mount may still block (the check's process is
+    // then ended from outside).
     session.fd = openRegularFile(m_path);
     if (session.fd >= 0) {
         ::posix_fadvise(session.fd, 0, 0, POSIX_FADV_SEQUENTIAL);

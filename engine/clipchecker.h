@@ -81,6 +81,10 @@ public:
 
     // 0..kProgressMax; lock-free, any thread.
     std::int32_t ClipProgress() const { return m_progress.load(std::memory_order_relaxed); }
+    // Grows with every read of the clip and every packet handled: a check whose activity
+    // stands still for long is stuck (a hung file system, a decoder in a loop), even where
+    // its progress may rightly stand still. Lock-free, any thread.
+    std::uint64_t activity() const { return m_activity.load(std::memory_order_relaxed); }
 
     // Snapshots for other threads (see the class comment).
     QcIssueList issues() const;
@@ -133,6 +137,7 @@ private:
     std::unique_ptr<ClipSession> m_session;
 
     std::atomic<std::int32_t> m_progress{0};
+    std::atomic<std::uint64_t> m_activity{0};
     const std::atomic<std::int32_t>* m_interruptFlag = nullptr;
     const std::atomic<std::int32_t>* m_cancelFlag = nullptr;
 

@@ -11,9 +11,8 @@ namespace tarvoqc {
 
 class ClipChecker;
 
-// Everything an open clip holds from the media libraries and the file system. Owned by
-// the ClipChecker (never by a stack frame of the check), so that a thread that is left
-// at an abort point strands nothing: the owner releases it all in Close.
+// Everything an open clip holds from the media libraries and the file system, owned by
+// the ClipChecker and released in Close.
 struct ClipSession
 {
     explicit ClipSession(ClipChecker& owner) : owner(owner) {}
@@ -33,8 +32,8 @@ struct ClipSession
     // The file hash of the read pass: its own read handle, kept just behind the demuxer.
     std::unique_ptr<HashReader> hash;
 
-    // The media libraries read the clip through these, so that every blocking read is
-    // one of our abort points and honours the interrupt and cancel flags.
+    // The media libraries read the clip through these, so that every blocking read
+    // honours the interrupt and cancel flags and counts as activity.
     static int readPacket(void* opaque, std::uint8_t* buffer, int size);
     static std::int64_t seek(void* opaque, std::int64_t offset, int whence);
     static int interruptCallback(void* opaque);

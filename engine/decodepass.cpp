@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "engine/abortpoint.h"
 #include "engine/clipchecker.h"
 #include "engine/clipkeys.h"
 #include "engine/clipsession.h"
@@ -19,9 +18,6 @@ using Sev = QcSeverity;
 
 } // namespace
 
-// Everything the pass touches lives in the checker or its session, never in a local
-// with a destructor: a forced abort that leaves the thread at an abort point (a blocking
-// read) strands nothing, and Close releases it all on the runner's thread.
 int ClipChecker::Run(const std::atomic<std::int32_t>* cancelFlag)
 {
     if (m_level < 2 || !m_session || !m_session->format) {
@@ -87,6 +83,7 @@ bool ClipChecker::readPackets()
             return false;
         }
         av_packet_unref(packet);
+        m_activity.fetch_add(1, std::memory_order_relaxed);
         const int rc = av_read_frame(format, packet);
         if (rc < 0) {
             if (rc == AVERROR_EOF) {

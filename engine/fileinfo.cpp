@@ -7,8 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "engine/abortpoint.h"
-
 namespace tarvoqc {
 
 namespace {
@@ -42,12 +40,7 @@ namespace {
 bool statFile(int dirFd, const char* path, int flags, std::string_view name, FileInfo& info)
 {
     struct statx st = {};
-    int rc = 0;
-    {
-        AbortPoint abortable;
-        rc = ::statx(dirFd, path, flags, STATX_BASIC_STATS | STATX_BTIME, &st);
-    }
-    if (rc != 0) {
+    if (::statx(dirFd, path, flags, STATX_BASIC_STATS | STATX_BTIME, &st) != 0) {
         return false;
     }
     std::uint32_t attributes = 0;
@@ -84,11 +77,7 @@ bool queryFileInfo(int fd, FileInfo& info)
 
 int openRegularFile(const std::string& path)
 {
-    int fd = -1;
-    {
-        AbortPoint abortable;
-        fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    }
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     if (fd < 0) {
         return -1;
     }

@@ -24,14 +24,13 @@ struct FileInfo
 };
 
 // Queries the facts of path (following links). False when the path cannot be queried.
-// Blocking calls are abort points.
 bool queryFileInfo(const std::string& path, FileInfo& info);
 // The same facts of an open file (no name, so never the hidden bit).
 bool queryFileInfo(int fd, FileInfo& info);
 
 // Opens path for reading when it names a regular file (links followed); -1 otherwise. The
 // open does not wait for a FIFO's writer or a device, so a clip that is none of ours is
-// refused at once; the handle then blocks on reads as usual. The open is an abort point.
+// refused at once; the handle then blocks on reads as usual.
 int openRegularFile(const std::string& path);
 
 // A file counts as write-locked while another program has it open for writing: a read

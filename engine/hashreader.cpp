@@ -10,8 +10,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "engine/abortpoint.h"
-
 namespace tarvoqc {
 
 namespace {
@@ -55,11 +53,7 @@ HashReader::HashReader(int fd, std::uint64_t fileSize, Mode mode)
 
 std::unique_ptr<HashReader> HashReader::open(const std::string& path, Mode mode)
 {
-    int fd = -1;
-    {
-        AbortPoint abortable;
-        fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    }
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         return nullptr;
     }
@@ -113,12 +107,7 @@ bool HashReader::catchUp(std::uint64_t limit, bool onOwnerThread)
             static_cast<std::size_t>(std::min<std::uint64_t>(kPieceBytes, limit - m_hashed));
         ssize_t got = 0;
         do {
-            if (onOwnerThread) {
-                AbortPoint abortPoint;
-                got = ::pread(m_fd, m_buffer.get(), want, static_cast<off_t>(m_hashed));
-            } else {
-                got = ::pread(m_fd, m_buffer.get(), want, static_cast<off_t>(m_hashed));
-            }
+            got = ::pread(m_fd, m_buffer.get(), want, static_cast<off_t>(m_hashed));
         } while (got < 0 && errno == EINTR);
         if (got <= 0) {
             return false;
@@ -204,7 +193,6 @@ FileDigest HashReader::finish()
         m_finishing.store(true, std::memory_order_seq_cst);
         wakeBackground();
         while (!m_done.load(std::memory_order_acquire)) {
-            AbortPoint abortable;
             waitEvent(m_doneFd);
         }
         m_thread.join();

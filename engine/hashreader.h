@@ -33,23 +33,15 @@ namespace tarvoqc {
 // and no error is raised. The file is read with pread, so its file position is neither
 // used nor moved. Nothing past the recorded size is ever hashed, even if the file grows.
 //
-// Abort points (engine/abortpoint.h): the reader takes no lock anywhere; the background
-// thread and its owner meet through atomics, and sleep on eventfds. In Inline mode each
-// blocking read runs inside an AbortPoint: it is on the owner's thread, holds no lock and
-// leaves no half-made state (the hash and the byte count move only after the read
-// returns), so a forced abort of the worker during a hung read leaves at once and the
-// reader can still be destroyed. In Background mode advanceTo never blocks (at most one
-// eventfd write), and the owner's only blocking call, finish()'s wait for the thread, is
-// a read on an eventfd inside an AbortPoint; a condition variable is not used there
-// because leaving its wait by a jump would strand its mutex. The background thread's
-// reads are not abort points: the forced abort is aimed at the worker thread alone, and
-// this thread has no entry to jump back to; it ends through the stop flag instead.
+// The background thread and its owner meet through atomics and sleep on eventfds: in
+// Background mode advanceTo never blocks (at most one eventfd write), and the owner's only
+// blocking call is finish()'s wait for the thread.
 //
 // Thread-safety: the owner's calls come from one thread at a time: normally the worker;
-// the destructor may run on another thread once the worker has ended (also after a forced
-// abort out of finish()). bytesHashed() may be read from any thread. The background
-// thread is internal. The destructor may run at any time (before, during or without
-// finish): it stops and joins the thread, waiting at most for the read in progress.
+// the destructor may run on another thread once the worker has ended. bytesHashed() may
+// be read from any thread. The background thread is internal. The destructor may run at any time
+// (before, during or without finish): it stops and joins the thread, waiting at most for the read
+// in progress.
 class HashReader
 {
 public:
@@ -66,7 +58,7 @@ public:
     // Inline when no thread can be started (see mode()).
     HashReader(int fd, std::uint64_t fileSize, Mode mode);
     // Opens path read-only with the sequential-read hint and records its size at open.
-    // Null when the file cannot be opened or queried. The open is an abort point.
+    // Null when the file cannot be opened or queried.
     static std::unique_ptr<HashReader> open(const std::string& path, Mode mode);
     ~HashReader();
     HashReader(const HashReader&) = delete;
@@ -89,8 +81,8 @@ public:
 
 private:
     // Reads and hashes pieces while a piece ending at or before limit is ready; false when
-    // a read failed or returned 0 bytes. On the owner's thread the reads are abort points;
-    // on the background thread the stop flag is looked at before each piece.
+    // a read failed or returned 0 bytes. On the background thread the stop flag is looked
+    // at before each piece.
     bool catchUp(std::uint64_t limit, bool onOwnerThread);
     void runBackground();
     void wakeBackground();

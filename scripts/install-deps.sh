@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
     build-essential cmake pkg-config git perl python3
     libavformat-dev libavcodec-dev libavutil-dev libavfilter-dev libswscale-dev libswresample-dev
-    nlohmann-json3-dev libgtest-dev ffmpeg
+    nlohmann-json3-dev libseccomp-dev libgtest-dev ffmpeg
     qt6-base-dev xvfb xauth
     clang clang-format libclang-rt-14-dev
     parallel chromium

@@ -65,7 +65,7 @@ struct SettingKey
 
 inline constexpr std::size_t kFolderSlotCount = 6;
 
-inline constexpr std::array<SettingKey, 17> kSettingKeys = {{
+inline constexpr std::array<SettingKey, 19> kSettingKeys = {{
     // Folder memory of the open dialogs; row i is slot i.
     {kSectionOptions, "Default Folder", SettingType::Folder, "", 0},
     {kSectionOptions, "Folder Clips", SettingType::Folder, "", 0},
@@ -87,6 +87,10 @@ inline constexpr std::array<SettingKey, 17> kSettingKeys = {{
     {kSectionOptions, "Loudness.Target", SettingType::Decimal, "-23", 0},
     {kSectionOptions, "Loudness.Tolerance", SettingType::Decimal, "1", 0},
     {kSectionOptions, "TruePeak.Limit", SettingType::Decimal, "-1", 0},
+    // The limits of each check's process: memory (MiB, 0 none) and the time without
+    // activity after which a check counts as hung (s, 0 never).
+    {kSectionOptions, "Check.MaxMemory", SettingType::Integer, "", 4096},
+    {kSectionOptions, "Check.HangTimeout", SettingType::Integer, "", 120},
 }};
 
 inline constexpr std::size_t kFolderClipsSlot = 1; // the main window's "Open Clips"
@@ -101,6 +105,8 @@ inline constexpr const SettingKey& kCheckLevel = kSettingKeys[13];
 inline constexpr const SettingKey& kLoudnessTarget = kSettingKeys[14];
 inline constexpr const SettingKey& kLoudnessTolerance = kSettingKeys[15];
 inline constexpr const SettingKey& kTruePeakLimit = kSettingKeys[16];
+inline constexpr const SettingKey& kCheckMaxMemory = kSettingKeys[17];
+inline constexpr const SettingKey& kCheckHangTimeout = kSettingKeys[18];
 
 // The row of a fixed key (names compared as the file compares them), or null.
 const SettingKey* findSettingKey(std::string_view section, std::string_view key);

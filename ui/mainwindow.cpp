@@ -57,6 +57,8 @@ MainWindow::MainWindow(MainWindowOptions options, QWidget* parent)
     runOptions.priority = kThreadPriorityIdle;
     runOptions.check = m_options.check;
     runOptions.check.decoderThreads = 0;
+    runOptions.memoryLimitBytes = m_options.worker.memoryLimitBytes;
+    runOptions.hangTimeout = m_options.worker.hangTimeout;
     m_controller = std::make_unique<RunController>(m_list, runOptions);
 
     createControls();

@@ -247,6 +247,8 @@ WatchJobWindow::WatchJobWindow(QWidget* parent) : CWDlgClass(parent)
     const CheckSettings checkSettings = loadCheckSettings(settingsPath());
     jobSettings.checkLevel = checkSettings.level;
     jobSettings.check = checkSettings.options;
+    jobSettings.worker.memoryLimitBytes = checkSettings.worker.memoryLimitBytes;
+    jobSettings.worker.hangTimeout = checkSettings.worker.hangTimeout;
     m_job->setSettings(jobSettings);
 
     // The timer's ticks are left to the default handling.

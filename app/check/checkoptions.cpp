@@ -103,6 +103,10 @@ const std::vector<OptionRow>& optionTable()
         {"j", "jobs", true, intSetter(&CheckOptions::jobs, {0, 256}, "--jobs")},
         {"", "threads", true, intSetter(&CheckOptions::threads, {0, 256}, "--threads")},
         {"t", "threshold", true, intSetter(&CheckOptions::threshold, {0, 5}, "--threshold")},
+        {"", "max-memory", true,
+         intSetter(&CheckOptions::maxMemoryMiB, {0, 1024 * 1024}, "--max-memory")},
+        {"", "hang-timeout", true,
+         intSetter(&CheckOptions::hangTimeout, {0, 24 * 3600}, "--hang-timeout")},
         {"q", "quiet", false, flagSetter(&CheckOptions::quiet)},
         {"", "version", false, flagSetter(&CheckOptions::version)},
         {"h", "help", false, flagSetter(&CheckOptions::help)},
@@ -228,6 +232,10 @@ std::string checkUsage()
            "      --threads N      decoder threads per clip (default 0: the cores divided\n"
            "                       among the clips checked at the same time)\n"
            "  -t, --threshold N    lowest passing score 0..5 (default 3)\n"
+           "      --max-memory MIB memory each clip's check may use (default 4096; 0 = no\n"
+           "                       limit); a check that needs more gets \"0/5 ERROR\"\n"
+           "      --hang-timeout S a check that reads and decodes nothing for S seconds is\n"
+           "                       ended as hung (default 120; 0 = never)\n"
            "  -q, --quiet          only the summary\n"
            "      --version        print the version\n"
            "  -h, --help           print this help\n"

@@ -20,6 +20,10 @@ struct CheckOptions
     double loudnessTarget = -23.0;  // LUFS
     double loudnessTolerance = 1.0; // LU
     double truePeakLimit = -1.0;    // dBTP
+    // The limits of each check's process: memory in MiB (0 none) and the seconds without
+    // activity after which a check counts as hung (0 never).
+    int maxMemoryMiB = 4096;
+    int hangTimeout = 120;
     bool quiet = false;
     bool version = false;
     bool help = false;

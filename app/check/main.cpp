@@ -274,6 +274,8 @@ int main(int argc, char** argv)
     runOptions.check.loudnessTarget = options->loudnessTarget;
     runOptions.check.loudnessTolerance = options->loudnessTolerance;
     runOptions.check.truePeakLimit = options->truePeakLimit;
+    runOptions.memoryLimitBytes = static_cast<std::uint64_t>(options->maxMemoryMiB) * 1024 * 1024;
+    runOptions.hangTimeout = std::chrono::seconds(options->hangTimeout);
     RunController controller(list, runOptions);
     controller.CheckAll(); // an empty list (a job without clips) stays idle
 

@@ -109,6 +109,7 @@ int main(int argc, char** argv)
     MainWindowOptions windowOptions;
     windowOptions.level = checkSettings.level;
     windowOptions.check = checkSettings.options;
+    windowOptions.worker = checkSettings.worker;
     MainWindow window(windowOptions);
     // done() ends the modal run whether the window is shown or hidden.
     onStopSignal(&window, [&window] { window.done(QDialog::Rejected); });

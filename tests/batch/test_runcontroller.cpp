@@ -156,10 +156,14 @@ TEST(CheckRunner, WindowChecksRunAtIdlePriority)
     list.AppendFromCommandLine(clip("long.ts"));
     CheckRunner runner(list.item(0), 3, -1);
     runner.StartCheck();
-    const pid_t tid = runner.threadId();
-    ASSERT_NE(tid, 0);
-    const int policy = ::sched_getscheduler(tid);
-    EXPECT_TRUE(policy == SCHED_IDLE || ::getpriority(PRIO_PROCESS, static_cast<id_t>(tid)) == 19)
+    pid_t pid = 0;
+    const auto until = Clock::now() + std::chrono::seconds(10);
+    while ((pid = runner.workerPid()) == 0 && Clock::now() < until) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_NE(pid, 0);
+    const int policy = ::sched_getscheduler(pid);
+    EXPECT_TRUE(policy == SCHED_IDLE || ::getpriority(PRIO_PROCESS, static_cast<id_t>(pid)) == 19)
         << "policy " << policy;
 }
 
@@ -203,7 +207,7 @@ TEST(CheckRunner, DestroyedAtRandomMomentsOfARealCheck)
         SCOPED_TRACE(delay);
         const auto start = Clock::now();
         {
-            CheckRunner runner(list.item(0), 3, -1, kThreadPriorityNormal);
+            CheckRunner runner(list.item(0), 3, -1, WorkerSpec{kThreadPriorityNormal});
             runner.StartCheck();
             std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         }

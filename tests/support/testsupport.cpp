@@ -24,6 +24,14 @@ namespace tarvoqc::test {
 
 namespace fs = std::filesystem;
 
+namespace {
+
+// Checks run in the worker program of this build tree (the test programs do not live
+// beside it); a worker named by the caller's environment stays.
+[[maybe_unused]] const bool g_workerChosen = ::setenv("TARVOQC_WORKER", TARVOQC_WORKER_EXE, 0) == 0;
+
+} // namespace
+
 fs::path testMediaDir()
 {
     return TARVOQC_TEST_MEDIA_DIR;

@@ -1,0 +1,338 @@
+#include "batch/checkworker.h"
+
+#include <cerrno>
+#include <condition_variable>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include <poll.h>
+#include <sched.h>
+#include <seccomp.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "batch/workerthread.h"
+#include "engine/clipchecker.h"
+
+namespace tarvoqc {
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// The sanitizers map terabytes of shadow memory (no data limit fits them) and start helper
+// processes that trace the worker for their leak and crash reports.
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+constexpr int kProgressPeriodMs = 50;
+
+// One fault of the test seam.
+struct Fault
+{
+    std::string kind;
+    std::string marker;
+};
+
+std::vector<Fault> faultsFromEnvironment()
+{
+    std::vector<Fault> faults;
+    const char* value = std::getenv(kWorkerFaultVariable);
+    std::string_view rest = value != nullptr ? value : "";
+    while (!rest.empty()) {
+        const std::size_t comma = rest.find(',');
+        const std::string_view rule = rest.substr(0, comma);
+        rest = comma == std::string_view::npos ? std::string_view{} : rest.substr(comma + 1);
+        const std::size_t colon = rule.find(':');
+        if (colon != std::string_view::npos && colon + 1 < rule.size()) {
+            faults.push_back(
+                {std::string(rule.substr(0, colon)), std::string(rule.substr(colon + 1))});
+        }
+    }
+    return faults;
+}
+
+// Meets the fault of the seam whose marker the path holds, if any.
+void meetFault(const std::vector<Fault>& faults, const std::string& path, bool memoryLimited)
+{
+    for (const Fault& fault : faults) {
+        if (path.find(fault.marker) == std::string::npos) {
+            continue;
+        }
+        if (fault.kind == "segv") {
+            std::signal(SIGSEGV, SIG_DFL); // past any sanitizer's handler: a plain crash
+            std::raise(SIGSEGV);
+        } else if (fault.kind == "abort") {
+            std::abort();
+        } else if (fault.kind == "exit") {
+            ::_exit(3);
+        } else if (fault.kind == "hang") {
+            for (;;) {
+                ::pause();
+            }
+        } else if (fault.kind == "memory" && memoryLimited) {
+            // Touched, so the pages are real; the limit ends it with bad_alloc.
+            std::vector<std::unique_ptr<char[]>> hog;
+            for (;;) {
+                constexpr std::size_t kChunk = 64 * 1024 * 1024;
+                hog.push_back(std::make_unique<char[]>(kChunk));
+                std::memset(hog.back().get(), 1, kChunk);
+            }
+        }
+    }
+}
+
+// The socket to the parent: whole frames, written under a lock by the check and by the
+// progress sampler.
+class Channel
+{
+public:
+    explicit Channel(int fd) : m_fd(fd) {}
+
+    // False once the parent is gone.
+    bool send(const std::string& frame)
+    {
+        const std::lock_guard lock(m_lock);
+        std::size_t sent = 0;
+        while (sent < frame.size()) {
+            const ssize_t n = ::send(m_fd, frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL);
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n <= 0) {
+                return false;
+            }
+            sent += static_cast<std::size_t>(n);
+        }
+        return true;
+    }
+
+private:
+    const int m_fd;
+    std::mutex m_lock;
+};
+
+// What the request reader and the check share.
+struct Shared
+{
+    std::mutex lock;
+    std::condition_variable changed;
+    std::deque<CheckRequest> queue;
+    bool closed = false;
+    // The check in progress (under lock): its request id and its checker, for Stop and
+    // for sampling progress; 0 and null between checks.
+    std::uint64_t currentId = 0;
+    const ClipChecker* current = nullptr;
+    // The last request a Stop named that had not started yet: it starts stopped.
+    std::uint64_t stoppedId = 0;
+    std::atomic<std::int32_t> stop{0};
+};
+
+// The reader thread: takes requests and stops off the socket and, while a check runs,
+// sends its progress whenever it moved. When the parent goes away mid-check, the process
+// ends at once: nobody is left to want the result.
+void readRequests(int fd, Channel& channel, Shared& shared)
+{
+    FrameReader reader;
+    std::vector<char> buffer(64 * 1024);
+    WorkerProgress last;
+    for (;;) {
+        pollfd entry = {fd, POLLIN, 0};
+        const int ready = ::poll(&entry, 1, kProgressPeriodMs);
+        if (ready > 0) {
+            const ssize_t n = ::recv(fd, buffer.data(), buffer.size(), 0);
+            if (n < 0 && (errno == EINTR || errno == EAGAIN)) {
+                continue;
+            }
+            if (n <= 0) {
+                const std::lock_guard lock(shared.lock);
+                if (shared.current != nullptr) {
+                    ::_exit(kWorkerExitNormal);
+                }
+                shared.closed = true;
+                shared.changed.notify_all();
+                return;
+            }
+            reader.append(buffer.data(), static_cast<std::size_t>(n));
+            while (const auto frame = reader.next()) {
+                if (frame->type == FrameType::Check) {
+                    auto request = decodeCheck(frame->payload);
+                    if (!request) {
+                        ::_exit(kWorkerExitProtocol);
+                    }
+                    const std::lock_guard lock(shared.lock);
+                    shared.queue.push_back(std::move(*request));
+                    shared.changed.notify_all();
+                } else if (frame->type == FrameType::Stop) {
+                    const auto id = decodeStop(frame->payload);
+                    if (!id) {
+                        ::_exit(kWorkerExitProtocol);
+                    }
+                    const std::lock_guard lock(shared.lock);
+                    if (*id == shared.currentId) {
+                        shared.stop.store(1);
+                    } else {
+                        shared.stoppedId = *id;
+                    }
+                } else {
+                    ::_exit(kWorkerExitProtocol);
+                }
+            }
+            if (reader.broken()) {
+                ::_exit(kWorkerExitProtocol);
+            }
+        }
+        WorkerProgress now;
+        {
+            const std::lock_guard lock(shared.lock);
+            if (shared.current == nullptr) {
+                continue;
+            }
+            now = {shared.currentId, shared.current->ClipProgress(), shared.current->activity()};
+        }
+        if (!(now == last)) {
+            last = now;
+            channel.send(encodeProgress(now));
+        }
+    }
+}
+
+// One request: the same calls, in the same order, as a check in the program's own process.
+CheckDone runCheck(const CheckRequest& request, const std::vector<Fault>& faults,
+                   bool memoryLimited, Channel& channel, Shared& shared)
+{
+    auto checker = std::make_unique<ClipChecker>();
+    checker->setOptions(request.options);
+    checker->setInterruptFlag(&shared.stop);
+    {
+        const std::lock_guard lock(shared.lock);
+        shared.current = checker.get();
+    }
+    CheckDone done;
+    done.id = request.id;
+    try {
+        meetFault(faults, request.path, memoryLimited);
+        const bool opened = checker->Open(request.path, request.level, request.decoderThreadOption);
+        channel.send(encodeOpened(request.id, checker->result()));
+        if (opened) {
+            done.runCode = checker->Run(&shared.stop);
+        }
+    } catch (const std::bad_alloc&) {
+        ::_exit(kWorkerExitOutOfMemory);
+    } catch (...) {
+        // The engine keeps its findings as issues; an exception is a fault of its code, and
+        // the result holds what was found before it.
+    }
+    checker->Close();
+    done.result = checker->result();
+    const std::lock_guard lock(shared.lock);
+    shared.current = nullptr;
+    shared.currentId = 0;
+    return done;
+}
+
+bool installSyscallFilter()
+{
+    scmp_filter_ctx filter = ::seccomp_init(SCMP_ACT_ALLOW);
+    if (filter == nullptr) {
+        return false;
+    }
+    const auto refuse = [&](int syscall) {
+        return ::seccomp_rule_add(filter, SCMP_ACT_ERRNO(EPERM), syscall, 0) == 0;
+    };
+    bool ok = true;
+    // No network, ever: a clip may name other files or addresses, and a decoder taken over
+    // by a hostile clip must not reach out.
+    for (const int syscall :
+         {SCMP_SYS(socket), SCMP_SYS(socketpair), SCMP_SYS(connect), SCMP_SYS(bind),
+          SCMP_SYS(listen), SCMP_SYS(accept), SCMP_SYS(accept4)}) {
+        ok = refuse(syscall) && ok;
+    }
+    if (!kSanitized) {
+        // No other programs and no tracing: threads are made with clone(CLONE_THREAD), so
+        // only a clone without it (a new process) is refused. clone3's flags cannot be
+        // looked at; ENOSYS makes the C library fall back to clone.
+        for (const int syscall :
+             {SCMP_SYS(fork), SCMP_SYS(vfork), SCMP_SYS(execve), SCMP_SYS(execveat),
+              SCMP_SYS(ptrace), SCMP_SYS(process_vm_readv), SCMP_SYS(process_vm_writev)}) {
+            ok = refuse(syscall) && ok;
+        }
+        ok = ::seccomp_rule_add(filter, SCMP_ACT_ERRNO(EPERM), SCMP_SYS(clone), 1,
+                                SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0)) == 0 &&
+             ok;
+        ok = ::seccomp_rule_add(filter, SCMP_ACT_ERRNO(ENOSYS), SCMP_SYS(clone3), 0) == 0 && ok;
+    }
+    ok = ok && ::seccomp_load(filter) == 0;
+    ::seccomp_release(filter);
+    return ok;
+}
+
+} // namespace
+
+WorkerReady restrictWorker(const WorkerConfig& config)
+{
+    WorkerReady ready;
+    ready.protocolVersion = kCheckProtocolVersion;
+    const rlimit noCore = {0, 0};
+    ::setrlimit(RLIMIT_CORE, &noCore);
+    if (config.memoryLimitBytes > 0 && !kSanitized) {
+        const rlimit data = {config.memoryLimitBytes, config.memoryLimitBytes};
+        ready.memoryLimited = ::setrlimit(RLIMIT_DATA, &data) == 0;
+    }
+    // Threads made later inherit the priority of the thread that makes them.
+    setCallingThreadPriority(config.priority);
+    ready.noNewPrivileges = ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0;
+    ready.syscallFilter = ready.noNewPrivileges && installSyscallFilter();
+    return ready;
+}
+
+int serveCheckRequests(int fd, const WorkerReady& ready)
+{
+    Channel channel(fd);
+    if (!channel.send(encodeReady(ready))) {
+        return kWorkerExitNormal;
+    }
+    const std::vector<Fault> faults = faultsFromEnvironment();
+    Shared shared;
+    std::thread reader;
+    try {
+        reader = std::thread(readRequests, fd, std::ref(channel), std::ref(shared));
+    } catch (const std::system_error&) {
+        return kWorkerExitOutOfMemory;
+    }
+    for (;;) {
+        CheckRequest request;
+        {
+            std::unique_lock lock(shared.lock);
+            shared.changed.wait(lock, [&] { return shared.closed || !shared.queue.empty(); });
+            if (shared.queue.empty()) {
+                break;
+            }
+            request = std::move(shared.queue.front());
+            shared.queue.pop_front();
+            // A stop sent for an earlier request never reaches this one.
+            shared.stop.store(request.id == shared.stoppedId ? 1 : 0);
+            shared.currentId = request.id;
+        }
+        const CheckDone done = runCheck(request, faults, ready.memoryLimited, channel, shared);
+        if (!channel.send(encodeDone(done))) {
+            break;
+        }
+    }
+    ::shutdown(fd, SHUT_RDWR); // ends the reader's wait if the parent has not closed yet
+    reader.join();
+    return kWorkerExitNormal;
+}
+
+} // namespace tarvoqc
