@@ -398,7 +398,8 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
     QcResult result;
     int ran = 0;
     bool opened = true;
-    if (failed != nullptr) {
+    const bool checkedBefore = failed != nullptr;
+    if (checkedBefore) {
         result = *failed;
     } else {
         static std::atomic<std::uint64_t> requests{0};
@@ -448,7 +449,9 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
         }
         return;
     }
-    updateStatus([](WatchJobStatus& status) { ++status.checked; });
+    if (!checkedBefore) {
+        updateStatus([](WatchJobStatus& status) { ++status.checked; });
+    }
 
     std::vector<std::string> issueLines;
     result.issues.listLines(issueLines);

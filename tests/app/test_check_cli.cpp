@@ -81,6 +81,57 @@ TEST(CheckCli, ScoresIssuesAndExitStatus)
     EXPECT_EQ(quiet.out, "2 clips checked at level 1: 1 at or above \"3/5 Playable\", 1 below\n");
 }
 
+// A clip whose check crashes, aborts, runs out of memory or hangs, among five good ones:
+// the run goes on, every clip gets its line, the summary and the result document are
+// written, and the exit status says a clip is below the threshold.
+TEST(CheckCli, AClipThatBreaksItsCheckCostsThatClipOnly)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const bool memoryLimited = false;
+#else
+    const bool memoryLimited = true;
+#endif
+    const test::TempDir dir;
+    const std::pair<const char*, const char*> faults[] = {
+        {"segv", "Check process crashed: signal 11 (SIGSEGV"},
+        {"abort", "Check process crashed: signal 6 (SIGABRT"},
+        {"memory", "Check process ran out of memory (limit 256 MiB)"},
+        {"hang", "Check process hung: no activity for 1 s"}};
+    for (const auto& [fault, issue] : faults) {
+        SCOPED_TRACE(fault);
+        if (std::string_view(fault) == "memory" && !memoryLimited) {
+            continue; // sanitizer builds run workers without a memory limit
+        }
+        const fs::path folder = dir / fault;
+        fs::create_directories(folder);
+        for (const char* name : {"1.mp4", "2.mp4", "3-break-me.mp4", "4.mp4", "5.mp4", "6.mp4"}) {
+            fs::copy_file(clip("h264_aac.mp4"), folder / name);
+        }
+        const std::string document = (folder / "run.qcout").string();
+        const test::CommandResult r =
+            test::runCommand({TARVOQC_CHECK_EXE, "--hang-timeout", "1", "--max-memory", "256", "-o",
+                              document, "-j2", folder.string()},
+                             {std::string("TARVOQC_WORKER_FAULT=") + fault + ":break-me"});
+        EXPECT_EQ(r.status, 1) << r.out << r.err;
+        EXPECT_NE(r.out.find("0/5 ERROR    " + (folder / "3-break-me.mp4").string() +
+                             "\n    File:[Critical] " + issue),
+                  std::string::npos)
+            << r.out;
+        std::size_t fine = 0;
+        for (std::size_t at = 0; (at = r.out.find("5/5 OK ", at)) != std::string::npos; ++at) {
+            ++fine;
+        }
+        EXPECT_EQ(fine, 5U) << r.out;
+        EXPECT_NE(r.out.find("6 clips checked at level 3: 5 at or above"), std::string::npos);
+        const std::string xml = test::asciiOfUtf16(test::readFile(document));
+        std::size_t clips = 0;
+        for (std::size_t at = 0; (at = xml.find("<Clip ", at)) != std::string::npos; ++at) {
+            ++clips;
+        }
+        EXPECT_EQ(clips, 6U) << xml;
+    }
+}
+
 TEST(CheckCli, UsageErrorsExitWithTwoAndSayWhy)
 {
     const std::pair<std::vector<std::string>, const char*> cases[] = {
@@ -91,6 +142,8 @@ TEST(CheckCli, UsageErrorsExitWithTwoAndSayWhy)
         {{"-l", "abc", "x.mxf"}, "--level"},
         {{"--threshold", "-1", "x.mxf"}, "--threshold"},
         {{"--jobs", "x", "x.mxf"}, "--jobs"},
+        {{"--max-memory", "-1", "x.mxf"}, "--max-memory"},
+        {{"--hang-timeout", "1.5", "x.mxf"}, "--hang-timeout"},
         {{"-t"}, "needs a value"},
         {{"--bogus", "x.mxf"}, "unknown option"},
         {{"--quiet=1", "x.mxf"}, "takes no value"},

@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "batch/watchjob.h"
+#include "batch/workerprocess.h"
 #include "engine/clipchecker.h"
 #include "results/dailylog.h"
 #include "results/textcodec.h"
@@ -461,6 +462,50 @@ TEST(WatchJob, FaultsNeverLoseAClipNorStopTheJob)
         ASSERT_FALSE(lines.empty());
         EXPECT_EQ(lines.back(), movedLine);
     }
+}
+
+} // namespace
+} // namespace tarvoqc
+
+namespace tarvoqc {
+namespace {
+
+// A clip whose check crashes is BAD with the crash as its issue: checked once (the same
+// version never again in this run), moved to BAD once when BAD clips move, and the job
+// goes on with the others.
+TEST(WatchJob, AClipThatCrashesItsCheckIsBadOnceAndTheJobGoesOn)
+{
+    closeIdleWorkers(); // the next workers start with the fault rule
+    ::setenv("TARVOQC_WORKER_FAULT", "segv:crash-me", 1);
+    Watch w;
+    const std::string bytes = readFile(test::testClip(kClean));
+    const fs::path crashing = w.drop(bytes, "crash-me.mxf", w.src);
+    w.start(3, false, false);
+    w.pass();
+    w.pass();
+    EXPECT_EQ(w.job.status().checked, 1U) << "checked once, not pass after pass";
+    EXPECT_TRUE(fs::exists(crashing));
+
+    WatchJobSettings settings = w.job.settings();
+    settings.moveGood = settings.moveBad = true;
+    w.job.setSettings(settings);
+    w.job.Start();
+    w.drop(bytes, "fine.mxf", w.src);
+    w.pass();
+    w.pass();
+    ::unsetenv("TARVOQC_WORKER_FAULT");
+    EXPECT_TRUE(w.job.isRunning());
+    expectClipAt(w, w.bad / "crash-me.mxf", test::testClip(kClean), "0/5 ERROR");
+    expectClipAt(w, w.good / "fine.mxf", test::testClip(kClean), "5/5 OK");
+    const std::string document = XmlNode().Load((w.bad / "crash-me.mxf.qcout").string())
+                                     ? utf16leToUtf8(readFile(w.bad / "crash-me.mxf.qcout"))
+                                     : "";
+    EXPECT_NE(document.find("Check process crashed: signal 11 (SIGSEGV"), std::string::npos);
+    const auto lines = w.logLines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "QC 0/5 ERROR " + crashing.string()), 1);
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& line) { return line.starts_with("Moved "); }),
+              2);
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "batch/workerprocess.h"
 #include "settings/profilestore.h"
 #include "tests/support/testsupport.h"
 #include "ui/mainwindow.h"
@@ -346,6 +347,36 @@ TEST_F(MainWindowTest, ClosingAtRandomMomentsOfACheckNeverHangs)
         w.reset(); // stops the running check
         EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(4));
     }
+}
+
+// A clip whose check crashes takes nothing with it: the window, its list and the results
+// before it stay, the clip shows "0/5 ERROR" with the crash, and the next clip is checked.
+TEST_F(MainWindowTest, AClipThatCrashesItsCheckCostsThatRowOnly)
+{
+    const test::TempDir dir;
+    const std::string crashing = (dir / "crash-me.mp4").string();
+    fs::copy_file(test::testClip("h264_aac.mp4"), crashing);
+    closeIdleWorkers(); // the next workers start with the fault rule
+    ::setenv("TARVOQC_WORKER_FAULT", "segv:crash-me", 1);
+    MainWindow w;
+    for (const std::string& clip : {test::testClip("h264_aac.mp4").string(), crashing,
+                                    test::testClip("mpeg2_mp2.ts").string()}) {
+        w.taskList().AppendFromCommandLine(clip);
+    }
+    w.start();
+    w.command(kIdCheckAll);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return statusCell(w) == QString("Finished"); }, 60000));
+    ::unsetenv("TARVOQC_WORKER_FAULT");
+    ASSERT_EQ(w.taskList().size(), 3u);
+    const char* expected[] = {"5/5 OK", "0/5 ERROR", "4/5 Good"};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(grid(w)->model()->index(i, TaskListModel::StatusColumn).data().toString(),
+                  QString(expected[i]));
+    }
+    select(w, 1);
+    ASSERT_EQ(tree(w)->topLevelItemCount(), 1);
+    EXPECT_EQ(tree(w)->topLevelItem(0)->child(0)->text(0).toStdString(),
+              "Check process crashed: signal 11 (SIGSEGV, Segmentation fault)");
 }
 
 } // namespace
