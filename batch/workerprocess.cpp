@@ -306,13 +306,32 @@ public:
         return status;
     }
 
-    void closeIdle()
+    std::size_t closeIdle()
     {
-        const std::lock_guard lock(m_lock);
-        for (auto& worker : m_idle) {
-            endLocked(std::move(worker));
+        std::vector<std::unique_ptr<WorkerProcess>> idle;
+        {
+            const std::lock_guard lock(m_lock);
+            idle.swap(m_idle);
         }
-        m_idle.clear();
+        std::size_t unclean = 0;
+        const auto deadline = Clock::now() + 10s;
+        for (auto& worker : idle) {
+            const pid_t pid = worker->pid();
+            worker.reset(); // the end of its socket ends an idle worker
+            int status = 0;
+            pid_t reaped = 0;
+            while ((reaped = ::waitpid(pid, &status, WNOHANG)) == 0 && Clock::now() < deadline) {
+                std::this_thread::sleep_for(1ms);
+            }
+            if (reaped != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+                ++unclean;
+                if (reaped == 0) {
+                    const std::lock_guard lock(m_lock);
+                    m_unreaped.push_back(pid);
+                }
+            }
+        }
+        return unclean;
     }
 
     WorkerPoolStats stats()
@@ -622,9 +641,9 @@ WorkerPoolStats workerPoolStats()
     return WorkerPool::shared().stats();
 }
 
-void closeIdleWorkers()
+std::size_t closeIdleWorkers()
 {
-    WorkerPool::shared().closeIdle();
+    return WorkerPool::shared().closeIdle();
 }
 
 } // namespace tarvoqc

@@ -225,6 +225,7 @@ TEST(IsolatedCheck, GivesExactlyTheResultOfACheckInTheProgramsOwnProcess)
         }
     }
     EXPECT_LE(workerPoolStats().started, 2U) << "one worker checks clip after clip";
+    EXPECT_EQ(closeIdleWorkers(), 0U) << "every worker ends cleanly (no leak, no fault)";
 }
 
 // Each way a worker can fail costs its own clip only: the clip gets the issue that says
