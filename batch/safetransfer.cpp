@@ -209,8 +209,9 @@ class Transfer
 {
 public:
     Transfer(const std::string& destination, const std::string& source, std::uint32_t flags,
-             TransferProgress* progress)
-        : m_destination(destination), m_source(source), m_flags(flags), m_progress(progress)
+             TransferProgress* progress, const TempNameHook& onTempName = {})
+        : m_destination(destination), m_source(source), m_flags(flags), m_progress(progress),
+          m_onTempName(onTempName)
     {}
     ~Transfer()
     {
@@ -245,6 +246,7 @@ private:
     const std::string& m_source;
     const std::uint32_t m_flags;
     TransferProgress* const m_progress;
+    const TempNameHook& m_onTempName;
 
     Fd m_input;
     Fd m_temp;
@@ -308,7 +310,7 @@ std::int32_t Transfer::openSource()
 std::int32_t Transfer::reserveTemp()
 {
     std::string tempName;
-    if (!makeTempName(m_destination, tempName)) {
+    if (!makeTempName(m_destination, tempName) || (m_onTempName && !m_onTempName(tempName))) {
         return fail(-5, "Cannot generate output temp filename");
     }
     // A new name only: a name taken in the meantime (another transfer in the same second)
@@ -619,22 +621,24 @@ std::int32_t checkNames(const std::string& destination, const std::string& sourc
 } // namespace
 
 std::int32_t SafeTransfer(const std::string& destination, const std::string& source,
-                          std::uint32_t flags, TransferProgress* progress, std::string* finalPath)
+                          std::uint32_t flags, TransferProgress* progress, std::string* finalPath,
+                          const TempNameHook& onTempName)
 {
     if (const std::int32_t rc = checkNames(destination, source, progress); rc != 0) {
         return rc;
     }
-    Transfer transfer(destination, source, flags, progress);
+    Transfer transfer(destination, source, flags, progress, onTempName);
     return transfer.run(finalPath);
 }
 
 std::int32_t SafeMove(const std::string& destination, const std::string& source,
-                      std::uint32_t flags, TransferProgress* progress, std::string* finalPath)
+                      std::uint32_t flags, TransferProgress* progress, std::string* finalPath,
+                      const TempNameHook& onTempName)
 {
     if (const std::int32_t rc = checkNames(destination, source, progress); rc != 0) {
         return rc;
     }
-    Transfer transfer(destination, source, flags | TransferVerify, progress);
+    Transfer transfer(destination, source, flags | TransferVerify, progress, onTempName);
     const std::int32_t rc = transfer.run(finalPath);
     if (rc != 0 || transfer.wasCancelled()) {
         return rc;

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -116,9 +117,14 @@ private:
 //  -43  "Cannot generate output filename", -44 "Cannot rename temp file %s" (TransferUnique)
 //  -45  "Cannot rename temp file %s to %s" (destination appeared during the copy)
 // Every other failure leaves no temp file behind and does not touch the destination.
+//
+// onTempName (optional) learns the temp file's name before the file is made, so that a
+// caller can write it down and find the file again after a crash; returning false gives up
+// the transfer with -5.
+using TempNameHook = std::function<bool(const std::string& temp)>;
 std::int32_t SafeTransfer(const std::string& destination, const std::string& source,
                           std::uint32_t flags, TransferProgress* progress,
-                          std::string* finalPath = nullptr);
+                          std::string* finalPath = nullptr, const TempNameHook& onTempName = {});
 
 // Result codes of SafeMove beyond those of SafeTransfer.
 inline constexpr std::int32_t kSourceChanged =
@@ -145,7 +151,7 @@ inline constexpr std::int32_t kSourceNotDeleted = -24; // "Cannot delete source 
 // Blocks like SafeTransfer; the same thread rules apply.
 std::int32_t SafeMove(const std::string& destination, const std::string& source,
                       std::uint32_t flags, TransferProgress* progress,
-                      std::string* finalPath = nullptr);
+                      std::string* finalPath = nullptr, const TempNameHook& onTempName = {});
 
 // True when the name is taken: the path opens for reading, or something exists under it
 // that cannot be opened (no permission, a dangling link, a file another program holds).

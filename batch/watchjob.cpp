@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <set>
@@ -17,6 +21,7 @@
 
 #include "batch/safetransfer.h"
 #include "batch/tasklist.h"
+#include "batch/watchclaims.h"
 #include "engine/clipchecker.h"
 #include "engine/fileinfo.h"
 #include "results/dailylog.h"
@@ -63,42 +68,198 @@ bool sameFolder(const std::string& a, const std::string& b)
            stA.st_ino == stB.st_ino;
 }
 
-// The clip names of a folder in listing order; folders left out. Empty when the folder
-// cannot be listed.
-std::vector<std::string> scanFolder(const std::string& folder)
+// One clip name of a folder listing.
+struct FolderEntry
 {
-    std::vector<std::string> names;
+    std::string name;
+    bool link = false; // a symbolic link (to a clip or anything else)
+};
+
+// The clip names of a folder in listing order; folders (also behind a link) left out.
+// Empty when the folder cannot be listed.
+std::vector<FolderEntry> scanFolder(const std::string& folder)
+{
+    std::vector<FolderEntry> entries;
     DIR* dir = ::opendir(folder.c_str());
     if (dir == nullptr) {
-        return names;
+        return entries;
     }
     while (const dirent* entry = ::readdir(dir)) {
         const std::string name = entry->d_name;
         if (IsMediaFileName(name) == 0) {
             continue;
         }
+        struct stat st = {};
+        bool link = entry->d_type == DT_LNK;
         bool isFolder = entry->d_type == DT_DIR;
         if (entry->d_type == DT_UNKNOWN || entry->d_type == DT_LNK) {
-            struct stat st = {};
+            link = ::lstat((folder + name).c_str(), &st) == 0 && S_ISLNK(st.st_mode);
             isFolder = ::stat((folder + name).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
         }
         if (!isFolder) {
-            names.push_back(name);
+            entries.push_back({name, link});
         }
     }
     ::closedir(dir);
-    return names;
+    return entries;
 }
 
-void saveDocument(const std::string& clipPath, const QcResult& result)
+// The name of a clip's result document: "<clip>.qcout", or, where that would pass the 255
+// bytes a file name may have, the clip's name cut (between characters) and marked with a
+// hash of the whole name, so that every clip still gets a document of its own.
+std::string documentPathFor(const std::string& clipPath)
+{
+    constexpr std::size_t kMaxName = 255;
+    const std::size_t slash = clipPath.rfind('/');
+    const std::string folder = slash == std::string::npos ? "" : clipPath.substr(0, slash + 1);
+    const std::string name = slash == std::string::npos ? clipPath : clipPath.substr(slash + 1);
+    if (name.size() + kDocumentExtension.size() <= kMaxName) {
+        return clipPath + std::string(kDocumentExtension);
+    }
+    std::uint64_t hash = 14695981039346656037ULL; // FNV-1a
+    for (const char c : name) {
+        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
+    }
+    char mark[24];
+    std::snprintf(mark, sizeof mark, "~%016llx", static_cast<unsigned long long>(hash));
+    std::size_t keep = kMaxName - kDocumentExtension.size() - std::strlen(mark);
+    while (keep > 0 && (static_cast<unsigned char>(name[keep]) & 0xC0) == 0x80) {
+        --keep; // never inside a UTF-8 sequence
+    }
+    return folder + name.substr(0, keep) + mark + std::string(kDocumentExtension);
+}
+
+// Writes the result document of one clip; false with the reason.
+bool writeDocument(const std::string& path, const QcResult& result, std::string& error)
 {
     XmlNode document;
-    buildResultDocument(document, {{clipPath, &result}});
-    // A folder that takes no files keeps the log line as the only trace.
-    document.Save(clipPath + std::string(kDocumentExtension));
+    buildResultDocument(document, {{result.path, &result}});
+    errno = 0;
+    if (document.Save(path)) {
+        return true;
+    }
+    error = errno != 0 ? std::strerror(errno) : "cannot be written";
+    return false;
+}
+
+bool fileExists(const std::string& path)
+{
+    struct stat st = {};
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+// Whether two paths hold the same bytes (regular files of one size and content).
+bool sameBytes(const std::string& a, const std::string& b)
+{
+    FileHandle first = openForReading(a);
+    FileHandle second = openForReading(b);
+    struct stat stA = {};
+    struct stat stB = {};
+    if (!first.valid() || !second.valid() || ::fstat(first.get(), &stA) != 0 ||
+        ::fstat(second.get(), &stB) != 0 || stA.st_size != stB.st_size) {
+        return false;
+    }
+    constexpr std::size_t kBlock = 1 << 20;
+    std::vector<char> bufferA(kBlock);
+    std::vector<char> bufferB(kBlock);
+    for (;;) {
+        const ssize_t gotA = readFull(first.get(), bufferA.data(), kBlock);
+        const ssize_t gotB = readFull(second.get(), bufferB.data(), kBlock);
+        if (gotA < 0 || gotA != gotB ||
+            std::memcmp(bufferA.data(), bufferB.data(), static_cast<std::size_t>(gotA)) != 0) {
+            return false;
+        }
+        if (gotA == 0) {
+            return true;
+        }
+    }
+}
+
+// The files that some process this one may look at holds open for writing (device, inode);
+// other users' processes are hidden from an unprivileged job, so this is a second signal
+// beside the file's settling, never the only one.
+std::set<std::pair<std::uint64_t, std::uint64_t>> filesOpenForWriting()
+{
+    std::set<std::pair<std::uint64_t, std::uint64_t>> files;
+    DIR* processes = ::opendir("/proc");
+    if (processes == nullptr) {
+        return files;
+    }
+    const std::string self = std::to_string(::getpid());
+    while (const dirent* process = ::readdir(processes)) {
+        const std::string pid = process->d_name;
+        if (pid.empty() || pid.find_first_not_of("0123456789") != std::string::npos ||
+            pid == self) {
+            continue;
+        }
+        const std::string fdFolder = "/proc/" + pid + "/fd/";
+        DIR* fds = ::opendir(fdFolder.c_str());
+        if (fds == nullptr) {
+            continue;
+        }
+        while (const dirent* fd = ::readdir(fds)) {
+            if (fd->d_name[0] == '.') {
+                continue;
+            }
+            struct stat st = {};
+            if (::stat((fdFolder + fd->d_name).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+                continue;
+            }
+            const FileBytes info = readWholeFile("/proc/" + pid + "/fdinfo/" + fd->d_name, 4096);
+            const std::size_t at = info.bytes.find("flags:");
+            if (at == std::string::npos) {
+                continue;
+            }
+            const unsigned long flags = std::strtoul(info.bytes.c_str() + at + 6, nullptr, 8);
+            if ((flags & O_ACCMODE) != O_RDONLY) {
+                files.insert(
+                    {static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino)});
+            }
+        }
+        ::closedir(fds);
+    }
+    ::closedir(processes);
+    return files;
+}
+
+// Test-only seam: "TARVOQC_WATCH_FREEZE=<step>" stops the process (SIGSTOP) when a move
+// reaches that step, so that a test can kill it there and prove the recovery.
+void freezeIfAsked(const char* step)
+{
+    static const char* const asked = std::getenv("TARVOQC_WATCH_FREEZE");
+    if (asked != nullptr && std::strcmp(asked, step) == 0) {
+        ::raise(SIGSTOP);
+    }
 }
 
 } // namespace
+
+bool WatchJob::versionOf(const std::string& path, FileVersion& version)
+{
+    struct stat st = {};
+    if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        return false;
+    }
+    version = {static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino),
+               static_cast<std::uint64_t>(st.st_size), nanoseconds(st.st_mtim)};
+    return true;
+}
+
+void WatchJob::freezeAt(const char* step)
+{
+    freezeIfAsked(step);
+}
+
+void WatchJob::saveDocument(const std::string& clipPath, const QcResult& result)
+{
+    std::string error;
+    QcResult named = result;
+    named.path = clipPath;
+    const std::string document = documentPathFor(clipPath);
+    if (!writeDocument(document, named, error)) {
+        log("Cannot write the result document " + document + ": " + error);
+    }
+}
 
 bool isGoodClip(QcScore score, int goodThreshold)
 {
@@ -118,6 +279,7 @@ WatchJobSettings loadWatchJobSettings(const std::string& path)
     settings.badFolder = readSettingText(path, kJobBadMoveFolder);
     settings.moveGood = readSettingNumber(path, kJobGoodMoveEnable) != 0;
     settings.moveBad = readSettingNumber(path, kJobBadMoveEnable) != 0;
+    settings.settleSeconds = std::clamp(readSettingNumber(path, kJobSettleTime), 0, 24 * 3600);
     // The classic integer read turns text into 0, "Any clip", which would let every clip
     // into the GOOD folder; text without a number is out of range instead.
     const std::string threshold =
@@ -329,63 +491,125 @@ void WatchJob::runPass(const WatchJobSettings& settings)
         return;
     }
     const std::string folder = withSlash(settings.sourceFolder);
-    const std::vector<std::string> names = scanFolder(folder);
     m_settledAt = 0;
+    m_writersKnown = false;
 
+    // With a move switched on, clips are claimed before they are checked, so that other
+    // jobs on this folder leave them alone; what an ended job left claimed is finished or
+    // given back first.
+    if (!(settings.moveGood || settings.moveBad) ||
+        (m_claims != nullptr && m_claims->watched() != folder)) {
+        m_claims.reset();
+    }
+    if ((settings.moveGood || settings.moveBad) && fileExists(folder + kClaimsFolderName)) {
+        openClaims(folder);
+        if (m_claims != nullptr) {
+            recover();
+        }
+    }
+
+    const std::vector<FolderEntry> entries = scanFolder(folder);
+    std::set<std::string> present;
+    for (const FolderEntry& entry : entries) {
+        present.insert(entry.name);
+    }
     // Forget the clips that have gone, so the memory stays as small as the folder.
-    const std::set<std::string> present(names.begin(), names.end());
-    std::erase_if(m_seen, [&](const auto& entry) {
-        return entry.first.size() < folder.size() ||
-               entry.first.compare(0, folder.size(), folder) != 0 ||
-               present.count(entry.first.substr(folder.size())) == 0;
-    });
+    const auto gone = [&](const std::string& path) {
+        return path.size() < folder.size() || path.compare(0, folder.size(), folder) != 0 ||
+               present.count(path.substr(folder.size())) == 0;
+    };
+    std::erase_if(m_seen, [&](const auto& entry) { return gone(entry.first); });
+    std::erase_if(m_sightings, [&](const auto& entry) { return gone(entry.first); });
+    std::erase_if(m_links, [&](const std::string& path) { return gone(path); });
 
-    for (const std::string& name : names) {
+    for (const FolderEntry& entry : entries) {
         if (stopping()) {
             return;
         }
-        processClip(settings, folder, name);
+        if (entry.link) {
+            // A link's clip lives elsewhere (or is another name of a clip here): moving it
+            // would move the bytes and leave the target, checking it would count it twice.
+            if (m_links.insert(folder + entry.name).second) {
+                log("Skipped link " + folder + entry.name);
+            }
+            continue;
+        }
+        processClip(settings, folder, entry.name);
         updateStatus([&](WatchJobStatus& status) { status.checking.clear(); });
     }
+}
+
+void WatchJob::openClaims(const std::string& folder)
+{
+    if (m_claims != nullptr && m_claims->watched() == folder) {
+        return;
+    }
+    m_claims.reset();
+    auto claims = std::make_unique<WatchClaims>();
+    std::string error;
+    // A failure is told by the move it stops ("Move failed (-1) Cannot claim clips ...").
+    if (claims->open(folder, error)) {
+        m_claims = std::move(claims);
+        m_claimsError.clear();
+    } else {
+        m_claimsError = error;
+    }
+}
+
+bool WatchJob::settled(const WatchJobSettings& settings, const std::string& path,
+                       const FileVersion& version)
+{
+    const std::int64_t settle = std::int64_t{settings.settleSeconds} * 1'000'000'000;
+    const std::int64_t now = realTimeNow();
+    const auto waitUntil = [&](std::int64_t at) {
+        m_settledAt = m_settledAt == 0 ? at : std::min(m_settledAt, at);
+        return false;
+    };
+    // Modified within the settle time (either way, for a writer whose clock runs ahead).
+    const std::int64_t age = now - version.modified;
+    if (age < settle && age > -settle) {
+        return waitUntil(version.modified + settle);
+    }
+    // The same version must have been seen a settle time ago: a file that grows or is
+    // touched restarts its wait. This needs no right on the file, so it holds for uploads
+    // of other owners too.
+    Sighting& sighting = m_sightings[path];
+    if (sighting.version != version) {
+        sighting = {version, now};
+    }
+    WriteLockProbe probe = WriteLockProbe::Unknown;
+    if (FileHandle file = openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY); file.valid()) {
+        probe = probeWriteLock(file.get());
+    }
+    if (probe == WriteLockProbe::Locked) {
+        return waitUntil(now + settle);
+    }
+    if (probe == WriteLockProbe::Free) {
+        return true; // the kernel says nobody has it open for writing
+    }
+    // The lease could not be tried (a file of another owner, a network file system): a
+    // failed probe never counts as free. The file waits for its second sighting, and for
+    // every writer this process can see to have closed it.
+    if (now - sighting.firstSeen < settle) {
+        return waitUntil(sighting.firstSeen + settle);
+    }
+    if (!m_writersKnown) {
+        m_writers = filesOpenForWriting();
+        m_writersKnown = true;
+    }
+    if (m_writers.count({version.device, version.inode}) != 0) {
+        return waitUntil(now + settle);
+    }
+    return true;
 }
 
 void WatchJob::processClip(const WatchJobSettings& settings, const std::string& folder,
                            const std::string& name)
 {
     const std::string path = folder + name;
-    const auto versionOf = [&](FileVersion& version) {
-        struct stat st = {};
-        if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
-            return false;
-        }
-        version = {static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino),
-                   static_cast<std::uint64_t>(st.st_size), nanoseconds(st.st_mtim)};
-        return true;
-    };
-
-    // A clip still arriving: modified within the settle time (either way, for a writer
-    // whose clock runs ahead), or open for writing by another program.
     FileVersion version;
-    if (!versionOf(version)) {
+    if (!versionOf(path, version) || !settled(settings, path, version)) {
         return;
-    }
-    const std::int64_t age = realTimeNow() - version.modified;
-    const std::int64_t settle =
-        std::chrono::duration_cast<std::chrono::nanoseconds>(kSettleTime).count();
-    if (age < settle && age > -settle) {
-        const std::int64_t settledAt = version.modified + settle;
-        m_settledAt = m_settledAt == 0 ? settledAt : std::min(m_settledAt, settledAt);
-        return;
-    }
-    {
-        const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-        const bool locked = fd >= 0 && isWriteLocked(fd);
-        if (fd >= 0) {
-            ::close(fd);
-        }
-        if (locked) {
-            return;
-        }
     }
 
     // A version whose check process failed is not checked again: the failure would come
@@ -394,7 +618,40 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
     std::shared_ptr<const QcResult> failed;
     if (earlier != m_seen.end() && earlier->second.version == version) {
         failed = earlier->second.failed;
+        // With moves on, a clip whose kind is not moved stays after its check: claiming it
+        // again pass after pass would only hide it from the folder now and then.
+        const Seen& seen = earlier->second;
+        if ((settings.moveGood || settings.moveBad) && seen.opened &&
+            !(seen.good ? settings.moveGood : settings.moveBad)) {
+            return;
+        }
     }
+
+    // The claim: from here on the clip is this job's alone, in its claim folder.
+    if ((settings.moveGood || settings.moveBad) && m_claims == nullptr) {
+        openClaims(folder);
+    }
+    std::string checkPath = path;
+    if (m_claims != nullptr) {
+        checkPath = m_claims->claim(name);
+        if (checkPath.empty()) {
+            return; // another job has it, or it is gone
+        }
+        FileVersion claimed;
+        if (!versionOf(checkPath, claimed) || claimed != version) {
+            m_claims->giveBack(name); // changed between the look and the claim
+            return;
+        }
+        freezeAt("claimed");
+    }
+    // Gives a claimed clip back to the folder (when a check or move cannot go on).
+    const auto giveBack = [&] {
+        if (checkPath != path) {
+            m_claims->giveBack(name);
+            m_claims->forget(name);
+        }
+    };
+
     QcResult result;
     int ran = 0;
     bool opened = true;
@@ -404,7 +661,7 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
     } else {
         static std::atomic<std::uint64_t> requests{0};
         IsolatedCheck check(
-            {++requests, path, settings.checkLevel, kDecoderThreadOption, settings.check},
+            {++requests, checkPath, settings.checkLevel, kDecoderThreadOption, settings.check},
             settings.worker);
         updateStatus([&](WatchJobStatus& status) {
             status.checking = path;
@@ -413,6 +670,7 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
         CheckOutcome outcome = check.run(&m_stop);
         updateStatus([&](WatchJobStatus&) { m_check = nullptr; });
         if (outcome.end == CheckEnd::NotStarted) {
+            giveBack();
             // Nothing was checked (the worker program is missing, say): the clip stays.
             Seen& seen = m_seen[path];
             if (seen.version != version || seen.opened) {
@@ -430,18 +688,22 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
         }
         result = std::move(outcome.result);
         if (outcome.end == CheckEnd::Aborted) {
+            giveBack();
             return;
         }
     }
+    result.path = path;
 
     // A cancelled check is unfinished; a clip that changed or went during the check is
     // looked at again in the next pass.
     FileVersion after;
-    if (stopping() || ran == -9 || !versionOf(after) || after != version) {
+    if (stopping() || ran == -9 || !versionOf(checkPath, after) || after != version) {
+        giveBack();
         return;
     }
     Seen& seen = m_seen[path];
     if (!opened) {
+        giveBack();
         if (seen.version != version || seen.opened) {
             seen = Seen{};
             seen.version = version;
@@ -464,51 +726,158 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
                     .score = score,
                     .issueLines = issueLines,
                     .moveFailure = 0,
-                    .copied = false,
+                    .good = false,
                     .failed = nullptr};
         log("QC " + std::string(scoreText(score)) + " " + path);
     }
     seen.failed = failed;
 
     const bool good = isGoodClip(score, settings.goodThreshold);
-    if ((good ? settings.moveGood : settings.moveBad) && !seen.copied) {
-        const std::string& target = good ? settings.goodFolder : settings.badFolder;
-        TransferProgress progress(&m_stop);
-        std::string finalPath;
-        std::int32_t rc = 0;
-        if (target.empty()) {
-            rc = -1;
-            TransferProgress::setError(&progress, "Invalid output name");
-        } else if (sameFolder(withSlash(target), folder)) {
-            // A move onto itself would rename the clip to " (1)" pass after pass.
-            rc = -4;
-            TransferProgress::setError(&progress, "Cannot copy, output exists");
-        } else {
-            rc = SafeMove(withSlash(target) + name, path, TransferVerify | TransferUnique,
-                          &progress, &finalPath);
+    seen.good = good;
+    const bool move = good ? settings.moveGood : settings.moveBad;
+    if (!move) {
+        giveBack();
+        if (!known) {
+            saveDocument(path, result);
         }
+        return;
+    }
+    const std::string& target = good ? settings.goodFolder : settings.badFolder;
+    std::int32_t rc = 0;
+    std::string error;
+    if (target.empty()) {
+        rc = -1;
+        error = "Invalid output name";
+    } else if (sameFolder(withSlash(target), folder)) {
+        // A move onto itself would rename the clip to " (1)" pass after pass.
+        rc = -4;
+        error = "Cannot copy, output exists";
+    } else if (m_claims == nullptr) {
+        rc = -1;
+        error = "Cannot claim clips in " + folder + ": " + m_claimsError;
+    } else {
+        m_claims->writeResult(name, result);
+        freezeAt("checked");
+        std::string finalPath;
+        rc = moveClaimed(name, withSlash(target), result, finalPath, error);
         if (rc == 0 && !finalPath.empty()) {
             m_seen.erase(path);
             log("Moved " + path + " -> " + finalPath);
-            result.path = finalPath;
-            saveDocument(finalPath, result);
             // The document of an earlier pass goes with the clip.
             ::unlink((path + std::string(kDocumentExtension)).c_str());
             updateStatus([](WatchJobStatus& status) { ++status.moved; });
             return;
         }
         if (rc == 0) {
+            giveBack();
             return; // cancelled by a stop: nothing moved
         }
-        seen.copied = !finalPath.empty();
-        updateStatus([](WatchJobStatus& status) { ++status.moveFailures; });
-        if (seen.moveFailure != rc) {
-            seen.moveFailure = rc;
-            log("Move failed (" + std::to_string(rc) + ") " + progress.error());
+    }
+    giveBack();
+    updateStatus([](WatchJobStatus& status) { ++status.moveFailures; });
+    if (seen.moveFailure != rc) {
+        seen.moveFailure = rc;
+        log("Move failed (" + std::to_string(rc) + ") " + error);
+    }
+    if (!known || rc != 0) {
+        saveDocument(path, result);
+    }
+}
+
+std::int32_t WatchJob::moveClaimed(const std::string& name, const std::string& target,
+                                   QcResult result, std::string& finalPath, std::string& error)
+{
+    const std::string claimed = m_claims->own() + name;
+    TransferProgress progress(&m_stop);
+    std::int32_t rc = 0;
+    // The final name is chosen before the copy and written down with the temp name, so that
+    // after a crash the copy can be told from every other file; a name taken meanwhile (by
+    // another job moving a clip of the same name) is chosen again.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        std::string final = target + name;
+        if (!UniqueFileName(final)) {
+            error = "Cannot generate output filename";
+            return -3;
+        }
+        WatchClaims::MovePlan plan{{}, final};
+        const TempNameHook record = [&](const std::string& temp) {
+            plan.temp = temp;
+            const bool written = m_claims->writePlan(name, plan);
+            freezeAt("planned");
+            return written;
+        };
+        rc = SafeTransfer(final, claimed, TransferVerify, &progress, &finalPath, record);
+        if (rc != -45 && rc != -4) {
+            break;
         }
     }
-    if (!known) {
-        saveDocument(path, result);
+    if (rc != 0 || finalPath.empty()) {
+        m_claims->forget(name);
+        error = progress.error();
+        return rc; // SafeTransfer removed its temp file; a cancelled one moved nothing
+    }
+    freezeAt("copied");
+    result.path = finalPath;
+    const std::string document = documentPathFor(finalPath);
+    if (!writeDocument(document, result, error)) {
+        // A clip in GOOD or BAD without its document would be a clip nobody can judge: the
+        // move is undone (the copy is ours), the clip goes back with its document.
+        ::unlink(finalPath.c_str());
+        syncFolder(target);
+        m_claims->forget(name);
+        finalPath.clear();
+        error = "Cannot write the result document " + document + ": " + error;
+        return kDocumentNotWritten;
+    }
+    freezeAt("documented");
+    ::unlink(claimed.c_str());
+    syncFolder(m_claims->own());
+    m_claims->forget(name);
+    freezeAt("moved");
+    return 0;
+}
+
+void WatchJob::recover()
+{
+    // Clips of this job that could not be given back when their check ended (the watched
+    // folder was away for a moment) are tried again.
+    for (const std::string& name : WatchClaims::clipsIn(m_claims->own())) {
+        if (const std::string back = m_claims->giveBack(name); !back.empty()) {
+            m_claims->forget(name);
+            log("Given back " + back);
+        }
+    }
+    for (const std::string& folder : m_claims->abandoned()) {
+        for (const std::string& name : WatchClaims::clipsIn(folder)) {
+            const std::string clip = folder + name;
+            const std::string source = m_claims->watched() + name;
+            if (const auto plan = WatchClaims::readPlanIn(folder, name)) {
+                if (!plan->temp.empty()) {
+                    ::unlink(plan->temp.c_str()); // a copy that never got its final name
+                    syncFolder(folderOf(plan->temp));
+                }
+                // The copy has its final name: only the last steps were missing.
+                if (sameBytes(plan->final, clip)) {
+                    const auto result = WatchClaims::readResultIn(folder, name);
+                    std::string error;
+                    const std::string document = documentPathFor(plan->final);
+                    if (result && !fileExists(document)) {
+                        QcResult moved = *result;
+                        moved.path = plan->final;
+                        writeDocument(document, moved, error);
+                    }
+                    ::unlink(clip.c_str());
+                    syncFolder(folder);
+                    log("Moved " + source + " -> " + plan->final);
+                    ::unlink((source + std::string(kDocumentExtension)).c_str());
+                    continue;
+                }
+            }
+            // Anything else is undone: the clip goes back and is checked again.
+            const std::string back = m_claims->giveBackFrom(folder, name);
+            log(back.empty() ? "Cannot give back " + clip : "Given back " + back);
+        }
+        m_claims->release(folder);
     }
 }
 

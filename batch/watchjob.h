@@ -8,10 +8,12 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "batch/watchclaims.h"
 #include "batch/workerprocess.h"
 #include "engine/checkoptions.h"
 #include "results/qcissue.h"
@@ -46,9 +48,15 @@ struct WatchJobSettings
     ClipCheckOptions check{};
     // The check processes: the job's own priority, and the limits of the settings.
     WorkerSpec worker{kThreadPriorityNormal};
+    // "Settle.Time": the seconds a clip must stand unchanged before it is checked.
+    int settleSeconds = 5;
 
     bool operator==(const WatchJobSettings&) const = default;
 };
+
+// The code of a move undone because the clip's result document could not be written beside
+// its copy ("Cannot write the result document <path>: <reason>").
+inline constexpr std::int32_t kDocumentNotWritten = -25;
 
 // The threshold's lowest and highest meaningful values.
 inline constexpr int kWatchAnyClip = 0;
@@ -156,9 +164,7 @@ public:
     bool waitForStatus(const std::function<bool(const WatchJobStatus&)>& condition,
                        std::chrono::milliseconds timeout) const;
 
-    // The time a clip must have stood unchanged before it is checked, and the wait
-    // between passes.
-    static constexpr std::chrono::seconds kSettleTime{5};
+    // The wait between passes.
     // How long Stop lets a running check wind down before it ends it by force.
     static constexpr std::chrono::seconds kStopWait{2};
     static constexpr std::chrono::milliseconds kPassWait{5000};
@@ -182,16 +188,38 @@ private:
         QcScore score = 0;                   // the logged result
         std::vector<std::string> issueLines; // listLines order
         std::int32_t moveFailure = 0;        // the code of the last logged move failure, or 0
-        bool copied = false;                 // a copy exists elsewhere; the move is not repeated
+        bool good = false;                   // the decision of the logged result
         // The check process of this version failed (crash, hang, memory): its result, used
         // in place of checking it again.
         std::shared_ptr<const QcResult> failed;
+    };
+    // When a clip version was first seen, for the settling of files whose writers cannot
+    // be probed.
+    struct Sighting
+    {
+        FileVersion version;
+        std::int64_t firstSeen = 0; // wall clock, ns since the epoch
     };
 
     void worker();
     void runPass(const WatchJobSettings& settings);
     void processClip(const WatchJobSettings& settings, const std::string& folder,
                      const std::string& name);
+    // True when the clip has settled: see the class comment.
+    bool settled(const WatchJobSettings& settings, const std::string& path,
+                 const FileVersion& version);
+    void openClaims(const std::string& folder);
+    // Moves a claimed, checked clip into target (with "/"): 0 with finalPath set once the
+    // copy and its document are in place and the claimed clip is gone; 0 with finalPath
+    // empty when a stop cancelled it; otherwise the failure's code and text, and nothing of
+    // the move is left behind (the claimed clip stays claimed).
+    std::int32_t moveClaimed(const std::string& name, const std::string& target, QcResult result,
+                             std::string& finalPath, std::string& error);
+    // Finishes or undoes what ended jobs left in their claim folders.
+    void recover();
+    void saveDocument(const std::string& clipPath, const QcResult& result);
+    static bool versionOf(const std::string& path, FileVersion& version);
+    static void freezeAt(const char* step);
     void log(const std::string& text);
     WatchJobStatus statusLocked() const;
     void updateStatus(const std::function<void(WatchJobStatus&)>& change);
@@ -218,6 +246,13 @@ private:
 
     // Worker only.
     std::map<std::string, Seen> m_seen;
+    std::map<std::string, Sighting> m_sightings;
+    std::set<std::string> m_links; // links already logged as skipped
+    std::unique_ptr<WatchClaims> m_claims;
+    std::string m_claimsError; // why the claim folder could not be made, as last logged
+    // The files other processes hold open for writing, looked up once per pass when needed.
+    std::set<std::pair<std::uint64_t, std::uint64_t>> m_writers;
+    bool m_writersKnown = false;
     // When the first clip that the last pass found too fresh will have settled (wall clock,
     // ns since the epoch); 0 when there was none.
     std::int64_t m_settledAt = 0;

@@ -91,13 +91,18 @@ int openRegularFile(const std::string& path)
     return fd;
 }
 
-bool isWriteLocked(int fd)
+WriteLockProbe probeWriteLock(int fd)
 {
     if (::fcntl(fd, F_SETLEASE, F_RDLCK) == 0) {
         ::fcntl(fd, F_SETLEASE, F_UNLCK);
-        return false;
+        return WriteLockProbe::Free;
     }
-    return errno == EAGAIN || errno == EBUSY;
+    return errno == EAGAIN || errno == EBUSY ? WriteLockProbe::Locked : WriteLockProbe::Unknown;
+}
+
+bool isWriteLocked(int fd)
+{
+    return probeWriteLock(fd) == WriteLockProbe::Locked;
 }
 
 } // namespace tarvoqc

@@ -33,10 +33,16 @@ bool queryFileInfo(int fd, FileInfo& info);
 // refused at once; the handle then blocks on reads as usual.
 int openRegularFile(const std::string& path);
 
-// A file counts as write-locked while another program has it open for writing: a read
-// lease cannot be taken on it. Where a lease cannot be tried at all (no permission, file
-// systems without leases) the file counts as not locked. The lease is given back at once,
-// so a writer is never held up by the probe.
+// Whether another program has a file open for writing, as far as a read lease tells: Locked
+// when the lease is refused because of a writer, Free when it could be taken, Unknown when
+// it cannot be tried at all (a file of another owner without the right to lease it, file
+// systems without leases). The lease is given back at once, so a writer is never held up
+// by the probe.
+enum class WriteLockProbe { Free, Locked, Unknown };
+WriteLockProbe probeWriteLock(int fd);
+
+// Locked by the probe above; a file the probe cannot judge counts as not locked (the
+// engine's open of a clip, which a later change of the file is caught by anyway).
 bool isWriteLocked(int fd);
 
 } // namespace tarvoqc

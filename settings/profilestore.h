@@ -65,7 +65,7 @@ struct SettingKey
 
 inline constexpr std::size_t kFolderSlotCount = 6;
 
-inline constexpr std::array<SettingKey, 19> kSettingKeys = {{
+inline constexpr std::array<SettingKey, 20> kSettingKeys = {{
     // Folder memory of the open dialogs; row i is slot i.
     {kSectionOptions, "Default Folder", SettingType::Folder, "", 0},
     {kSectionOptions, "Folder Clips", SettingType::Folder, "", 0},
@@ -91,6 +91,8 @@ inline constexpr std::array<SettingKey, 19> kSettingKeys = {{
     // activity after which a check counts as hung (s, 0 never).
     {kSectionOptions, "Check.MaxMemory", SettingType::Integer, "", 4096},
     {kSectionOptions, "Check.HangTimeout", SettingType::Integer, "", 120},
+    // The seconds a clip must stand unchanged in the watched folder before it is checked.
+    {kSectionJob, "Settle.Time", SettingType::Integer, "", 5},
 }};
 
 inline constexpr std::size_t kFolderClipsSlot = 1; // the main window's "Open Clips"
@@ -107,6 +109,7 @@ inline constexpr const SettingKey& kLoudnessTolerance = kSettingKeys[15];
 inline constexpr const SettingKey& kTruePeakLimit = kSettingKeys[16];
 inline constexpr const SettingKey& kCheckMaxMemory = kSettingKeys[17];
 inline constexpr const SettingKey& kCheckHangTimeout = kSettingKeys[18];
+inline constexpr const SettingKey& kJobSettleTime = kSettingKeys[19];
 
 // The row of a fixed key (names compared as the file compares them), or null.
 const SettingKey* findSettingKey(std::string_view section, std::string_view key);

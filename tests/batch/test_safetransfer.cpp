@@ -71,8 +71,8 @@ std::pair<std::int32_t, std::string> transferInChild(const fs::path& dest, const
             return std::nullopt;
         }
         TransferProgress record;
-        const std::int32_t code =
-            (move ? SafeMove : SafeTransfer)(dest.string(), src.string(), flags, &record, nullptr);
+        const std::int32_t code = (move ? SafeMove : SafeTransfer)(dest.string(), src.string(),
+                                                                   flags, &record, nullptr, {});
         return std::to_string(code) + " " + record.error();
     });
     if (!out) {
@@ -146,7 +146,7 @@ TEST(SafeTransfer, CopiesEverySizeAndFollowsTheFlagsOverAnExistingDestination)
         TransferProgress record;
         std::string finalPath;
         const std::int32_t rc = (move ? SafeMove : SafeTransfer)(
-            dest.string(), src.string(), flags, withRecord ? &record : nullptr, &finalPath);
+            dest.string(), src.string(), flags, withRecord ? &record : nullptr, &finalPath, {});
         EXPECT_EQ(rc, code) << record.error();
         EXPECT_EQ(fs::exists(src), !move);
         if (!move) {
@@ -340,8 +340,8 @@ TEST(SafeTransfer, EventsDuringTheTransfer)
                 }
             });
             std::string finalPath;
-            const std::int32_t rc = (move ? SafeMove : SafeTransfer)(dest.string(), src.string(),
-                                                                     flags, &record, &finalPath);
+            const std::int32_t rc = (move ? SafeMove : SafeTransfer)(
+                dest.string(), src.string(), flags, &record, &finalPath, {});
             ended = true;
             watcher.join();
             if (!acted) {

@@ -148,6 +148,17 @@ struct Watch
     }
 };
 
+// The clip that a job has claimed (moved into its claim folder) while it checks it.
+fs::path claimed(const Watch& w)
+{
+    for (const auto& entry : fs::recursive_directory_iterator(w.src / ".tarvoqc")) {
+        if (entry.path().filename() == "clip.mxf") {
+            return entry.path();
+        }
+    }
+    return {};
+}
+
 // The clip is where expected, byte for byte, with its result document beside it naming it
 // and its score, and nowhere else among the job's folders.
 void expectClipAt(const Watch& w, const fs::path& where, const fs::path& original,
@@ -369,19 +380,20 @@ TEST(WatchJob, FaultsNeverLoseAClipNorStopTheJob)
         {"clip modified just now",
          [](Watch& w) { fs::last_write_time(w.src / "clip.mxf", fs::file_time_type::clock::now()); },
          {}, "", [](Watch& w) { age(w.src / "clip.mxf"); }},
+        // While it is checked the clip is in the job's claim folder: changes reach it there.
         {"clip grows during the check", {},
          [](Watch& w) {
-             std::FILE* f = std::fopen((w.src / "clip.mxf").c_str(), "ab");
+             std::FILE* f = std::fopen(claimed(w).c_str(), "ab");
              std::fputs("more", f);
              std::fclose(f);
-             age(w.src / "clip.mxf");
+             age(claimed(w));
          }, "", nothing, false, true},
-        {"clip deleted during the check", {}, [](Watch& w) { fs::remove(w.src / "clip.mxf"); }, "",
+        {"clip deleted during the check", {}, [](Watch& w) { fs::remove(claimed(w)); }, "",
          {}, false, true},
         {"clip replaced during the check", {},
          [&](Watch& w) {
-             w.drop(clipBytes, "new.mxf", w.src);
-             fs::rename(w.src / "new.mxf", w.src / "clip.mxf");
+             const fs::path replacement = w.drop(clipBytes, "new.mxf", w.dir.path());
+             fs::rename(replacement, claimed(w));
          }, "", nothing, false, true},
     };
     // clang-format on
