@@ -309,13 +309,21 @@ std::int32_t Transfer::openSource()
 
 std::int32_t Transfer::reserveTemp()
 {
+    // A new name only: a name taken in the meantime is never truncated, and a planted link
+    // is not followed. Another transfer into this folder in the same second (of this
+    // program or another one) may take the free name between the look and the creation:
+    // the next free name is tried then.
     std::string tempName;
-    if (!makeTempName(m_destination, tempName) || (m_onTempName && !m_onTempName(tempName))) {
-        return fail(-5, "Cannot generate output temp filename");
+    Fd reserved;
+    for (int attempt = 0; attempt < 100 && !reserved.valid(); ++attempt) {
+        if (!makeTempName(m_destination, tempName) || (m_onTempName && !m_onTempName(tempName))) {
+            return fail(-5, "Cannot generate output temp filename");
+        }
+        reserved.reset(openFile(tempName, O_RDWR | O_CREAT | O_EXCL, 0666));
+        if (!reserved.valid() && errno != EEXIST) {
+            break;
+        }
     }
-    // A new name only: a name taken in the meantime (another transfer in the same second)
-    // is never truncated, and a planted link is not followed.
-    Fd reserved(openFile(tempName, O_RDWR | O_CREAT | O_EXCL, 0666));
     if (!reserved.valid()) {
         return fail(-6, "Cannot open output temp file %s", tempName.c_str());
     }

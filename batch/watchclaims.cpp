@@ -242,6 +242,25 @@ bool WatchClaims::open(const std::string& folder, std::string& error)
     return true;
 }
 
+std::string fitFileName(const std::string& name, std::string_view suffix)
+{
+    constexpr std::size_t kMaxName = 255;
+    if (name.size() + suffix.size() <= kMaxName) {
+        return name + std::string(suffix);
+    }
+    std::uint64_t hash = 14695981039346656037ULL; // FNV-1a
+    for (const char c : name) {
+        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
+    }
+    char mark[24];
+    std::snprintf(mark, sizeof mark, "~%016llx", static_cast<unsigned long long>(hash));
+    std::size_t keep = kMaxName - suffix.size() - std::strlen(mark);
+    while (keep > 0 && (static_cast<unsigned char>(name[keep]) & 0xC0) == 0x80) {
+        --keep; // never inside a UTF-8 sequence
+    }
+    return name.substr(0, keep) + mark + std::string(suffix);
+}
+
 std::string WatchClaims::claim(const std::string& name)
 {
     if (!renameNoReplace(m_watchedFolder.get(), name, m_ownFolder.get(), name)) {
@@ -268,7 +287,7 @@ std::string WatchClaims::giveBackFrom(const std::string& claimFolder, const std:
 
 bool WatchClaims::writeResult(const std::string& name, const QcResult& result)
 {
-    return replaceFile(m_own + name + std::string(kResultSuffix), encodeDone({0, 0, result}));
+    return replaceFile(m_own + fitFileName(name, kResultSuffix), encodeDone({0, 0, result}));
 }
 
 std::optional<QcResult> WatchClaims::readResult(const std::string& name) const
@@ -278,7 +297,7 @@ std::optional<QcResult> WatchClaims::readResult(const std::string& name) const
 
 bool WatchClaims::writePlan(const std::string& name, const MovePlan& plan)
 {
-    return replaceFile(m_own + name + std::string(kPlanSuffix), encodePlan(plan));
+    return replaceFile(m_own + fitFileName(name, kPlanSuffix), encodePlan(plan));
 }
 
 std::optional<WatchClaims::MovePlan> WatchClaims::readPlan(const std::string& name) const
@@ -288,15 +307,15 @@ std::optional<WatchClaims::MovePlan> WatchClaims::readPlan(const std::string& na
 
 void WatchClaims::forget(const std::string& name)
 {
-    ::unlink((m_own + name + std::string(kResultSuffix)).c_str());
-    ::unlink((m_own + name + std::string(kPlanSuffix)).c_str());
+    ::unlink((m_own + fitFileName(name, kResultSuffix)).c_str());
+    ::unlink((m_own + fitFileName(name, kPlanSuffix)).c_str());
     syncFolder(m_own);
 }
 
 std::optional<QcResult> WatchClaims::readResultIn(const std::string& claimFolder,
                                                   const std::string& name)
 {
-    const auto bytes = readJournal(claimFolder + name + std::string(kResultSuffix));
+    const auto bytes = readJournal(claimFolder + fitFileName(name, kResultSuffix));
     if (!bytes) {
         return std::nullopt;
     }
@@ -313,7 +332,7 @@ std::optional<QcResult> WatchClaims::readResultIn(const std::string& claimFolder
 std::optional<WatchClaims::MovePlan> WatchClaims::readPlanIn(const std::string& claimFolder,
                                                              const std::string& name)
 {
-    const auto bytes = readJournal(claimFolder + name + std::string(kPlanSuffix));
+    const auto bytes = readJournal(claimFolder + fitFileName(name, kPlanSuffix));
     return bytes ? decodePlan(*bytes) : std::nullopt;
 }
 

@@ -96,6 +96,11 @@ private:
     std::vector<std::pair<std::string, FileHandle>> m_held;
 };
 
+// The name of a file that belongs to the file name: name + suffix, or, where that would pass
+// the 255 bytes a file name may have, the name cut (between characters) and marked with a
+// hash of the whole name before the suffix, so that every name still gets a file of its own.
+std::string fitFileName(const std::string& name, std::string_view suffix);
+
 // The name of the folder that holds the claim folders of a watched folder.
 inline constexpr const char* kClaimsFolderName = ".tarvoqc";
 

@@ -104,29 +104,13 @@ std::vector<FolderEntry> scanFolder(const std::string& folder)
     return entries;
 }
 
-// The name of a clip's result document: "<clip>.qcout", or, where that would pass the 255
-// bytes a file name may have, the clip's name cut (between characters) and marked with a
-// hash of the whole name, so that every clip still gets a document of its own.
+// The name of a clip's result document: "<clip>.qcout", or, for a name too long for that,
+// a cut name with a mark (fitFileName).
 std::string documentPathFor(const std::string& clipPath)
 {
-    constexpr std::size_t kMaxName = 255;
     const std::size_t slash = clipPath.rfind('/');
-    const std::string folder = slash == std::string::npos ? "" : clipPath.substr(0, slash + 1);
-    const std::string name = slash == std::string::npos ? clipPath : clipPath.substr(slash + 1);
-    if (name.size() + kDocumentExtension.size() <= kMaxName) {
-        return clipPath + std::string(kDocumentExtension);
-    }
-    std::uint64_t hash = 14695981039346656037ULL; // FNV-1a
-    for (const char c : name) {
-        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
-    }
-    char mark[24];
-    std::snprintf(mark, sizeof mark, "~%016llx", static_cast<unsigned long long>(hash));
-    std::size_t keep = kMaxName - kDocumentExtension.size() - std::strlen(mark);
-    while (keep > 0 && (static_cast<unsigned char>(name[keep]) & 0xC0) == 0x80) {
-        --keep; // never inside a UTF-8 sequence
-    }
-    return folder + name.substr(0, keep) + mark + std::string(kDocumentExtension);
+    const std::size_t start = slash == std::string::npos ? 0 : slash + 1;
+    return clipPath.substr(0, start) + fitFileName(clipPath.substr(start), kDocumentExtension);
 }
 
 // Writes the result document of one clip; false with the reason.
@@ -375,20 +359,47 @@ void WatchJob::Stop()
     // A check gets the graceful wait of every check; one that is still running then (stuck
     // in a library, or hashing a large clip to its end) is ended with its process.
     if (!waitForStatus([](const WatchJobStatus& status) { return !status.running; }, kStopWait)) {
-        std::lock_guard lock(m_stateLock);
-        if (m_check != nullptr) {
-            m_check->abort();
-        }
+        abortCheck();
     }
     m_thread.join();
     m_seen.clear();
+    m_sightings.clear();
+    m_claims.reset();
     std::lock_guard lock(m_stateLock);
     m_wake = false;
+}
+
+void WatchJob::abortCheck()
+{
+    std::lock_guard lock(m_stateLock);
+    if (m_check != nullptr) {
+        m_check->abort();
+    }
 }
 
 bool WatchJob::isRunning() const
 {
     return status().running;
+}
+
+bool WatchJob::RunOnePass()
+{
+    if (m_thread.joinable()) {
+        return false;
+    }
+    const WatchJobSettings current = settings();
+    if (current.enabled) {
+        runPass(current);
+    }
+    // What this run claimed and knows goes with it, as at the end of a worker.
+    m_claims.reset();
+    m_seen.clear();
+    m_sightings.clear();
+    updateStatus([](WatchJobStatus& status) {
+        ++status.passes;
+        status.checking.clear();
+    });
+    return true;
 }
 
 void WatchJob::wakeUp()
@@ -735,11 +746,30 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
     const bool good = isGoodClip(score, settings.goodThreshold);
     seen.good = good;
     const bool move = good ? settings.moveGood : settings.moveBad;
-    if (!move) {
-        giveBack();
-        if (!known) {
-            saveDocument(path, result);
+    // A clip that stays after its check goes back to the folder with its document beside
+    // it (under the name it got back, which differs when a new clip of its name arrived
+    // meanwhile).
+    const auto stay = [&](bool document) {
+        std::string where = path;
+        if (checkPath != path) {
+            where = m_claims->giveBack(name);
+            m_claims->forget(name);
+            if (where.empty()) {
+                return; // still claimed: the next pass gives it back
+            }
         }
+        if (!document && where == path) {
+            return;
+        }
+        saveDocument(where, result);
+        // Another job may have claimed the clip the moment it was back; its move takes the
+        // document of the source away, but not one written after that.
+        if (checkPath != path && !fileExists(where)) {
+            ::unlink(documentPathFor(where).c_str());
+        }
+    };
+    if (!move) {
+        stay(!known);
         return;
     }
     const std::string& target = good ? settings.goodFolder : settings.badFolder;
@@ -762,9 +792,6 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
         rc = moveClaimed(name, withSlash(target), result, finalPath, error);
         if (rc == 0 && !finalPath.empty()) {
             m_seen.erase(path);
-            log("Moved " + path + " -> " + finalPath);
-            // The document of an earlier pass goes with the clip.
-            ::unlink((path + std::string(kDocumentExtension)).c_str());
             updateStatus([](WatchJobStatus& status) { ++status.moved; });
             return;
         }
@@ -773,15 +800,12 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
             return; // cancelled by a stop: nothing moved
         }
     }
-    giveBack();
     updateStatus([](WatchJobStatus& status) { ++status.moveFailures; });
     if (seen.moveFailure != rc) {
         seen.moveFailure = rc;
         log("Move failed (" + std::to_string(rc) + ") " + error);
     }
-    if (!known || rc != 0) {
-        saveDocument(path, result);
-    }
+    stay(true);
 }
 
 std::int32_t WatchJob::moveClaimed(const std::string& name, const std::string& target,
@@ -830,6 +854,12 @@ std::int32_t WatchJob::moveClaimed(const std::string& name, const std::string& t
         return kDocumentNotWritten;
     }
     freezeAt("documented");
+    // Logged before the claimed clip goes: a crash between the two logs the move twice
+    // (the recovery finishes it), never not at all.
+    const std::string source = m_claims->watched() + name;
+    log("Moved " + source + " -> " + finalPath);
+    // The document of an earlier pass goes with the clip.
+    ::unlink(documentPathFor(source).c_str());
     ::unlink(claimed.c_str());
     syncFolder(m_claims->own());
     m_claims->forget(name);
@@ -866,10 +896,10 @@ void WatchJob::recover()
                         moved.path = plan->final;
                         writeDocument(document, moved, error);
                     }
+                    log("Moved " + source + " -> " + plan->final);
+                    ::unlink(documentPathFor(source).c_str());
                     ::unlink(clip.c_str());
                     syncFolder(folder);
-                    log("Moved " + source + " -> " + plan->final);
-                    ::unlink((source + std::string(kDocumentExtension)).c_str());
                     continue;
                 }
             }

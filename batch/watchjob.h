@@ -153,6 +153,16 @@ public:
     // True while the worker thread runs.
     bool isRunning() const;
 
+    // One whole pass (the recovery of ended jobs' claims first) on the calling thread, with
+    // the current settings, for a run that ends after it (cron, tests). Only while no
+    // worker thread runs; false otherwise. requestStop() from another thread (a signal)
+    // ends it at the next clip, as Stop ends the worker.
+    bool RunOnePass();
+    // Sets the stop flag only: ends RunOnePass or the worker's pass soon. Any thread.
+    void requestStop() { m_stop.store(1); }
+    // Ends the check in progress by force (its process is killed). Any thread.
+    void abortCheck();
+
     // Ends the worker's wait between passes now (a check, "look again"); nothing while a
     // pass runs other than that the next wait is skipped.
     void wakeUp();

@@ -67,6 +67,7 @@ public:
     // The exit status (128 + signal when killed) once it has ended within the time limit.
     std::optional<int> waitFor(std::chrono::milliseconds limit);
     void signal(int number);
+    int pid() const { return m_pid; }
 
 private:
     int m_pid = -1;
