@@ -647,22 +647,33 @@ std::int32_t SafeMove(const std::string& destination, const std::string& source,
         return rc;
     }
     Transfer transfer(destination, source, flags | TransferVerify, progress, onTempName);
-    const std::int32_t rc = transfer.run(finalPath);
+    std::string copy;
+    const std::int32_t rc = transfer.run(&copy);
     if (rc != 0 || transfer.wasCancelled()) {
         return rc;
     }
+    // A move that cannot delete its source takes its copy back: two copies of one clip, one
+    // of them in a place nobody looks at, are worse than none moved.
+    const auto undo = [&](std::int32_t code) {
+        ::unlink(copy.c_str());
+        syncFolder(folderOf(copy));
+        return code;
+    };
     // Another file renamed over the source, or the source written to, since it was opened:
     // the copy holds the old content, and deleting the name would lose the new one.
     if (!transfer.sourceUnchanged()) {
         TransferProgress::setError(progress, "Source %s changed during the move; it is kept",
                                    source.c_str());
-        return kSourceChanged;
+        return undo(kSourceChanged);
     }
     if (::unlink(source.c_str()) != 0) {
         TransferProgress::setError(progress, "Cannot delete source %s", source.c_str());
-        return kSourceNotDeleted;
+        return undo(kSourceNotDeleted);
     }
     syncFolder(folderOf(source)); // the copy is safe already; this only settles the name
+    if (finalPath != nullptr) {
+        *finalPath = copy;
+    }
     return 0;
 }
 

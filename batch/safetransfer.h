@@ -134,18 +134,18 @@ inline constexpr std::int32_t kSourceNotDeleted = -24; // "Cannot delete source 
 // Moves source to destination: a SafeTransfer with TransferVerify added to flags, then the
 // source is deleted, but only when its path still names the file that was copied (same
 // device, inode, size and modification time as when it was opened). This is the move of
-// the watch job. A narrow window stays between that look and the deletion; a file renamed
-// over the source or written to during the copy is caught.
+// A narrow window stays between that look and the deletion; a file renamed over the source
+// or written to during the copy is caught. A move that fails after its copy was made
+// removes the copy again, so a failed move never leaves a second copy behind.
 //
 // Result, with the error text set in the progress record:
 //    0  moved: the copy is under its final name (finalPath) and the source is gone; also
 //       after a cancellation, when nothing was moved, the source is kept and finalPath is
 //       left alone (the caller tells the two apart by its cancel flag)
-//  kSourceChanged (-23)  "Source %s changed during the move; it is kept": the copy (of the
-//       file as it was opened) is under finalPath, and the source path, which now names
-//       another file or a changed one, is not touched
-//  kSourceNotDeleted (-24)  "Cannot delete source %s": the copy is under finalPath, the
-//       source stays
+//  kSourceChanged (-23)  "Source %s changed during the move; it is kept": the source path,
+//       which now names another file or a changed one, is not touched; the copy is removed
+//  kSourceNotDeleted (-24)  "Cannot delete source %s": the source stays, the copy is
+//       removed
 //  any other code: that of SafeTransfer; the source is kept.
 //
 // Blocks like SafeTransfer; the same thread rules apply.

@@ -854,14 +854,21 @@ std::int32_t WatchJob::moveClaimed(const std::string& name, const std::string& t
         return kDocumentNotWritten;
     }
     freezeAt("documented");
-    // Logged before the claimed clip goes: a crash between the two logs the move twice
-    // (the recovery finishes it), never not at all.
     const std::string source = m_claims->watched() + name;
+    if (::unlink(claimed.c_str()) != 0) {
+        // Two copies of one clip would be worse than none moved: the copy goes again.
+        error = std::string("Cannot delete source ") + claimed + ": " + std::strerror(errno);
+        ::unlink(document.c_str());
+        ::unlink(finalPath.c_str());
+        syncFolder(target);
+        m_claims->forget(name);
+        finalPath.clear();
+        return kSourceNotDeleted;
+    }
+    syncFolder(m_claims->own());
     log("Moved " + source + " -> " + finalPath);
     // The document of an earlier pass goes with the clip.
     ::unlink(documentPathFor(source).c_str());
-    ::unlink(claimed.c_str());
-    syncFolder(m_claims->own());
     m_claims->forget(name);
     freezeAt("moved");
     return 0;

@@ -245,7 +245,7 @@ TEST(WatchJob, SettingsOfSectionJob00)
     const WatchJobSettings set = {.enabled = true,
                                   .sourceFolder = "/in",
                                   .goodFolder = "/good/",
-                                  .badFolder = "/bad dir/",
+                                  .badFolder = "/bad ", // a blank at the end survives
                                   .moveGood = true,
                                   .moveBad = false,
                                   .goodThreshold = 0};
@@ -253,7 +253,7 @@ TEST(WatchJob, SettingsOfSectionJob00)
     EXPECT_EQ(readFile(path), "[Options]\nFolder Clips=/clips/\n\n[Job00]\nEnabled=1\n"
                               "Source.Folder=/in\nGood.QCTsh=0\nGood.Move.Enable=1\n"
                               "Good.Move.Folder=/good/\nBad.Move.Enable=0\n"
-                              "Bad.Move.Folder=/bad dir/\n");
+                              "Bad.Move.Folder=\"/bad \"\n");
     EXPECT_EQ(loadWatchJobSettings(path), set);
 
     for (const auto& [value, threshold] :
@@ -261,6 +261,8 @@ TEST(WatchJob, SettingsOfSectionJob00)
         SCOPED_TRACE(value);
         ASSERT_TRUE(writeProfileString(path, "Job00", "Good.QCTsh", value));
         EXPECT_EQ(loadWatchJobSettings(path).goodThreshold, threshold);
+        // Out of range, a threshold makes no clip GOOD, not every clip.
+        EXPECT_EQ(isGoodClip(kBestScore, threshold), threshold >= 0 && threshold <= 5);
     }
 }
 
