@@ -35,7 +35,7 @@ enum class FrameType : std::uint8_t {
     // Worker to program.
     Ready = 10,    // a WorkerReady, once after start
     Progress = 11, // a WorkerProgress, while a check runs
-    Opened = 12,   // request id, then the QcResult after Open (facts and issues so far)
+    Opened = 12,   // request id, then the QcResult so far (facts and issues), while it runs
     Done = 13,     // a CheckDone
 };
 

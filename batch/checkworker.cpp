@@ -136,6 +136,9 @@ struct Shared
     const ClipChecker* current = nullptr;
     // The last request a Stop named that had not started yet: it starts stopped.
     std::uint64_t stoppedId = 0;
+    // The request whose open has ended, and the one whose Opened message went out.
+    std::uint64_t openDone = 0;
+    std::uint64_t openedSent = 0;
     std::atomic<std::int32_t> stop{0};
 };
 
@@ -194,12 +197,23 @@ void readRequests(int fd, Channel& channel, Shared& shared)
             }
         }
         WorkerProgress now;
+        std::string opened;
         {
             const std::lock_guard lock(shared.lock);
             if (shared.current == nullptr) {
                 continue;
             }
             now = {shared.currentId, shared.current->ClipProgress(), shared.current->activity()};
+            // What the check knows so far goes out once it has run a while: a short check
+            // costs no second message, and a long one shows its facts (and keeps them, if
+            // the process dies) while it runs.
+            if (shared.openDone == shared.currentId && shared.openedSent != shared.currentId) {
+                shared.openedSent = shared.currentId;
+                opened = encodeOpened(shared.currentId, shared.current->result());
+            }
+        }
+        if (!opened.empty()) {
+            channel.send(opened);
         }
         if (!(now == last)) {
             last = now;
@@ -210,7 +224,7 @@ void readRequests(int fd, Channel& channel, Shared& shared)
 
 // One request: the same calls, in the same order, as a check in the program's own process.
 CheckDone runCheck(const CheckRequest& request, const std::vector<Fault>& faults,
-                   bool memoryLimited, Channel& channel, Shared& shared)
+                   bool memoryLimited, Shared& shared)
 {
     auto checker = std::make_unique<ClipChecker>();
     checker->setOptions(request.options);
@@ -224,7 +238,10 @@ CheckDone runCheck(const CheckRequest& request, const std::vector<Fault>& faults
     try {
         meetFault(faults, request.path, memoryLimited);
         const bool opened = checker->Open(request.path, request.level, request.decoderThreadOption);
-        channel.send(encodeOpened(request.id, checker->result()));
+        {
+            const std::lock_guard lock(shared.lock);
+            shared.openDone = request.id;
+        }
         if (opened) {
             done.runCode = checker->Run(&shared.stop);
         }
@@ -325,7 +342,7 @@ int serveCheckRequests(int fd, const WorkerReady& ready)
             shared.stop.store(request.id == shared.stoppedId ? 1 : 0);
             shared.currentId = request.id;
         }
-        const CheckDone done = runCheck(request, faults, ready.memoryLimited, channel, shared);
+        const CheckDone done = runCheck(request, faults, ready.memoryLimited, shared);
         if (!channel.send(encodeDone(done))) {
             break;
         }

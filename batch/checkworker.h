@@ -39,9 +39,10 @@ inline constexpr int kWorkerExitProtocol = 66;    // the parent sent something u
 WorkerReady restrictWorker(const WorkerConfig& config);
 
 // Serves requests on fd until the parent closes its end; returns the process's exit
-// status (kWorkerExit...). Sends Ready first, then for each Check request: Progress while
-// it runs (at most every 50 ms, only when something moved), Opened after the open, Done
-// at the end. A Stop for the running request ends its check at the next packet.
+// status (kWorkerExit...). Sends Ready first, then for each Check request: once it has run
+// for about 50 ms Opened (what the check knows by then) and Progress (at most every 50 ms,
+// only when something moved), and Done at the end. A Stop for the running request ends
+// its check at the next packet.
 int serveCheckRequests(int fd, const WorkerReady& ready);
 
 // Test-only fault seam: the environment variable TARVOQC_WORKER_FAULT holds rules

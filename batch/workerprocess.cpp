@@ -129,11 +129,13 @@ class StallClock
 public:
     explicit StallClock(pid_t pid) : m_pid(pid) { restart(); }
 
+    // Cheap: the scheduler's figures are read only once a stall has lasted a second, so
+    // that a check that moves along (most of them, and every short one) costs nothing here.
     void restart()
     {
         m_stalled = Clock::duration::zero();
         m_last = Clock::now();
-        m_waited = waitedForProcessor(m_pid).value_or(0);
+        m_waitedKnown = false;
     }
 
     // Brought up to date at most once a second; returns the stall so far.
@@ -143,11 +145,16 @@ public:
         if (now - m_last < 1s) {
             return m_stalled;
         }
-        const std::uint64_t waited = waitedForProcessor(m_pid).value_or(m_waited);
-        const auto waitedNow = std::chrono::nanoseconds(waited >= m_waited ? waited - m_waited : 0);
+        const std::optional<std::uint64_t> waited = waitedForProcessor(m_pid);
+        // Without the figure of the last look, the processor wait of this stretch is not
+        // known: it counts as none.
+        const std::uint64_t before = m_waitedKnown ? m_waited : waited.value_or(0);
+        const std::uint64_t after = waited.value_or(before);
+        const auto waitedNow = std::chrono::nanoseconds(after >= before ? after - before : 0);
         m_stalled += std::max(Clock::duration::zero(), (now - m_last) - waitedNow);
         m_last = now;
-        m_waited = waited;
+        m_waited = after;
+        m_waitedKnown = true;
         return m_stalled;
     }
 
@@ -156,6 +163,7 @@ private:
     Clock::duration m_stalled{};
     Clock::time_point m_last;
     std::uint64_t m_waited = 0;
+    bool m_waitedKnown = false;
 };
 
 } // namespace

@@ -42,7 +42,7 @@ measure() {
     local t=() m=()
     for ((i = 0; i < runs; i++)); do
         /usr/bin/time -f "%e %M" -o "$media/.time" "$@" >/dev/null 2>&1 || true
-        read -r s k <"$media/.time"
+        read -r s k < <(tail -n 1 "$media/.time") # after "Command exited with ..."
         t+=("$s")
         m+=("$k")
     done
