@@ -257,7 +257,9 @@ public:
             const std::lock_guard lock(m_lock);
             reapSome();
             for (auto it = m_idle.begin(); it != m_idle.end();) {
-                if (!((*it)->spec() == spec)) {
+                // The hang timeout is the program's own watch; the process does not know it.
+                if ((*it)->spec().priority != spec.priority ||
+                    (*it)->spec().memoryLimitBytes != spec.memoryLimitBytes) {
                     ++it;
                     continue;
                 }
