@@ -100,6 +100,16 @@ void TaskListModel::rowsInserted()
     endInsertRows();
 }
 
+void TaskListModel::rowsAboutToBeRemoved(std::size_t row, std::size_t count)
+{
+    beginRemoveRows(QModelIndex(), static_cast<int>(row), static_cast<int>(row + count - 1));
+}
+
+void TaskListModel::rowsRemoved()
+{
+    endRemoveRows();
+}
+
 void TaskListModel::aboutToReset()
 {
     beginResetModel();

@@ -39,6 +39,8 @@ public:
 private:
     void rowsAboutToBeInserted(std::size_t row, std::size_t count) override;
     void rowsInserted() override;
+    void rowsAboutToBeRemoved(std::size_t row, std::size_t count) override;
+    void rowsRemoved() override;
     void aboutToReset() override;
     void reset() override;
 
