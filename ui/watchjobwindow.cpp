@@ -264,14 +264,16 @@ void WatchJobWindow::shutDown()
         return;
     }
     m_shutDown = true;
-    m_job->Stop();
     m_timer.stop();
     if (m_tray != nullptr) {
-        // Gone from the tray before the process ends, so no stale icon stays behind.
+        // Gone from the tray at once, before the worker is waited for, so no stale icon
+        // stays behind while a check ends.
         m_tray->hide();
         delete m_tray;
         m_tray = nullptr;
     }
+    // The worker ends before "Exit" is written, so that no line of its follows it.
+    m_job->Stop();
     m_log.writeNow("Exit " + m_title.toStdString());
 }
 
