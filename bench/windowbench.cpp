@@ -3,7 +3,8 @@
 //
 //   tarvoqc-window-bench grid N      add N clips, show them, scroll to and select the last
 //   tarvoqc-window-bench gaps CLIP   check CLIP; the longest gap between 10 ms timer ticks
-//   tarvoqc-window-bench shot PNG ROW CLIP...   check the clips, select a row, save a picture
+//   tarvoqc-window-bench shot PNG WxH ROW EXTRA CLIP...   check the clips at that window size,
+//                                  add EXTRA unchecked rows, select a row, save a picture
 
 #include <QApplication>
 #include <QTest>
@@ -13,10 +14,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "ui/mainwindow.h"
+#include "ui/tasklistmodel.h"
 
 using namespace tarvoqc;
 using Clock = std::chrono::steady_clock;
@@ -65,7 +68,26 @@ int grid(int count)
     std::printf("grid: %d clips added, shown, last row selected in %.3f s (target < 0.5 s); "
                 "memory %.0f bytes per row beside its path (target < 1024)\n",
                 count, seconds, std::max(0.0, perRow));
-    return view->selectedRow() == count - 1 ? 0 : 1;
+    const bool selected = view->selectedRow() == count - 1;
+    // The grid's other views of the same list, each shown at once.
+    const std::pair<const char*, std::function<void()>> views[] = {
+        {"sorted by path, descending",
+         [&] { window.setGridOrder(GridOrder::Path, Qt::DescendingOrder); }},
+        {"sorted by status", [&] { window.setGridOrder(GridOrder::Status); }},
+        {"filtered to the clips below 3/5", [&] { window.setBelowPassingOnly(true); }},
+        {"back to the list's order, unfiltered", [&] {
+             window.setBelowPassingOnly(false);
+             window.setGridOrder(GridOrder::List);
+         }}};
+    for (const auto& [what, change] : views) {
+        const auto began = Clock::now();
+        change();
+        QApplication::processEvents();
+        view->repaint();
+        std::printf("grid: %s in %.3f s\n", what,
+                    std::chrono::duration<double>(Clock::now() - began).count());
+    }
+    return selected ? 0 : 1;
 }
 
 int gaps(const char* clip)
@@ -107,13 +129,17 @@ int gaps(const char* clip)
     return 0;
 }
 
-int shot(const char* png, int row, const std::vector<std::string>& clips)
+int shot(const char* png, const char* size, int row, int extra,
+         const std::vector<std::string>& clips)
 {
+    int width = 820;
+    int height = 560;
+    std::sscanf(size, "%dx%d", &width, &height);
     MainWindow window;
     for (const std::string& clip : clips) {
         window.taskList().AppendFromCommandLine(clip);
     }
-    window.resize(820, 560);
+    window.resize(width, height);
     window.show();
     if (!QTest::qWaitForWindowExposed(&window)) {
         return 1;
@@ -123,6 +149,14 @@ int shot(const char* png, int row, const std::vector<std::string>& clips)
     while (window.controller().state() != RunState::Idle || window.controller().busy()) {
         QApplication::processEvents(QEventLoop::AllEvents, 50);
     }
+    // A long list after the checked clips: the grid as it looks with 50000 rows.
+    std::vector<std::string> more;
+    for (int i = 0; i < extra; ++i) {
+        more.push_back("/srv/media/incoming/2026-11-23/channel-one/a-rather-long-folder-name/"
+                       "clip-" +
+                       std::to_string(i) + ".mxf");
+    }
+    window.addFiles(static_cast<int>(window.taskList().size()), more);
     QTest::qWait(300); // the last tick's status and a clock tick are drawn
     auto* view = static_cast<CMaGrid*>(window.control(kIdTaskGrid));
     view->setCurrentIndex(view->model()->index(row, 0));
@@ -145,9 +179,11 @@ int main(int argc, char** argv)
     if (mode == "gaps" && argc > 2) {
         return gaps(argv[2]);
     }
-    if (mode == "shot" && argc > 4) {
-        return shot(argv[2], std::atoi(argv[3]), std::vector<std::string>(argv + 4, argv + argc));
+    if (mode == "shot" && argc > 6) {
+        return shot(argv[2], argv[3], std::atoi(argv[4]), std::atoi(argv[5]),
+                    std::vector<std::string>(argv + 6, argv + argc));
     }
-    std::fprintf(stderr, "usage: tarvoqc-window-bench grid N | gaps CLIP\n");
+    std::fprintf(stderr, "usage: tarvoqc-window-bench grid N | gaps CLIP | "
+                         "shot PNG WxH ROW EXTRA CLIP...\n");
     return 2;
 }
