@@ -218,15 +218,19 @@ void MainWindow::createGrid()
     connect(m_grid->selectionModel(), &QItemSelectionModel::selectionChanged, this,
             [this] { refreshSelection(); });
     connect(m_model, &QAbstractItemModel::modelReset, this, [this] {
+        forgetRemovedItems();
         refreshSelection();
         refreshSummary();
     });
-    for (auto signal : {&QAbstractItemModel::rowsInserted, &QAbstractItemModel::rowsRemoved}) {
-        connect(m_model, signal, this, [this] {
-            refreshCommands();
-            refreshSummary();
-        });
-    }
+    connect(m_model, &QAbstractItemModel::rowsRemoved, this, [this] {
+        forgetRemovedItems();
+        refreshCommands();
+        refreshSummary();
+    });
+    connect(m_model, &QAbstractItemModel::rowsInserted, this, [this] {
+        refreshCommands();
+        refreshSummary();
+    });
 
     // The row menu, by the mouse, the menu key or Shift+F10.
     m_rowMenu = new QMenu(m_grid);
@@ -798,6 +802,13 @@ void MainWindow::refreshCommands()
     m_checkSelected->setEnabled(rows > 0 && selected >= 0 && selected < rows);
     m_stop->setEnabled(!controllerIdle());
     entry(m_fileMenu, kMenuSaveReport)->setEnabled(rows > 0);
+}
+
+void MainWindow::forgetRemovedItems()
+{
+    std::erase_if(m_checkedAt, [this](const auto& entry) {
+        return m_list.indexOfId(entry.first) == TaskList::npos;
+    });
 }
 
 void MainWindow::refreshSummary()

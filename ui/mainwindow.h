@@ -172,6 +172,7 @@ private:
     void refreshSelection();
     void refreshCommands();
     void refreshSummary();
+    void forgetRemovedItems();
     void updateChecking();
     void onMenu(int button, int entry);
     void onHeaderClicked(int column);
