@@ -183,7 +183,10 @@ int shot(const char* png, const char* size, int row, int extra,
     auto* view = static_cast<CMaGrid*>(window.control(kIdTaskGrid));
     view->setCurrentIndex(view->model()->index(row, 0));
     QTest::qWait(200);
-    return window.grab().save(png) ? 0 : 1;
+    // A palette is plenty for a window and keeps the picture small.
+    const QImage picture = window.grab().toImage().convertToFormat(
+        QImage::Format_Indexed8, Qt::ThresholdDither | Qt::AvoidDither);
+    return picture.save(png) ? 0 : 1;
 }
 
 } // namespace
