@@ -213,6 +213,23 @@ bool TaskList::AppendFromJob(const std::string& path)
     return true;
 }
 
+bool TaskList::Remove(std::size_t row)
+{
+    if (row >= m_items.size()) {
+        return false;
+    }
+    if (m_observer != nullptr) {
+        m_observer->rowsAboutToBeRemoved(row, 1);
+    }
+    untrack(m_items[row]->path());
+    m_items.erase(m_items.begin() + static_cast<std::ptrdiff_t>(row));
+    rowsMoved(false);
+    if (m_observer != nullptr) {
+        m_observer->rowsRemoved();
+    }
+    return true;
+}
+
 void TaskList::ClearAll()
 {
     if (m_observer != nullptr) {

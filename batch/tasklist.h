@@ -92,6 +92,9 @@ public:
     // count rows are inserted at row (0 < count).
     virtual void rowsAboutToBeInserted(std::size_t row, std::size_t count) = 0;
     virtual void rowsInserted() = 0;
+    // count rows are removed from row on (0 < count).
+    virtual void rowsAboutToBeRemoved(std::size_t row, std::size_t count) = 0;
+    virtual void rowsRemoved() = 0;
     // The list is about to change as a whole (cleared, or finished items removed).
     virtual void aboutToReset() = 0;
     virtual void reset() = 0;
@@ -147,6 +150,10 @@ public:
     // it was appended.
     bool AppendFromJob(const std::string& path);
 
+    // Destroys the item at row with its result; false when row is not a row of the list.
+    // A check of the item that is still running finds it gone and its result is dropped,
+    // as after ClearAll.
+    bool Remove(std::size_t row);
     // Destroys every item with its result.
     void ClearAll();
     // Removes the items that have a result, keeping the order of the rest. Returns how

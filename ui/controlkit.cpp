@@ -30,6 +30,7 @@ ProfileStore* g_settings = nullptr;
 QPointer<QWidget> g_mainWindow;
 MessageBoxAnswerer g_messageBoxAnswerer;
 OpenFilesAnswerer g_openFilesAnswerer;
+SaveFileAnswerer g_saveFileAnswerer;
 FolderAnswerer g_folderAnswerer;
 
 constexpr const char* kKitIdProperty = "kitId";
@@ -94,12 +95,39 @@ void setKitId(QWidget* widget, int id)
 
 // ---- Boxes ------------------------------------------------------------------------------
 
+namespace {
+
+// Escape and the close box end the box without an answer: a question is never answered
+// by a key that only means "go away" (QMessageBox would take No for it).
+class KitMessageBox : public QMessageBox
+{
+public:
+    using QMessageBox::QMessageBox;
+
+protected:
+    void keyPressEvent(QKeyEvent* event) override
+    {
+        if (event->key() == Qt::Key_Escape && event->modifiers() == Qt::NoModifier) {
+            QDialog::done(0);
+            return;
+        }
+        QMessageBox::keyPressEvent(event);
+    }
+    void closeEvent(QCloseEvent* event) override
+    {
+        event->accept();
+        QDialog::done(0);
+    }
+};
+
+} // namespace
+
 QMessageBox::StandardButton kitMessageBox(QWidget* parent, const MessageBoxRequest& request)
 {
     if (g_messageBoxAnswerer) {
         return g_messageBoxAnswerer(request);
     }
-    QMessageBox box(request.icon, request.caption, request.text, request.buttons, parent);
+    KitMessageBox box(request.icon, request.caption, request.text, request.buttons, parent);
     box.setDefaultButton(request.defaultButton);
     const int answer = box.exec();
     return box.clickedButton() == nullptr ? QMessageBox::NoButton
@@ -135,6 +163,33 @@ QStringList kitOpenFiles(QWidget* parent, const OpenFilesRequest& request)
 void setOpenFilesAnswerer(OpenFilesAnswerer answerer)
 {
     g_openFilesAnswerer = std::move(answerer);
+}
+
+QString kitSaveFile(QWidget* parent, const SaveFileRequest& request)
+{
+    if (g_saveFileAnswerer) {
+        return g_saveFileAnswerer(request);
+    }
+    QStringList filters;
+    for (const QString& pair : request.filters) {
+        filters << pair.section('|', 0, 0) + " (" + pair.section('|', 1).replace(';', ' ') + ")";
+    }
+    QFileDialog dialog(parent, request.caption, request.folder);
+    dialog.setAcceptMode(QFileDialog::AcceptSave);
+    dialog.setFileMode(QFileDialog::AnyFile);
+    dialog.setOption(QFileDialog::HideNameFilterDetails);
+    dialog.setNameFilters(filters);
+    dialog.setDefaultSuffix(request.defaultSuffix);
+    dialog.selectFile(request.fileName);
+    if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty()) {
+        return {};
+    }
+    return dialog.selectedFiles().front();
+}
+
+void setSaveFileAnswerer(SaveFileAnswerer answerer)
+{
+    g_saveFileAnswerer = std::move(answerer);
 }
 
 QString kitPickFolder(QWidget* parent, const QString& title, const QString& start)
@@ -255,12 +310,16 @@ void CWDlgClass::reject()
     closeDialog();
 }
 
-QWidget* CWDlgClass::directChild(QWidget* widget) const
+QWidget* CWDlgClass::listedControl(QWidget* widget) const
 {
-    while (widget != nullptr && widget->parentWidget() != this) {
-        widget = widget->parentWidget();
+    QWidget* child = nullptr;
+    for (QWidget* w = widget; w != nullptr && w != this; w = w->parentWidget()) {
+        if (std::find(m_tabOrder.begin(), m_tabOrder.end(), kitId(w)) != m_tabOrder.end()) {
+            return w;
+        }
+        child = w;
     }
-    return widget;
+    return child;
 }
 
 bool CWDlgClass::eventFilter(QObject* watched, QEvent* event)
@@ -317,7 +376,7 @@ bool CWDlgClass::handleKey(QWidget* target, QKeyEvent* key)
         return false;
     }
 
-    QWidget* child = directChild(target);
+    QWidget* child = listedControl(target);
     if (isEnter(key) && !ctrl && qobject_cast<CMaGrid*>(child) != nullptr) {
         return false;
     }
@@ -330,19 +389,26 @@ bool CWDlgClass::handleKey(QWidget* target, QKeyEvent* key)
     return isEnter(key);
 }
 
-bool CWDlgClass::navigate(QWidget* focused, bool backwards)
+bool CWDlgClass::navigate(QWidget* listed, bool backwards)
 {
-    if (m_tabOrder.empty() || focused == nullptr) {
+    if (m_tabOrder.empty() || listed == nullptr) {
         return false;
     }
-    const auto it = std::find(m_tabOrder.begin(), m_tabOrder.end(), kitId(focused));
+    const auto it = std::find(m_tabOrder.begin(), m_tabOrder.end(), kitId(listed));
     if (it == m_tabOrder.end()) {
         return false;
     }
     const auto n = static_cast<std::ptrdiff_t>(m_tabOrder.size());
-    const std::ptrdiff_t at = it - m_tabOrder.begin();
-    const std::ptrdiff_t next = backwards ? (at + n - 1) % n : (at + 1) % n;
-    focusControl(control(m_tabOrder[static_cast<std::size_t>(next)]));
+    std::ptrdiff_t at = it - m_tabOrder.begin();
+    for (std::ptrdiff_t step = 1; step < n; ++step) {
+        at = backwards ? (at + n - 1) % n : (at + 1) % n;
+        QWidget* next = control(m_tabOrder[static_cast<std::size_t>(at)]);
+        if (next != nullptr && next->isEnabled() && next->isVisibleTo(this) &&
+            next->focusPolicy() != Qt::NoFocus) {
+            focusControl(next);
+            break;
+        }
+    }
     return true;
 }
 

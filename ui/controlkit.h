@@ -73,6 +73,20 @@ using OpenFilesAnswerer = std::function<QStringList(const OpenFilesRequest&)>;
 QStringList kitOpenFiles(QWidget* parent, const OpenFilesRequest& request);
 void setOpenFilesAnswerer(OpenFilesAnswerer answerer);
 
+struct SaveFileRequest
+{
+    QString caption;
+    QString folder;        // where the dialog starts
+    QString fileName;      // the name offered
+    QStringList filters;   // "description|pattern" pairs, in order
+    QString defaultSuffix; // added to a name typed without one
+};
+// A save dialog that asks before it replaces a file: the chosen path, empty when
+// cancelled.
+using SaveFileAnswerer = std::function<QString(const SaveFileRequest&)>;
+QString kitSaveFile(QWidget* parent, const SaveFileRequest& request);
+void setSaveFileAnswerer(SaveFileAnswerer answerer);
+
 // A folder picker; the chosen folder with a trailing "/", empty when cancelled.
 using FolderAnswerer = std::function<QString(const QString& title, const QString& start)>;
 QString kitPickFolder(QWidget* parent, const QString& title, const QString& start);
@@ -109,8 +123,10 @@ struct ShortcutRow
 //  - Enter on any other control and Tab (Shift+Tab) are navigation keys.
 //  - A key that matches a row of the shortcut table posts the row's command and is used up.
 //  - A navigation key moves the focus along the tab-order list (ids; Shift goes back;
-//    wraps at both ends) when the focused control is in it. Enter without Ctrl on a grid
-//    is left to the grid. Without a list the desktop's own focus chain applies.
+//    wraps at both ends; controls that are disabled or hidden are passed over) when the
+//    focused control, or the control it sits in (a button in a bar), is in it. Enter
+//    without Ctrl on a grid is left to the grid. Without a list the desktop's own focus
+//    chain applies.
 // Moving the focus to a text field selects its whole text. When the dialog is destroyed
 // its placement is saved under its placement name (see windowplacement.h).
 class CWDlgClass : public QDialog
@@ -161,8 +177,10 @@ protected:
 
 private:
     bool handleKey(QWidget* target, QKeyEvent* key);
-    bool navigate(QWidget* focused, bool backwards);
-    QWidget* directChild(QWidget* widget) const;
+    bool navigate(QWidget* listed, bool backwards);
+    // The focused widget or the nearest of its ancestors whose id is in the tab-order
+    // list, else the dialog's direct child that holds it.
+    QWidget* listedControl(QWidget* widget) const;
 
     std::vector<ShortcutRow> m_shortcuts;
     std::vector<int> m_tabOrder;

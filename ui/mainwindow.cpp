@@ -1,19 +1,32 @@
 #include "ui/mainwindow.h"
 
+#include <QActionGroup>
+#include <QClipboard>
+#include <QDesktopServices>
 #include <QEventLoop>
 #include <QFile>
+#include <QFileInfo>
+#include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QLabel>
 #include <QMenu>
 #include <QResizeEvent>
-#include <QVBoxLayout>
+#include <QSplitter>
+#include <QTextEdit>
+#include <QUrl>
+#include <algorithm>
+#include <cmath>
 #include <ctime>
+#include <utility>
 
 #include "results/dailylog.h"
+#include "results/resultfile.h"
+#include "results/xmlnode.h"
 #include "settings/profilestore.h"
 #include "tarvoqc/version.h"
 #include "ui/programicon.h"
+#include "ui/resultpanes.h"
 #include "ui/tasklistmodel.h"
 
 namespace tarvoqc {
@@ -50,16 +63,7 @@ MainWindow::MainWindow(MainWindowOptions options, QWidget* parent)
     setWindowIcon(programIcon());
     resize(kMainWindowWidth, kMainWindowHeight);
 
-    RunControllerOptions runOptions;
-    runOptions.level = m_options.level;
-    runOptions.decoderThreadOption = 2;
-    runOptions.maxRunners = 1;
-    runOptions.priority = kThreadPriorityIdle;
-    runOptions.check = m_options.check;
-    runOptions.check.decoderThreads = 0;
-    runOptions.memoryLimitBytes = m_options.worker.memoryLimitBytes;
-    runOptions.hangTimeout = m_options.worker.hangTimeout;
-    m_controller = std::make_unique<RunController>(m_list, runOptions);
+    m_controller = makeController();
 
     createControls();
     setPlacementName(QStringLiteral("MAIN"), true);
@@ -77,11 +81,32 @@ MainWindow::~MainWindow()
     // Stops a running check: stop flag, at most about 2 s, then the forced abort.
     m_controller.reset();
     m_grid->setModel(nullptr);
+    delete m_proxy;
+    m_proxy = nullptr;
     delete m_model;
     m_model = nullptr;
     if (kitMainWindow() == this) {
         setKitMainWindow(nullptr);
     }
+}
+
+std::unique_ptr<RunController> MainWindow::makeController()
+{
+    RunControllerOptions runOptions;
+    runOptions.level = m_options.level;
+    runOptions.decoderThreadOption = 2;
+    runOptions.maxRunners = 1;
+    runOptions.priority = kThreadPriorityIdle;
+    runOptions.check = m_options.check;
+    runOptions.check.decoderThreads = 0;
+    runOptions.memoryLimitBytes = m_options.worker.memoryLimitBytes;
+    runOptions.hangTimeout = m_options.worker.hangTimeout;
+    return std::make_unique<RunController>(m_list, runOptions);
+}
+
+bool MainWindow::controllerIdle() const
+{
+    return m_controller->state() == RunState::Idle && !m_controller->busy();
 }
 
 QMenu* MainWindow::addMenu(CMkButton* button,
@@ -94,11 +119,156 @@ QMenu* MainWindow::addMenu(CMkButton* button,
             continue;
         }
         QAction* action = menu->addAction(QString::fromUtf8(text));
+        action->setData(id);
         const int buttonId = kitId(button);
         connect(action, &QAction::triggered, this, [this, buttonId, id] { onMenu(buttonId, id); });
     }
     button->setMenu(menu);
     return menu;
+}
+
+namespace {
+
+QAction* entry(QMenu* menu, int id)
+{
+    for (QAction* action : menu->actions()) {
+        if (!action->isSeparator() && action->data().toInt() == id) {
+            return action;
+        }
+    }
+    return nullptr;
+}
+
+// Shows the key beside a menu entry; the key itself is handled by the window.
+void showKey(QAction* action, const QKeySequence& key)
+{
+    action->setShortcut(key);
+    action->setShortcutContext(Qt::WidgetShortcut);
+}
+
+} // namespace
+
+void MainWindow::createMenus(CMkButton* file, CMkButton* clear, CMkButton* view, CMkButton* options,
+                             CMkButton* help)
+{
+    m_fileMenu = addMenu(file, {{kMenuOpenClips, "Open Clips"},
+                                {kMenuOpenPlaylists, "Open Playlists"},
+                                {0, ""},
+                                {kMenuSaveReport, "Save report"},
+                                {0, ""},
+                                {kMenuExit, "Exit"}});
+    // Playlists are not offered: shown greyed.
+    entry(m_fileMenu, kMenuOpenPlaylists)->setEnabled(false);
+    showKey(entry(m_fileMenu, kMenuOpenClips), QKeySequence(Qt::CTRL | Qt::Key_O));
+    showKey(entry(m_fileMenu, kMenuSaveReport), QKeySequence(Qt::CTRL | Qt::Key_S));
+    addMenu(clear, {{kMenuClearFinished, "Clear finished"}, {0, ""}, {kMenuClearAll, "Clear all"}});
+
+    m_viewMenu = addMenu(view, {{kMenuListOrder, "List order"},
+                                {kMenuByStatus, "By status, worst first"},
+                                {kMenuByPath, "By path"},
+                                {0, ""},
+                                {kMenuBelowPassing, "Only clips below 3/5 Playable"}});
+    m_orders = new QActionGroup(m_viewMenu);
+    for (int id : {kMenuListOrder, kMenuByStatus, kMenuByPath}) {
+        QAction* action = entry(m_viewMenu, id);
+        action->setCheckable(true);
+        m_orders->addAction(action);
+    }
+    entry(m_viewMenu, kMenuListOrder)->setChecked(true);
+    m_belowPassing = entry(m_viewMenu, kMenuBelowPassing);
+    m_belowPassing->setCheckable(true);
+
+    QMenu* levels = addMenu(options, {{1, "Check level 1: open and header"},
+                                      {2, "Check level 2: also every packet, and the keys"},
+                                      {3, "Check level 3: also decode every frame"},
+                                      {4, "Check level 4: also picture and sound checks"}});
+    m_levels = new QActionGroup(levels);
+    for (QAction* action : levels->actions()) {
+        action->setCheckable(true);
+        action->setChecked(action->data().toInt() == m_options.level);
+        m_levels->addAction(action);
+    }
+    addMenu(help, {{kMenuAbout, "About"}});
+}
+
+void MainWindow::createGrid()
+{
+    m_grid = new CMaGrid(kIdTaskGrid, this);
+    m_model = new TaskListModel(m_list);
+    m_proxy = new TaskListProxy(*m_model);
+    m_grid->setModel(m_proxy);
+    m_grid->setTextElideMode(Qt::ElideMiddle);
+    QHeaderView* header = m_grid->header();
+    header->setSectionResizeMode(TaskListModel::PathColumn, QHeaderView::Stretch);
+    // At least the described 80 pixels, and wide enough for every status text.
+    const QFontMetrics metrics = m_grid->fontMetrics();
+    header->resizeSection(TaskListModel::StatusColumn,
+                          std::max({80, metrics.horizontalAdvance(QStringLiteral("1/5 Very BAD")),
+                                    metrics.horizontalAdvance(QStringLiteral("50000 of 50000"))}) +
+                              16);
+    header->setSectionsClickable(true);
+    header->setSortIndicatorShown(true);
+    header->setSortIndicator(-1, Qt::AscendingOrder);
+    connect(header, &QHeaderView::sectionClicked, this, &MainWindow::onHeaderClicked);
+    m_grid->setItemDelegateForColumn(TaskListModel::StatusColumn, new StatusCellDelegate(m_grid));
+    m_grid->setDropHandler(
+        [](const std::vector<std::string>& paths) { return TaskList::CanAccept(paths); },
+        [this](int row, const std::vector<std::string>& paths) {
+            const int listRow = m_proxy->listRow(row);
+            dropFiles(listRow < 0 ? static_cast<int>(m_list.size()) : listRow, paths);
+        });
+    connect(m_grid->selectionModel(), &QItemSelectionModel::selectionChanged, this,
+            [this] { refreshSelection(); });
+    connect(m_model, &QAbstractItemModel::modelReset, this, [this] {
+        forgetRemovedItems();
+        refreshSelection();
+        refreshSummary();
+    });
+    connect(m_model, &QAbstractItemModel::rowsRemoved, this, [this] {
+        forgetRemovedItems();
+        refreshCommands();
+        refreshSummary();
+    });
+    connect(m_model, &QAbstractItemModel::rowsInserted, this, [this] {
+        refreshCommands();
+        refreshSummary();
+    });
+
+    // The row menu, by the mouse, the menu key or Shift+F10.
+    m_rowMenu = new QMenu(m_grid);
+    QAction* again = m_rowMenu->addAction(QStringLiteral("Check again"), this, [this] {
+        m_controller->CheckSelected(selectedListRow());
+        updateChecking();
+        refreshCommands();
+    });
+    showKey(again, QKeySequence(Qt::CTRL | Qt::Key_F5));
+    QAction* remove =
+        m_rowMenu->addAction(QStringLiteral("Remove"), this, [this] { removeSelected(); });
+    QAction* copy = m_rowMenu->addAction(QStringLiteral("Copy path"), this, [this] {
+        if (const int row = selectedListRow(); row >= 0) {
+            QGuiApplication::clipboard()->setText(
+                QFile::decodeName(m_list.item(static_cast<std::size_t>(row)).path().c_str()));
+        }
+    });
+    m_rowMenu->addAction(QStringLiteral("Open containing folder"), this, [this] {
+        if (const int row = selectedListRow(); row >= 0) {
+            const QFileInfo clip(
+                QFile::decodeName(m_list.item(static_cast<std::size_t>(row)).path().c_str()));
+            QDesktopServices::openUrl(QUrl::fromLocalFile(clip.absolutePath()));
+        }
+    });
+    showKey(remove, QKeySequence(Qt::Key_Delete));
+    showKey(copy, QKeySequence::Copy);
+    auto* menuKey = new QAction(m_grid);
+    menuKey->setShortcut(QKeySequence(Qt::SHIFT | Qt::Key_F10));
+    connect(menuKey, &QAction::triggered, this, [this] { showRowMenu(QPoint(-1, -1)); });
+    // Delete and Ctrl+C act on the grid's row only while the grid has the focus.
+    for (QAction* action : {remove, copy, menuKey}) {
+        action->setShortcutContext(Qt::WidgetShortcut);
+        m_grid->addAction(action);
+    }
+    m_grid->setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(m_grid, &QWidget::customContextMenuRequested, this, &MainWindow::showRowMenu);
 }
 
 void MainWindow::createControls()
@@ -107,52 +277,41 @@ void MainWindow::createControls()
     auto* top = new QHBoxLayout(m_commandBar);
     top->setContentsMargins(0, 0, 0, 0);
     top->setSpacing(2);
-    auto* file = new CMkButton(QStringLiteral("File"), kIdFileButton, m_commandBar);
-    auto* clear = new CMkButton(QStringLiteral("Clear"), kIdClearButton, m_commandBar);
-    auto* help = new CMkButton(QStringLiteral("Help"), kIdHelpButton, m_commandBar, kButtonFarEnd);
-    QMenu* fileMenu = addMenu(file, {{kMenuOpenClips, "Open Clips"},
-                                     {kMenuOpenPlaylists, "Open Playlists"},
-                                     {0, ""},
-                                     {kMenuSaveReport, "Save report"},
-                                     {0, ""},
-                                     {kMenuExit, "Exit"}});
-    // Playlists and reports are not offered yet: shown greyed.
-    fileMenu->actions().at(1)->setEnabled(false);
-    fileMenu->actions().at(3)->setEnabled(false);
-    addMenu(clear, {{kMenuClearFinished, "Clear finished"}, {0, ""}, {kMenuClearAll, "Clear all"}});
-    addMenu(help, {{kMenuAbout, "About"}});
-    top->addWidget(file);
-    top->addWidget(clear);
+    // Alt and the underlined letter open a button's menu.
+    auto* file = new CMkButton(QStringLiteral("&File"), kIdFileButton, m_commandBar);
+    auto* clear = new CMkButton(QStringLiteral("&Clear"), kIdClearButton, m_commandBar);
+    auto* view = new CMkButton(QStringLiteral("&View"), kIdViewButton, m_commandBar);
+    auto* options = new CMkButton(QStringLiteral("&Options"), kIdOptionsButton, m_commandBar);
+    auto* help = new CMkButton(QStringLiteral("&Help"), kIdHelpButton, m_commandBar, kButtonFarEnd);
+    createMenus(file, clear, view, options, help);
+    for (QWidget* button : {file, clear, view, options}) {
+        top->addWidget(button);
+    }
     top->addStretch(1);
     top->addWidget(help);
 
-    m_grid = new CMaGrid(kIdTaskGrid, this);
-    m_model = new TaskListModel(m_list);
-    m_grid->setModel(m_model);
-    m_grid->header()->resizeSection(TaskListModel::PathColumn, 400);
-    // At least the described 80 pixels, and wide enough for the longest score text.
-    m_grid->header()->resizeSection(
-        TaskListModel::StatusColumn,
-        std::max(80, m_grid->fontMetrics().horizontalAdvance(QStringLiteral("1/5 Very BAD")) + 16));
-    m_grid->setItemDelegateForColumn(TaskListModel::StatusColumn, new StatusCellDelegate(m_grid));
-    m_grid->setDropHandler(
-        [](const std::vector<std::string>& paths) { return TaskList::CanAccept(paths); },
-        [this](int row, const std::vector<std::string>& paths) { dropFiles(row, paths); });
-    connect(m_grid->selectionModel(), &QItemSelectionModel::selectionChanged, this,
-            [this] { refreshIssues(); });
-    connect(m_model, &QAbstractItemModel::modelReset, this, [this] { refreshIssues(); });
-    connect(m_model, &QAbstractItemModel::rowsInserted, this, [this] { updateCheckSelected(); });
+    createGrid();
 
     m_lowerBar = new QWidget(this);
     auto* lower = new QHBoxLayout(m_lowerBar);
-    lower->setContentsMargins(0, 0, 0, 0);
+    lower->setContentsMargins(0, 0, 4, 0);
     lower->setSpacing(2);
     auto* checkAll = new CMkButton(QStringLiteral("Check all"), kIdCheckAll, m_lowerBar);
     m_checkSelected = new CMkButton(QStringLiteral("Check selected"), kIdCheckSelected, m_lowerBar,
                                     kButtonStartsDisabled);
+    m_stop = new CMkButton(QStringLiteral("Stop"), kIdStop, m_lowerBar, kButtonStartsDisabled);
+    checkAll->setToolTip(QStringLiteral("Check every clip without a result (F5)"));
+    m_checkSelected->setToolTip(QStringLiteral("Check the selected clip again (Ctrl+F5)"));
+    m_stop->setToolTip(QStringLiteral("Stop the run; the clip being checked keeps no result "
+                                      "(Shift+F5)"));
+    m_summary = new QLabel(m_lowerBar);
+    setKitId(m_summary, kIdListSummary);
+    m_summary->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    m_summary->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     lower->addWidget(checkAll);
     lower->addWidget(m_checkSelected);
-    lower->addStretch(1);
+    lower->addWidget(m_stop);
+    lower->addWidget(m_summary, 1);
 
     m_progress = new CMkProgressBar(kIdProgressBar, this);
     m_progress->setRange(0, kProgressMax);
@@ -161,10 +320,19 @@ void MainWindow::createControls()
     m_grip = new Grip(kIdGrip, kGripInitialTop, this);
     connect(m_grip, &Grip::moved, this, [this] { layoutControls(); });
 
-    m_tree = new CxTree(kIdIssueTree, this);
-    m_tree->setColumnCount(2);
-    m_tree->header()->setStretchLastSection(true);
-    m_tree->header()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
+    m_lowerPane = new QSplitter(Qt::Horizontal, this);
+    m_lowerPane->setChildrenCollapsible(false);
+    m_tree = new CxTree(kIdIssueTree, m_lowerPane);
+    setUpIssueTree(*m_tree);
+    m_facts = new QTextEdit(m_lowerPane);
+    setKitId(m_facts, kIdFactsPanel);
+    m_facts->setReadOnly(true);
+    m_facts->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+    m_facts->setWordWrapMode(QTextOption::WrapAtWordBoundaryOrAnywhere);
+    m_facts->setPlaceholderText(QStringLiteral("The facts of the selected clip, once checked"));
+    m_lowerPane->setStretchFactor(0, 3);
+    m_lowerPane->setStretchFactor(1, 2);
+    m_lowerPane->setSizes({kMainWindowWidth * 3 / 5, kMainWindowWidth * 2 / 5});
 
     m_statusBar = new CMkStatusBar(this);
     m_statusBar->addCell(kIdTitleCell, 0);
@@ -182,13 +350,29 @@ void MainWindow::createControls()
                          static_cast<QWidget*>(m_statusBar)}) {
         bar->setFixedHeight(kBarHeight);
     }
-    setTabOrderList({kIdTaskGrid, kIdCheckAll, kIdCheckSelected, kIdIssueTree, 0});
+    setTabOrderList({kIdFileButton, kIdClearButton, kIdViewButton, kIdOptionsButton, kIdHelpButton,
+                     kIdTaskGrid, kIdCheckAll, kIdCheckSelected, kIdStop, kIdIssueTree,
+                     kIdFactsPanel, 0});
+    setShortcutTable({{kShortcutCtrl, Qt::Key_O, kCommandOpenClips},
+                      {kShortcutCtrl, Qt::Key_S, kCommandSaveReport},
+                      {0, Qt::Key_F5, kIdCheckAll},
+                      {kShortcutCtrl, Qt::Key_F5, kIdCheckSelected},
+                      {kShortcutShift, Qt::Key_F5, kIdStop}});
+    refreshSummary();
+    refreshCommands();
 }
 
 void MainWindow::layoutControls()
 {
     const int w = width();
     const int h = height();
+    // The grip keeps its share of the height, so a larger window gives the grid room too.
+    const int placedFor = std::exchange(m_gripPlacedFor, h);
+    if (placedFor > 0 && placedFor != h) {
+        const double top = static_cast<double>(m_grip->top()) * h / placedFor;
+        m_grip->setRange(kGripMargin, h - kGripMargin);
+        m_grip->setTop(static_cast<int>(std::lround(top)));
+    }
     m_grip->setRange(kGripMargin, h - kGripMargin);
     const int g = m_grip->top();
     const int b = m_grip->bottom();
@@ -197,7 +381,7 @@ void MainWindow::layoutControls()
     m_lowerBar->setGeometry(0, g - 40, w, kBarHeight);
     m_progress->setGeometry(0, g - 20, w, kBarHeight);
     m_grip->setGeometry(0, g, w, b - g);
-    m_tree->setGeometry(0, b, w, std::max(0, h - b - 20));
+    m_lowerPane->setGeometry(0, b, w, std::max(0, h - b - 20));
     m_statusBar->setGeometry(0, h - kBarHeight, w, kBarHeight);
 }
 
@@ -240,36 +424,75 @@ void MainWindow::onCommand(int id)
         m_controller->CheckAll();
         break;
     case kIdCheckSelected:
-        m_controller->CheckSelected(m_grid->selectedRow());
+        m_controller->CheckSelected(selectedListRow());
+        break;
+    case kIdStop:
+        stopRun();
+        break;
+    case kCommandOpenClips:
+        openClips();
+        break;
+    case kCommandSaveReport:
+        saveReportAs();
         break;
     default:
         CWDlgClass::onCommand(id);
-        break;
+        return;
     }
+    updateChecking();
+    refreshCommands();
 }
 
 void MainWindow::onMenu(int button, int entry)
 {
-    if (button == kIdFileButton) {
+    switch (button) {
+    case kIdFileButton:
         if (entry == kMenuOpenClips) {
             openClips();
+        } else if (entry == kMenuSaveReport) {
+            saveReportAs();
         } else if (entry == kMenuExit) {
             done(QDialog::Accepted);
         }
-    } else if (button == kIdClearButton) {
+        break;
+    case kIdClearButton:
         if (entry == kMenuClearFinished) {
             m_list.ClearFinished();
         } else if (entry == kMenuClearAll) {
             m_list.ClearAll();
         }
-    } else if (button == kIdHelpButton && entry == kMenuAbout) {
-        showAbout();
+        break;
+    case kIdViewButton:
+        if (entry == kMenuBelowPassing) {
+            setBelowPassingOnly(m_belowPassing->isChecked());
+        } else {
+            setGridOrder(entry == kMenuByStatus ? GridOrder::Status
+                         : entry == kMenuByPath ? GridOrder::Path
+                                                : GridOrder::List);
+        }
+        break;
+    case kIdOptionsButton:
+        setCheckLevel(entry);
+        break;
+    case kIdHelpButton:
+        if (entry == kMenuAbout) {
+            showAbout();
+        }
+        break;
+    default:
+        break;
     }
 }
 
 void MainWindow::closeDialog()
 {
     done(QDialog::Rejected);
+}
+
+void MainWindow::reject()
+{
+    // Escape would throw the list and its results away; only "Exit" and the close box end
+    // the window.
 }
 
 void MainWindow::openClips()
@@ -334,13 +557,18 @@ void MainWindow::onRunnerTimer()
         m_progress->setValue(*report.progress);
     }
     if (!report.harvestedRows.empty()) {
-        m_model->rowsChanged(report.harvestedRows);
-        const int selected = m_grid->selectedRow();
+        const QDateTime now = QDateTime::currentDateTime();
+        const int selected = selectedListRow();
+        bool selectedChanged = false;
         for (std::size_t row : report.harvestedRows) {
-            if (static_cast<int>(row) == selected) {
-                refreshIssues();
-            }
+            m_checkedAt[m_list.item(row).id()] = now;
+            selectedChanged = selectedChanged || static_cast<int>(row) == selected;
         }
+        m_model->rowsChanged(report.harvestedRows);
+        if (selectedChanged) {
+            refreshSelection();
+        }
+        refreshSummary();
     }
     if (report.status) {
         m_statusBar->setCellText(kIdStatusCell, fromUtf8(*report.status));
@@ -350,9 +578,205 @@ void MainWindow::onRunnerTimer()
             m_statusBar->setCellDefaultColours(kIdStatusCell);
         }
     }
+    if (m_controllerStale && controllerIdle()) {
+        m_controller = makeController(); // the new check level
+        m_controllerStale = false;
+    }
+    updateChecking();
+    refreshCommands();
     if (report.allDone && m_options.commandLineMode) {
         done(QDialog::Accepted);
     }
+}
+
+void MainWindow::updateChecking()
+{
+    const auto& runners = m_controller->runners();
+    std::optional<std::uint64_t> checking;
+    QString position;
+    if (!runners.empty()) {
+        checking = runners.front()->itemId();
+        std::size_t n = 1;
+        std::size_t total = 1;
+        if (m_controller->state() == RunState::All) {
+            // Every item before this one in the run has its result.
+            total = m_list.size();
+            for (std::size_t row = 0; row < total; ++row) {
+                n += m_list.item(row).finished() ? 1 : 0;
+            }
+        }
+        position = QStringLiteral("%1 of %2").arg(n).arg(total);
+    }
+    if (checking == m_checkingId && (!checking || m_model->checkingRow() >= 0)) {
+        return;
+    }
+    m_checkingId = checking;
+    m_model->setChecking(checking, position);
+    const int viewRow = m_proxy->viewRow(m_model->checkingRow());
+    if (viewRow >= 0) {
+        m_grid->scrollTo(m_proxy->index(viewRow, 0));
+    }
+}
+
+void MainWindow::stopRun()
+{
+    if (controllerIdle()) {
+        return;
+    }
+    // The described stop of the runner, then its forced abort; a new controller starts
+    // from Idle. The clip being checked keeps no result.
+    m_controller.reset();
+    m_controller = makeController();
+    m_controllerStale = false;
+    m_progress->setValue(0);
+    m_statusBar->setCellText(kIdStatusCell, fromUtf8(kStatusStopped));
+    m_statusBar->setCellDefaultColours(kIdStatusCell);
+    updateChecking();
+    refreshCommands();
+}
+
+void MainWindow::setCheckLevel(CheckLevel level)
+{
+    if (level < 1 || level > 4) {
+        return;
+    }
+    m_options.level = level;
+    for (QAction* action : m_levels->actions()) {
+        action->setChecked(action->data().toInt() == level);
+    }
+    if (ProfileStore* store = kitSettings()) {
+        store->WriteInt(kCheckLevel.section, kCheckLevel.key, level);
+    }
+    if (controllerIdle()) {
+        m_controller = makeController();
+    } else {
+        m_controllerStale = true;
+    }
+}
+
+bool MainWindow::saveReport(const std::string& path) const
+{
+    std::vector<ResultDocumentEntry> entries;
+    entries.reserve(m_list.size());
+    for (std::size_t i = 0; i < m_list.size(); ++i) {
+        entries.push_back({m_list.item(i).path(), m_list.item(i).result()});
+    }
+    XmlNode document;
+    buildResultDocument(document, entries);
+    return document.Save(path);
+}
+
+void MainWindow::saveReportAs()
+{
+    if (m_list.empty()) {
+        return;
+    }
+    SaveFileRequest request;
+    request.caption = QStringLiteral("Save report");
+    if (ProfileStore* store = kitSettings()) {
+        request.folder = QFile::decodeName(store->GetFolder(kFolderClipsSlot).c_str());
+    }
+    request.fileName = QStringLiteral("report.qcout");
+    request.filters << QStringLiteral("QC result document (*.qcout)|*.qcout");
+    request.defaultSuffix = QStringLiteral("qcout");
+    const QString chosen = kitSaveFile(this, request);
+    if (chosen.isEmpty()) {
+        return;
+    }
+    if (!saveReport(QFile::encodeName(chosen).toStdString())) {
+        MessageBoxRequest box;
+        box.caption = QStringLiteral("Error");
+        box.text = QStringLiteral("Cannot write the report %1").arg(chosen);
+        box.icon = QMessageBox::Warning;
+        kitMessageBox(this, box);
+    }
+}
+
+void MainWindow::setGridOrder(GridOrder order, Qt::SortOrder direction)
+{
+    m_proxy->setOrder(order, direction);
+    QHeaderView* header = m_grid->header();
+    if (order == GridOrder::List) {
+        header->setSortIndicator(-1, Qt::AscendingOrder);
+    } else {
+        header->setSortIndicator(order == GridOrder::Path ? TaskListModel::PathColumn
+                                                          : TaskListModel::StatusColumn,
+                                 direction);
+    }
+    const int id = order == GridOrder::Status ? kMenuByStatus
+                   : order == GridOrder::Path ? kMenuByPath
+                                              : kMenuListOrder;
+    entry(m_viewMenu, id)->setChecked(true);
+    if (m_grid->currentIndex().isValid()) {
+        m_grid->scrollTo(m_grid->currentIndex());
+    }
+}
+
+void MainWindow::setBelowPassingOnly(bool on)
+{
+    m_belowPassing->setChecked(on);
+    m_proxy->setBelowPassingOnly(on);
+    refreshSelection();
+}
+
+void MainWindow::onHeaderClicked(int column)
+{
+    // Each click on a column: ascending, descending, back to the list's order.
+    const GridOrder wanted =
+        column == TaskListModel::PathColumn ? GridOrder::Path : GridOrder::Status;
+    if (m_proxy->order() != wanted) {
+        setGridOrder(wanted, Qt::AscendingOrder);
+    } else if (m_proxy->sortOrder() == Qt::AscendingOrder) {
+        setGridOrder(wanted, Qt::DescendingOrder);
+    } else {
+        setGridOrder(GridOrder::List);
+    }
+}
+
+void MainWindow::showRowMenu(const QPoint& at)
+{
+    QModelIndex index = m_grid->indexAt(at);
+    if (index.isValid()) {
+        m_grid->setCurrentIndex(index);
+    } else {
+        index = m_grid->currentIndex();
+    }
+    if (!index.isValid() || selectedListRow() < 0) {
+        return;
+    }
+    const QRect row = m_grid->visualRect(index);
+    const QPoint where = index == m_grid->indexAt(at) ? at : row.bottomLeft();
+    m_rowMenu->actions().at(0)->setEnabled(controllerIdle());
+    m_rowMenu->popup(m_grid->viewport()->mapToGlobal(where));
+}
+
+int MainWindow::selectedListRow() const
+{
+    return m_proxy->listRow(m_grid->selectedRow());
+}
+
+void MainWindow::selectListRow(int row)
+{
+    const int viewRow = m_proxy->viewRow(row);
+    if (viewRow >= 0) {
+        m_grid->setCurrentIndex(m_proxy->index(viewRow, 0));
+    }
+}
+
+void MainWindow::removeSelected()
+{
+    const int row = selectedListRow();
+    if (row < 0) {
+        return;
+    }
+    const int viewRow = m_grid->selectedRow();
+    m_list.Remove(static_cast<std::size_t>(row));
+    // The next row takes the removed one's place, so Delete can be pressed again.
+    const int next = std::min(viewRow, m_proxy->rowCount() - 1);
+    if (next >= 0) {
+        m_grid->setCurrentIndex(m_proxy->index(next, 0));
+    }
+    refreshSelection();
 }
 
 QString MainWindow::clockText(bool firstTickDone)
@@ -373,45 +797,57 @@ void MainWindow::onClockTimer()
     m_statusBar->setCellText(kIdClockCell, clockText(true));
 }
 
-void MainWindow::updateCheckSelected()
+void MainWindow::refreshCommands()
 {
     const int rows = static_cast<int>(m_list.size());
-    const int selected = m_grid->selectedRow();
+    const int selected = selectedListRow();
     m_checkSelected->setEnabled(rows > 0 && selected >= 0 && selected < rows);
+    m_stop->setEnabled(!controllerIdle());
+    entry(m_fileMenu, kMenuSaveReport)->setEnabled(rows > 0);
 }
 
-void MainWindow::refreshIssues()
+void MainWindow::forgetRemovedItems()
 {
-    updateCheckSelected();
-    m_tree->clear();
-    const int selected = m_grid->selectedRow();
-    if (selected < 0 || selected >= static_cast<int>(m_list.size())) {
+    std::erase_if(m_checkedAt, [this](const auto& entry) {
+        return m_list.indexOfId(entry.first) == TaskList::npos;
+    });
+}
+
+void MainWindow::refreshSummary()
+{
+    if (m_list.empty()) {
+        m_summary->setText(QStringLiteral("Add clips: File > Open Clips (Ctrl+O), or drop "
+                                          "files and folders here"));
         return;
     }
-    const QcResult* result = m_list.item(static_cast<std::size_t>(selected)).result();
+    std::size_t checked = 0;
+    std::size_t below = 0;
+    for (std::size_t row = 0; row < m_list.size(); ++row) {
+        if (const QcResult* result = m_list.item(row).result()) {
+            ++checked;
+            below += result->score() < kPassingScore ? 1 : 0;
+        }
+    }
+    m_summary->setText(QStringLiteral("%1 clips, %2 checked, %3 below 3/5 Playable")
+                           .arg(m_list.size())
+                           .arg(checked)
+                           .arg(below));
+}
+
+void MainWindow::refreshSelection()
+{
+    refreshCommands();
+    const int selected = selectedListRow();
+    const TaskItem* item =
+        selected >= 0 ? &m_list.item(static_cast<std::size_t>(selected)) : nullptr;
+    const QcResult* result = item != nullptr ? item->result() : nullptr;
+    showIssues(*m_tree, result);
     if (result == nullptr) {
+        m_facts->clear();
         return;
     }
-    for (int c = 0; c < kCategoryCount; ++c) {
-        const auto category = static_cast<QcIssueCategory>(c);
-        const std::vector<const QcIssue*> issues = result->issues.byCategory(category);
-        if (issues.empty()) {
-            continue;
-        }
-        auto* group = new QTreeWidgetItem(m_tree, {fromUtf8(categoryText(category))});
-        for (const QcIssue* issue : issues) {
-            // The issue's own text, with its severity and stream beside it.
-            QString where = QStringLiteral("[%1]").arg(fromUtf8(severityText(issue->severity)));
-            if (issue->streamIndex >= 0) {
-                where += QStringLiteral(" Stream %1 (%2)")
-                             .arg(issue->streamIndex)
-                             .arg(fromUtf8(streamKindText(issue->streamKind)));
-            }
-            auto* node = new QTreeWidgetItem(group, {fromUtf8(issue->text), where});
-            node->setToolTip(0, fromUtf8(QcIssueList::longLine(*issue)));
-        }
-    }
-    m_tree->expandAll();
+    const auto at = m_checkedAt.find(item->id());
+    m_facts->setHtml(clipFactsHtml(*result, at == m_checkedAt.end() ? QDateTime() : at->second));
 }
 
 void MainWindow::showAbout()

@@ -1,34 +1,48 @@
 #pragma once
 
+#include <QDateTime>
 #include <QTimer>
 #include <memory>
+#include <optional>
+#include <unordered_map>
 
 #include "batch/runcontroller.h"
 #include "batch/tasklist.h"
 #include "ui/controlkit.h"
 
+class QActionGroup;
+class QLabel;
 class QMenu;
+class QSplitter;
+class QTextEdit;
 
 namespace tarvoqc {
 
 class TaskListModel;
+class TaskListProxy;
+enum class GridOrder;
 
 // Control ids of the main window.
 enum MainWindowId : int {
     kIdFileButton = 120,
     kIdClearButton = 122,
+    kIdViewButton = 124,
+    kIdOptionsButton = 126,
     kIdHelpButton = 130,
     kIdTaskGrid = 450,
     kIdIssueTree = 451,
+    kIdFactsPanel = 452,
     kIdProgressBar = 500,
     kIdCheckAll = 602,
     kIdCheckSelected = 603,
+    kIdStop = 604,
+    kIdListSummary = 605,
     kIdGrip = 601,
     kIdTitleCell = 150,
     kIdStatusCell = 151,
     kIdClockCell = 155,
 };
-// Menu entries.
+// Menu entries, per button.
 enum MainMenuId : int {
     kMenuOpenClips = 1,
     kMenuOpenPlaylists = 2,
@@ -36,8 +50,15 @@ enum MainMenuId : int {
     kMenuExit = 256,
     kMenuClearFinished = 1,
     kMenuClearAll = 2,
+    kMenuListOrder = 1,
+    kMenuByStatus = 2,
+    kMenuByPath = 3,
+    kMenuBelowPassing = 10,
     kMenuAbout = 100,
 };
+// Commands of the keyboard shortcuts that have no button of their own.
+inline constexpr int kCommandOpenClips = 1001;
+inline constexpr int kCommandSaveReport = 1002;
 
 inline constexpr int kMainWindowWidth = 624;
 inline constexpr int kMainWindowHeight = 442;
@@ -48,6 +69,9 @@ inline constexpr int kGripInitialTop = 230;
 inline constexpr int kClockPeriodMs = 1000; // timer 700
 inline constexpr int kRunnerPeriodMs = 100; // timer 701
 
+// The status cell's text after the operator stopped a run.
+inline constexpr std::string_view kStatusStopped = "Stopped";
+
 struct MainWindowOptions
 {
     bool commandLineMode = false; // checking starts at once and the window closes when done
@@ -57,12 +81,19 @@ struct MainWindowOptions
     WorkerSpec worker{};      // the check processes' limits; they run at idle priority
 };
 
-// The program's working window: the task grid over the TaskList, the issues of the
-// selected clip grouped by category, a progress bar, the run status and a clock, and the
-// commands that add clips, clear the list and start checks. It owns the list, the run
-// controller (one runner at a time, at idle priority, each clip opened as Open(path, 3, 2))
-// and polls it every 100 ms; the window thread never waits for a clip except when it is
-// destroyed during a check (the runner's stop: at most about 2 s, then the forced abort).
+// The program's working window: the task grid over the TaskList, the issues and facts of
+// the selected clip, a progress bar, the run status and a clock, and the commands that add
+// clips, clear the list and start and stop checks. It owns the list, the run controller
+// (one runner at a time, at idle priority) and polls it every 100 ms; the window thread
+// never waits for a clip except when a check is stopped (the operator's Stop, a change of
+// the check level, or the window's destruction: the runner's stop, at most about 2 s, then
+// the forced abort).
+//
+// Keyboard: Alt and the underlined letter open the command bar's menus; Ctrl+O opens clips,
+// Ctrl+S saves the report, F5 checks all, Ctrl+F5 checks the selected clip again, Shift+F5
+// stops; in the grid Delete removes the selected clip, Ctrl+C copies its path and the menu
+// key or Shift+F10 opens its row menu. Escape never closes the window: only "Exit" and the
+// close box do.
 //
 // Thread-safety: the window thread only.
 class MainWindow : public CWDlgClass
@@ -76,6 +107,7 @@ public:
     TaskList& taskList() { return m_list; }
     RunController& controller() { return *m_controller; }
     bool commandLineMode() const { return m_options.commandLineMode; }
+    CheckLevel checkLevel() const { return m_options.level; }
 
     // Makes it a command-line run (before runModal).
     void setCommandLineMode(bool on) { m_options.commandLineMode = on; }
@@ -98,6 +130,23 @@ public:
 
     bool timersRunning() const { return m_runnerTimer.isActive() && m_clockTimer.isActive(); }
 
+    // Ends the run: the running check is stopped (stop flag, then the forced abort) and
+    // keeps no result; the items checked so far keep theirs.
+    void stopRun();
+    // The check level of the next checks, stored as "Options" key "Check.Level"; a run in
+    // progress finishes at its own level.
+    void setCheckLevel(CheckLevel level);
+    // Writes the list's result document (the job result document, ".qcout") to path;
+    // false when it could not be written.
+    bool saveReport(const std::string& path) const;
+
+    // The grid's order and filter (the list's own order never changes).
+    void setGridOrder(GridOrder order, Qt::SortOrder direction = Qt::AscendingOrder);
+    void setBelowPassingOnly(bool on);
+
+    // The row menu of the grid (Check again, Remove, Copy path, Open containing folder).
+    QMenu* rowMenu() const { return m_rowMenu; }
+
     // The About box (modal).
     void showAbout();
 
@@ -107,30 +156,62 @@ public:
 protected:
     void onCommand(int id) override;
     void closeDialog() override;
+    // Escape does nothing here.
+    void reject() override;
     void resizeEvent(QResizeEvent* event) override;
 
 private:
+    std::unique_ptr<RunController> makeController();
+    bool controllerIdle() const;
     void createControls();
+    void createGrid();
+    void createMenus(CMkButton* file, CMkButton* clear, CMkButton* view, CMkButton* options,
+                     CMkButton* help);
     void layoutControls();
     void openClips();
-    void refreshIssues();
-    void updateCheckSelected();
+    void saveReportAs();
+    void refreshSelection();
+    void refreshCommands();
+    void refreshSummary();
+    void forgetRemovedItems();
+    void updateChecking();
     void onMenu(int button, int entry);
+    void onHeaderClicked(int column);
+    void showRowMenu(const QPoint& at);
+    // The list row of the grid's selection, -1 when none.
+    int selectedListRow() const;
+    void selectListRow(int row);
+    void removeSelected();
     QMenu* addMenu(CMkButton* button, std::initializer_list<std::pair<int, const char*>> entries);
 
     MainWindowOptions m_options;
     TaskList m_list;
     std::unique_ptr<RunController> m_controller;
+    bool m_controllerStale = false;          // the level changed during a run: a new one when idle
+    int m_gripPlacedFor = kMainWindowHeight; // the window height the grip's top was set for
     TaskListModel* m_model = nullptr;
+    TaskListProxy* m_proxy = nullptr;
+    std::optional<std::uint64_t> m_checkingId;
+    std::unordered_map<std::uint64_t, QDateTime> m_checkedAt; // by item id
 
     QWidget* m_commandBar = nullptr;
     QWidget* m_lowerBar = nullptr;
     CMaGrid* m_grid = nullptr;
+    QSplitter* m_lowerPane = nullptr;
     CxTree* m_tree = nullptr;
+    QTextEdit* m_facts = nullptr;
     CMkProgressBar* m_progress = nullptr;
     Grip* m_grip = nullptr;
     CMkStatusBar* m_statusBar = nullptr;
     CMkButton* m_checkSelected = nullptr;
+    CMkButton* m_stop = nullptr;
+    QLabel* m_summary = nullptr;
+    QMenu* m_fileMenu = nullptr;
+    QMenu* m_viewMenu = nullptr;
+    QMenu* m_rowMenu = nullptr;
+    QActionGroup* m_levels = nullptr;
+    QActionGroup* m_orders = nullptr;
+    QAction* m_belowPassing = nullptr;
 
     QTimer m_clockTimer;
     QTimer m_runnerTimer;

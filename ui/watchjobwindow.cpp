@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "batch/checkrunner.h"
+#include "batch/watchservice.h"
 #include "settings/profilestore.h"
 #include "ui/programicon.h"
 
@@ -243,13 +244,7 @@ WatchJobWindow::WatchJobWindow(QWidget* parent) : CWDlgClass(parent)
     m_log.writeNow("Start " + m_title.toStdString());
 
     m_job = std::make_unique<WatchJob>(&m_log);
-    WatchJobSettings jobSettings = loadWatchJobSettings(settingsPath());
-    const CheckSettings checkSettings = loadCheckSettings(settingsPath());
-    jobSettings.checkLevel = checkSettings.level;
-    jobSettings.check = checkSettings.options;
-    jobSettings.worker.memoryLimitBytes = checkSettings.worker.memoryLimitBytes;
-    jobSettings.worker.hangTimeout = checkSettings.worker.hangTimeout;
-    m_job->setSettings(jobSettings);
+    m_job->setSettings(loadWatchServiceSettings(settingsPath()));
 
     // The timer's ticks are left to the default handling.
     m_timer.start(1000);
@@ -266,14 +261,16 @@ void WatchJobWindow::shutDown()
         return;
     }
     m_shutDown = true;
-    m_job->Stop();
     m_timer.stop();
     if (m_tray != nullptr) {
-        // Gone from the tray before the process ends, so no stale icon stays behind.
+        // Gone from the tray at once, before the worker is waited for, so no stale icon
+        // stays behind while a check ends.
         m_tray->hide();
         delete m_tray;
         m_tray = nullptr;
     }
+    // The worker ends before "Exit" is written, so that no line of its follows it.
+    m_job->Stop();
     m_log.writeNow("Exit " + m_title.toStdString());
 }
 

@@ -80,7 +80,7 @@ class WatchJobWindow : public CWDlgClass
 
 public:
     explicit WatchJobWindow(QWidget* parent = nullptr);
-    // Stops the job, removes the icon, logs "Exit ".
+    // Removes the icon, stops the job (its worker ends), then logs "Exit ".
     ~WatchJobWindow() override;
 
     WatchJob& job() { return *m_job; }
@@ -95,7 +95,7 @@ public:
     // written and setupAccepted() is told.
     void runSetup();
 
-    // "Close and Exit" and a close request: the job stops, the icon goes, "Exit " is
+    // "Close and Exit" and a close request: the icon goes, the job stops, "Exit " is
     // logged and the window's run ends.
     void closeDialog() override;
 

@@ -93,7 +93,10 @@ int main(int argc, char** argv)
         ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
     }
     installStopSignals();
-    QApplication app(argc, argv);
+    // Every argument is a clip or a job file: Qt is given none of them, so that a clip named
+    // like one of its options (-reverse, -style) is never taken as one.
+    int qtArgc = 1;
+    QApplication app(qtArgc, argv);
     takeLocale();
 
     ProfileStore settings(settingsPath());

@@ -142,6 +142,13 @@ TEST(TaskList, ClearingAndFindingItems)
     // last item went may be added again.
     EXPECT_EQ(list.AddFiles(9, {"/c/2.ts", "/c/1.ts"}).added, 1u);
     EXPECT_EQ(pathsOf(list), (Paths{"/c/3.ts", "/c/2.ts", "/c/1.ts"}));
+    // One row out: the rows after it move up and are found again by id.
+    const std::uint64_t lastId = list.item(2).id();
+    EXPECT_FALSE(list.Remove(3));
+    EXPECT_TRUE(list.Remove(1));
+    EXPECT_EQ(pathsOf(list), (Paths{"/c/3.ts", "/c/1.ts"}));
+    EXPECT_EQ(list.indexOfId(lastId), 1u);
+    EXPECT_EQ(list.AddFiles(9, {"/c/2.ts"}).added, 1u) << "a removed path may be added again";
 
     for (std::size_t row = 0; row < list.size(); ++row) {
         list.item(row).setResult(std::make_unique<QcResult>());

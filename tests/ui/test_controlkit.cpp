@@ -3,6 +3,8 @@
 #include <QStandardItemModel>
 #include <QTest>
 #include <QTextEdit>
+#include <QTimer>
+#include <functional>
 #include <memory>
 #include <string>
 #include <tuple>
@@ -153,12 +155,17 @@ public:
         grid->setModel(&model);
         model.appendRow(new QStandardItem("row"));
         ok = new CMkButton("OK", kIdOk, this);
+        // A button inside a bar, listed out of creation order, and a disabled one.
+        auto* bar = new QWidget(this);
+        (new CMkButton("In a bar", 15, bar))->setGeometry(0, 0, 100, 24);
+        (new CMkButton("Off", 16, this))->setEnabled(false);
         int y = 0;
-        for (QWidget* w : std::initializer_list<QWidget*>{edit, button, multi, rich, grid, ok}) {
+        for (QWidget* w :
+             std::initializer_list<QWidget*>{edit, button, multi, rich, grid, ok, bar}) {
             w->setGeometry(0, y, 200, 24);
             y += 30;
         }
-        setTabOrderList({10, 11, 12, 14, 0, 13});
+        setTabOrderList({10, 15, 11, 12, 14, 16, 0, 13});
         setShortcutTable({{kShortcutCtrl, Qt::Key_O, 77},
                           {kShortcutAlt | kShortcutShift, Qt::Key_X, 78},
                           {kShortcutEnd, 0, 0},
@@ -200,10 +207,12 @@ TEST_F(KitTest, DialogKeyboardRules)
     // what, focus before, key, focus after (0: the dialog ended), command posted (0: none),
     // presses that reached the multi-line or rich-text field
     const std::tuple<const char*, int, Qt::Key, Qt::KeyboardModifiers, int, int, int> rows[] = {
-        {"Tab moves along the list", 10, Qt::Key_Tab, kNone, 11, 0, 0},
-        {"Shift+Tab wraps to the end", 10, Qt::Key_Backtab, Qt::ShiftModifier, 14, 0, 0},
-        {"Tab wraps to the start", 14, Qt::Key_Tab, kNone, 10, 0, 0},
-        {"Enter in a field navigates", 10, Qt::Key_Return, kNone, 11, 0, 0},
+        {"Tab moves along the list, into a bar", 10, Qt::Key_Tab, kNone, 15, 0, 0},
+        {"Tab goes on from a button in a bar", 15, Qt::Key_Tab, kNone, 11, 0, 0},
+        {"Shift+Tab wraps to the end, passing a disabled one", 10, Qt::Key_Backtab,
+         Qt::ShiftModifier, 14, 0, 0},
+        {"Tab wraps to the start, passing a disabled one", 14, Qt::Key_Tab, kNone, 10, 0, 0},
+        {"Enter in a field navigates", 10, Qt::Key_Return, kNone, 15, 0, 0},
         {"Enter on a button clicks and navigates", 11, Qt::Key_Return, kNone, 12, 11, 0},
         {"Enter in a multi-line field navigates", 12, Qt::Key_Enter, kNone, 14, 0, 0},
         {"Ctrl+Enter stays in a multi-line field", 12, Qt::Key_Return, kCtrl, 12, 0, 1},
@@ -242,8 +251,8 @@ TEST_F(KitTest, FocusOnATextFieldSelectsItsText)
     KeyDialog dialog;
     dialog.show();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(&dialog));
-    dialog.focusControl(dialog.control(11));
-    QTest::keyClick(dialog.button, Qt::Key_Backtab, Qt::ShiftModifier);
+    dialog.focusControl(dialog.control(15));
+    QTest::keyClick(dialog.control(15), Qt::Key_Backtab, Qt::ShiftModifier);
     ASSERT_TRUE(QTest::qWaitFor(
         [&] { return QApplication::focusWidget() == static_cast<QWidget*>(dialog.edit); }));
     EXPECT_EQ(dialog.edit->selectedText(), QString("some text"));
@@ -283,6 +292,24 @@ TEST_F(KitTest, VersionCheckAsksInOrderAndStopsAtNo)
         });
         EXPECT_EQ(CheckMediaLibraries(nullptr, libraries), goesOn);
         EXPECT_EQ(asked, askedAbout);
+    }
+    // The real box: only "No" refuses; Escape and the close box are no answer at all.
+    setMessageBoxAnswerer({});
+    using Act = std::function<void(QMessageBox&)>;
+    const std::tuple<const char*, Act, bool> real[] = {
+        {"Escape", [](QMessageBox& box) { QTest::keyClick(&box, Qt::Key_Escape); }, true},
+        {"close box", [](QMessageBox& box) { box.close(); }, true},
+        {"Enter on the default, No",
+         [](QMessageBox& box) { QTest::keyClick(&box, Qt::Key_Return); }, false},
+        {"Yes", [](QMessageBox& box) { box.button(QMessageBox::Yes)->click(); }, true}};
+    for (const auto& [what, act, goesOn] : real) {
+        SCOPED_TRACE(what);
+        QTimer::singleShot(0, [&act = act] {
+            auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+            ASSERT_NE(box, nullptr);
+            act(*box);
+        });
+        EXPECT_EQ(CheckLibraryVersion(nullptr, all(v + 1, v)[1]), goesOn);
     }
     EXPECT_EQ(libraryVersionQuestion({"avcodec", 0x392264, 0x395964}),
               "Your version of avcodec (v57.89.100) is NOT the one required (v57.34.100).\n"

@@ -1,11 +1,18 @@
 #include <QAbstractItemModelTester>
+#include <QClipboard>
+#include <QDesktopServices>
+#include <QHeaderView>
 #include <QMenu>
 #include <QMimeData>
 #include <QRegularExpression>
+#include <QSplitter>
 #include <QTest>
+#include <QTextEdit>
+#include <QTimer>
 #include <QUrl>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <random>
 #include <string>
 #include <tuple>
@@ -16,7 +23,9 @@
 #include "batch/workerprocess.h"
 #include "settings/profilestore.h"
 #include "tests/support/testsupport.h"
+#include "tests/ui/resultdocument.h"
 #include "ui/mainwindow.h"
+#include "ui/resultpanes.h"
 #include "ui/tasklistmodel.h"
 
 using namespace tarvoqc;
@@ -85,6 +94,40 @@ protected:
     {
         grid(w)->setCurrentIndex(grid(w)->model()->index(row, 0));
     }
+    // The list rows in the grid's order.
+    static std::vector<int> shown(MainWindow& w)
+    {
+        std::vector<int> listRows;
+        const auto* view = static_cast<const TaskListProxy*>(grid(w)->model());
+        for (int row = 0; row < view->rowCount(); ++row) {
+            listRows.push_back(view->listRow(row));
+        }
+        return listRows;
+    }
+    static QString facts(MainWindow& w)
+    {
+        return static_cast<QTextEdit*>(w.control(kIdFactsPanel))->toPlainText();
+    }
+    // Runs act; the popup menu it opens (modal or not) is closed again. Gives the text of
+    // the popup's first entry, empty when none opened.
+    static QString popupOf(const std::function<void()>& act)
+    {
+        QString first;
+        QTimer::singleShot(0, [&] {
+            if (auto* menu = qobject_cast<QMenu*>(QApplication::activePopupWidget())) {
+                first = menu->actions().at(0)->text();
+                menu->close();
+            }
+        });
+        act();
+        QTest::qWait(20);
+        return first;
+    }
+    static bool waitForState(MainWindow& w, RunState state, int ms = 60000)
+    {
+        return QTest::qWaitFor(
+            [&] { return w.controller().state() == state && !w.controller().busy(); }, ms);
+    }
 
     test::TempDir m_dir;
     ProfileStore m_store{(m_dir / "TarvoQC.ini").string(), m_dir.path().string() + "/"};
@@ -121,6 +164,14 @@ TEST_F(MainWindowTest, DropsLandAtTheDropRowInOrder)
     const std::string last = (m_dir / "last.wav").string();
     drop(w, {last}, -1);
     EXPECT_EQ(rows(w).back(), last);
+    // In a sorted view a drop lands in the list before the item shown at the drop row.
+    w.setGridOrder(GridOrder::Path, Qt::DescendingOrder);
+    const std::string first = (m_dir / "first.ts").string();
+    drop(w, {first}, 0);
+    const std::vector<std::string> after = rows(w);
+    const auto at = std::find(after.begin(), after.end(), first);
+    ASSERT_TRUE(at != after.end() && at + 1 != after.end());
+    EXPECT_EQ(*(at + 1), y) << "before the item shown first";
     EXPECT_TRUE(m_boxes.empty());
 }
 
@@ -143,16 +194,17 @@ TEST_F(MainWindowTest, OverLimitDropRaisesTheListsWarning)
     EXPECT_EQ(w.taskList().size(), 50000u);
 }
 
-TEST_F(MainWindowTest, CheckAllShowsScoresColoursAndIssueGroups)
+TEST_F(MainWindowTest, CheckAllShowsScoresIssuesFactsViewsAndTheReport)
 {
-    // clip, status text, cell background and text colours (0x00BBGGRR), issue groups shown
-    const std::tuple<const char*, const char*, std::uint32_t, std::uint32_t, const char*> rows[] = {
-        {"h264_aac.mp4", "5/5 OK", 0x00FF00, 0x000000, ""},
-        {"mpeg2_mp2.ts", "4/5 Good", 0x0000FF, 0x000000, "MediaTime "},
-        {"truncated.mxf", "3/5 Playable", 0x0000E0, 0x000000, "MediaTime "},
-        {"jump_video_high.ts", "2/5 BAD", 0x0000A0, 0xC0C0C0, "Frames "},
-        {"pcm.wav", "1/5 Very BAD", 0x000080, 0xC0C0C0, "MediaTime "},
-        {"text.mov", "0/5 ERROR", 0x000040, 0xC0C0C0, "File "}};
+    // clip, status text, cell background and text colours (0x00BBGGRR), issue groups shown,
+    // whether its keys were made
+    const std::tuple<const char*, const char*, std::uint32_t, std::uint32_t, const char*, bool>
+        rows[] = {{"h264_aac.mp4", "5/5 OK", 0x00FF00, 0x000000, "", true},
+                  {"mpeg2_mp2.ts", "4/5 Good", 0x0000FF, 0x000000, "MediaTime ", true},
+                  {"truncated.mxf", "3/5 Playable", 0x0000E0, 0x000000, "MediaTime ", true},
+                  {"jump_video_high.ts", "2/5 BAD", 0x0000A0, 0xC0C0C0, "Frames ", true},
+                  {"pcm.wav", "1/5 Very BAD", 0x000080, 0xC0C0C0, "MediaTime ", true},
+                  {"text.mov", "0/5 ERROR", 0x000040, 0xC0C0C0, "File ", false}};
     MainWindow w;
     QAbstractItemModelTester tester(grid(w)->model(),
                                     QAbstractItemModelTester::FailureReportingMode::Warning);
@@ -171,8 +223,9 @@ TEST_F(MainWindowTest, CheckAllShowsScoresColoursAndIssueGroups)
     const auto colour = [](std::uint32_t bgr) {
         return QColor(bgr & 0xFF, (bgr >> 8) & 0xFF, (bgr >> 16) & 0xFF);
     };
+    std::string report;
     for (int i = 0; i < static_cast<int>(std::size(rows)); ++i) {
-        const auto& [clip, text, back, fore, groups] = rows[i];
+        const auto& [clip, text, back, fore, groups, keyed] = rows[i];
         SCOPED_TRACE(clip);
         const QModelIndex status = grid(w)->model()->index(i, TaskListModel::StatusColumn);
         EXPECT_EQ(status.data().toString(), QString(text));
@@ -181,36 +234,83 @@ TEST_F(MainWindowTest, CheckAllShowsScoresColoursAndIssueGroups)
 
         select(w, i);
         EXPECT_TRUE(w.control(kIdCheckSelected)->isEnabled());
-        // The tree as "group{issue|issue|}" in its order, against the result's issues by
+        // The tree as "group{severity:issue|}" in its order, against the result's issues by
         // category in the order the check raised them.
-        std::string shown;
+        std::string shownTree;
         std::string names;
         for (int g = 0; g < tree(w)->topLevelItemCount(); ++g) {
             const QTreeWidgetItem* group = tree(w)->topLevelItem(g);
             EXPECT_TRUE(group->isExpanded());
             names += group->text(0).toStdString() + " ";
-            shown += group->text(0).toStdString() + "{";
+            shownTree += group->text(0).toStdString() + "{";
             for (int c = 0; c < group->childCount(); ++c) {
-                shown += group->child(c)->text(0).toStdString() + "|";
+                shownTree += group->child(c)->text(kIssueSeverityColumn).toStdString() + ":" +
+                             group->child(c)->text(kIssueTextColumn).toStdString() + "|";
             }
-            shown += "}";
+            shownTree += "}";
         }
         std::string expected;
         const QcResult& result = *w.taskList().item(static_cast<std::size_t>(i)).result();
         for (int c = 0; c < kCategoryCount; ++c) {
             std::string items;
             for (const auto& issue : result.issues.all()) {
-                items += static_cast<int>(issue->category) == c ? issue->text + "|" : "";
+                if (static_cast<int>(issue->category) == c) {
+                    items += std::string(severityText(issue->severity)) + ":" + issue->text + "|";
+                }
             }
             expected += items.empty()
                             ? ""
                             : std::string(categoryText(QcIssueCategory(c))) + "{" + items + "}";
         }
         EXPECT_EQ(names, groups);
-        EXPECT_EQ(shown, expected);
+        EXPECT_EQ(shownTree, expected);
+        // The facts of this clip: its keys as another program computes them.
+        const std::string hash = keyed ? test::sha256sumOf(test::testClip(clip)) : "";
+        EXPECT_TRUE(facts(w).contains(QString::fromStdString(hash.empty() ? "not made" : hash)))
+            << facts(w).toStdString();
+        EXPECT_TRUE(facts(w).contains("level 3"));
+        report += "Clip " + test::testClip(clip).string() + " " + (keyed ? hash : "-") +
+                  "\nQCheck " + text + "\n";
     }
-    // The window thread is told of the end; a second "Check all" has nothing to do.
     EXPECT_EQ(w.controller().state(), RunState::Idle);
+
+    // The grid's orders and filter, by the View menu's calls and by header clicks; the list
+    // keeps its own order throughout.
+    const std::vector<std::string> listOrder = this->rows(w);
+    QHeaderView* header = grid(w)->header();
+    const auto click = [&](int column) {
+        QTest::mouseClick(header->viewport(), Qt::LeftButton, {},
+                          QPoint(header->sectionViewportPosition(column) + 8, 5));
+    };
+    // step, the list rows shown after it
+    const std::tuple<std::function<void()>, std::vector<int>> views[] = {
+        {[&] { w.setGridOrder(GridOrder::Status); }, {5, 4, 3, 2, 1, 0}},
+        {[&] { w.setGridOrder(GridOrder::Path); }, {0, 3, 1, 4, 5, 2}},
+        {[&] { w.setBelowPassingOnly(true); }, {3, 4, 5}},
+        {[&] { w.setGridOrder(GridOrder::List); }, {3, 4, 5}},
+        {[&] { w.setBelowPassingOnly(false); }, {0, 1, 2, 3, 4, 5}},
+        {[&] { click(TaskListModel::PathColumn); }, {0, 3, 1, 4, 5, 2}},
+        {[&] { click(TaskListModel::PathColumn); }, {2, 5, 4, 1, 3, 0}},
+        {[&] { click(TaskListModel::PathColumn); }, {0, 1, 2, 3, 4, 5}}};
+    for (std::size_t v = 0; v < std::size(views); ++v) {
+        SCOPED_TRACE(v);
+        std::get<0>(views[v])();
+        EXPECT_EQ(shown(w), std::get<1>(views[v]));
+    }
+    EXPECT_EQ(this->rows(w), listOrder);
+
+    // "Save report" (Ctrl+S): the list's result document, read back by another parser; a
+    // place that cannot be written is said so.
+    const fs::path saved = m_dir / "report.qcout";
+    for (const fs::path& target : {saved, m_dir / "missing" / "r.qcout"}) {
+        setSaveFileAnswerer([&](const SaveFileRequest&) { return QString::fromStdString(target); });
+        QTest::keyClick(grid(w), Qt::Key_S, Qt::ControlModifier);
+        QCoreApplication::sendPostedEvents();
+    }
+    setSaveFileAnswerer({});
+    EXPECT_EQ(test::documentSummary(saved), report);
+    ASSERT_EQ(m_boxes.size(), 1u);
+    EXPECT_EQ(m_boxes[0].caption, QString("Error"));
 }
 
 TEST_F(MainWindowTest, ClearDuringACheckAndCheckSelected)
@@ -253,17 +353,18 @@ TEST_F(MainWindowTest, LayoutFollowsTheGripAtEverySize)
     MainWindow w;
     w.show();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(&w));
-    // width, height, where the grip is dragged, where it stops
-    const std::tuple<int, int, int, int> rows[] = {{624, 442, 230, 230},
-                                                   {800, 600, 300, 300},
-                                                   {800, 600, 50, 128},
-                                                   {800, 600, 590, 472},
-                                                   {500, 300, 150, 150}};
+    // width, height, where the grip is dragged (0: not), where it stops; a resize keeps
+    // the grip's share of the height
+    const std::tuple<int, int, int, int> rows[] = {{624, 442, 230, 230}, {800, 600, 300, 300},
+                                                   {800, 600, 50, 128},  {800, 600, 590, 472},
+                                                   {500, 300, 150, 150}, {1000, 600, 0, 300}};
     for (const auto& [width, height, gripTo, expectedTop] : rows) {
         SCOPED_TRACE(testing::Message() << width << "x" << height << " grip " << gripTo);
         w.resize(width, height);
         auto* grip = static_cast<Grip*>(w.control(kIdGrip));
-        grip->setTop(gripTo);
+        if (gripTo > 0) {
+            grip->setTop(gripTo);
+        }
         const int h = w.height();
         const int wd = w.width();
         EXPECT_EQ(grip->minTop(), 128);
@@ -276,7 +377,7 @@ TEST_F(MainWindowTest, LayoutFollowsTheGripAtEverySize)
         EXPECT_EQ(w.control(kIdCheckAll)->parentWidget()->geometry(), QRect(0, g - 40, wd, 20));
         EXPECT_EQ(w.control(kIdProgressBar)->geometry(), QRect(0, g - 20, wd, 20));
         EXPECT_EQ(grip->geometry(), QRect(0, g, wd, b - g));
-        EXPECT_EQ(w.control(kIdIssueTree)->geometry(), QRect(0, b, wd, h - b - 20));
+        EXPECT_EQ(w.control(kIdIssueTree)->parentWidget()->geometry(), QRect(0, b, wd, h - b - 20));
         EXPECT_EQ(w.control(kIdTitleCell)->parentWidget()->geometry(), QRect(0, h - 20, wd, 20));
     }
 }
@@ -330,6 +431,195 @@ TEST_F(MainWindowTest, OpenClipsStartsInTheRememberedFolderAndSavesIt)
     EXPECT_EQ(folder, (m_dir / "in").string() + "/");
 }
 
+// Tells which URLs the desktop was asked to open.
+class UrlCatcher : public QObject
+{
+    Q_OBJECT
+
+public:
+    QList<QUrl> urls;
+
+public slots:
+    void open(const QUrl& url) { urls << url; }
+};
+
+TEST_F(MainWindowTest, EveryCommandIsReachedByTheKeyboard)
+{
+    MainWindow w;
+    const std::string first = test::testClip("text.mov").string();
+    const std::string second = (m_dir / "gone.mxf").string();
+    w.taskList().AppendFromCommandLine(first);
+    w.taskList().AppendFromCommandLine(second);
+    w.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&w));
+    w.start();
+    const auto focusOn = [&](int id) {
+        w.activateWindow(); // again after a menu had it
+        w.focusControl(w.control(id));
+        return QTest::qWaitFor([&] { return kitId(QApplication::focusWidget()) == id; });
+    };
+    const auto press = [](Qt::Key key, Qt::KeyboardModifiers modifiers = Qt::NoModifier) {
+        QTest::keyClick(QApplication::focusWidget(), key, modifiers);
+        QCoreApplication::sendPostedEvents();
+    };
+
+    // Tab goes round every control, the buttons of the bars too; disabled ones are passed.
+    const auto ring = [&] {
+        std::vector<int> ids;
+        for (int i = 0; i < 12 && (ids.empty() || ids.back() != kIdFileButton); ++i) {
+            press(Qt::Key_Tab);
+            ids.push_back(kitId(QApplication::focusWidget()));
+        }
+        return ids;
+    };
+    ASSERT_TRUE(focusOn(kIdFileButton));
+    EXPECT_EQ(ring(), (std::vector<int>{kIdClearButton, kIdViewButton, kIdOptionsButton,
+                                        kIdHelpButton, kIdTaskGrid, kIdCheckAll, kIdIssueTree,
+                                        kIdFactsPanel, kIdFileButton}));
+    select(w, 0);
+    ASSERT_TRUE(focusOn(kIdCheckAll));
+    press(Qt::Key_Tab);
+    EXPECT_EQ(kitId(QApplication::focusWidget()), kIdCheckSelected);
+
+    // Alt and a letter open the bar's menus.
+    const std::pair<Qt::Key, const char*> menus[] = {{Qt::Key_F, "Open Clips"},
+                                                     {Qt::Key_C, "Clear finished"},
+                                                     {Qt::Key_V, "List order"},
+                                                     {Qt::Key_O, "Check level 1: open and header"},
+                                                     {Qt::Key_H, "About"}};
+    for (const auto& [key, entry] : menus) {
+        SCOPED_TRACE(entry);
+        ASSERT_TRUE(focusOn(kIdTaskGrid));
+        EXPECT_EQ(popupOf([&] { press(key, Qt::AltModifier); }), QString(entry));
+    }
+
+    bool opened = false;
+    setOpenFilesAnswerer([&](const OpenFilesRequest&) {
+        opened = true;
+        return QStringList();
+    });
+    // key, modifiers, what must hold after it (the grid has the focus, row 0 selected)
+    const std::tuple<const char*, Qt::Key, Qt::KeyboardModifiers, std::function<bool()>> keys[] = {
+        {"Ctrl+O opens clips", Qt::Key_O, Qt::ControlModifier, [&] { return opened; }},
+        {"F5 checks all", Qt::Key_F5, Qt::NoModifier,
+         [&] { return w.controller().state() == RunState::All; }},
+        {"Escape leaves the window and its run alone", Qt::Key_Escape, Qt::NoModifier,
+         [&] { return w.isVisible() && w.controller().state() == RunState::All; }},
+        {"Shift+F5 stops", Qt::Key_F5, Qt::ShiftModifier,
+         [&] { return w.controller().state() == RunState::Idle && statusCell(w) == "Stopped"; }},
+        {"Ctrl+F5 checks the selected clip", Qt::Key_F5, Qt::ControlModifier,
+         [&] { return w.controller().state() == RunState::Single; }},
+        {"Ctrl+C copies its path", Qt::Key_C, Qt::ControlModifier,
+         [&] { return QGuiApplication::clipboard()->text() == QString::fromStdString(first); }},
+        {"Delete removes it", Qt::Key_Delete, Qt::NoModifier,
+         [&] { return rows(w) == std::vector<std::string>{second}; }},
+        {"the menu key opens the row menu", Qt::Key_F10, Qt::ShiftModifier,
+         [&] { return w.rowMenu()->isVisible(); }}};
+    for (const auto& [what, key, modifiers, holds] : keys) {
+        SCOPED_TRACE(what);
+        ASSERT_TRUE(focusOn(kIdTaskGrid));
+        press(key, modifiers);
+        EXPECT_TRUE(holds());
+    }
+    setOpenFilesAnswerer({});
+    w.rowMenu()->close();
+}
+
+TEST_F(MainWindowTest, RowMenuActsOnTheRowUnderTheClick)
+{
+    const std::vector<std::string> paths = {"/clips/a.mxf", "/clips/day 2/b.mxf", "/clips/c.mxf"};
+    MainWindow w;
+    for (const std::string& path : paths) {
+        w.taskList().AppendFromCommandLine(path);
+    }
+    w.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&w));
+    w.start();
+    UrlCatcher desktop;
+    QDesktopServices::setUrlHandler("file", &desktop, "open");
+    const auto onRow = [&](int row, const char* entry) {
+        const QPoint at = grid(w)->visualRect(grid(w)->model()->index(row, 0)).center();
+        QContextMenuEvent event(QContextMenuEvent::Mouse, at, grid(w)->viewport()->mapToGlobal(at));
+        QApplication::sendEvent(grid(w)->viewport(), &event);
+        EXPECT_TRUE(w.rowMenu()->isVisible());
+        for (QAction* action : w.rowMenu()->actions()) {
+            if (action->text() == entry) {
+                action->trigger();
+            }
+        }
+        w.rowMenu()->close();
+    };
+    onRow(1, "Copy path");
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), QString::fromStdString(paths[1]));
+    onRow(1, "Open containing folder");
+    EXPECT_EQ(desktop.urls, QList<QUrl>{QUrl::fromLocalFile("/clips/day 2")});
+    onRow(0, "Remove");
+    EXPECT_EQ(rows(w), (std::vector<std::string>{paths[1], paths[2]}));
+    onRow(1, "Check again");
+    EXPECT_EQ(w.controller().state(), RunState::Single);
+    ASSERT_TRUE(waitForState(w, RunState::Idle));
+    EXPECT_FALSE(w.taskList().item(0).finished());
+    EXPECT_TRUE(w.taskList().item(1).finished());
+    QDesktopServices::unsetUrlHandler("file");
+}
+
+TEST_F(MainWindowTest, TheCheckedRowIsMarkedKeptInViewAndStopEndsTheRun)
+{
+    MainWindow w;
+    for (int i = 0; i < 15; ++i) { // gone at once, each a tick
+        w.taskList().AppendFromCommandLine((m_dir / ("gone" + std::to_string(i) + ".ts")).string());
+    }
+    w.taskList().AppendFromCommandLine(test::testClip("long.ts").string());
+    w.taskList().AppendFromCommandLine(test::testClip("h264_aac.mp4").string());
+    w.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&w));
+    w.start();
+    w.command(kIdCheckAll);
+    const QModelIndex longRow = grid(w)->model()->index(15, TaskListModel::StatusColumn);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return longRow.data() == QString("16 of 17"); }, 30000));
+    EXPECT_TRUE(longRow.data(Qt::FontRole).value<QFont>().bold());
+    EXPECT_TRUE(grid(w)->viewport()->rect().intersects(grid(w)->visualRect(longRow)));
+    EXPECT_TRUE(w.control(kIdStop)->isEnabled());
+
+    const auto asked = std::chrono::steady_clock::now();
+    static_cast<QPushButton*>(w.control(kIdStop))->click();
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(4));
+    EXPECT_EQ(w.controller().state(), RunState::Idle);
+    EXPECT_FALSE(w.controller().busy());
+    EXPECT_EQ(statusCell(w), QString("Stopped"));
+    EXPECT_FALSE(w.control(kIdStop)->isEnabled());
+    EXPECT_TRUE(longRow.data().toString().isEmpty());
+    EXPECT_FALSE(longRow.data(Qt::FontRole).isValid());
+    for (std::size_t row = 0; row < w.taskList().size(); ++row) {
+        EXPECT_EQ(w.taskList().item(row).finished(), row < 15) << row;
+    }
+    w.command(kIdCheckAll); // goes on where it stopped
+    ASSERT_TRUE(QTest::qWaitFor([&] { return statusCell(w) == QString("Working..."); }));
+    EXPECT_EQ(longRow.data().toString(), QString("16 of 17"));
+}
+
+TEST_F(MainWindowTest, CheckLevelOptionIsStoredAndChecksAtIt)
+{
+    MainWindow w;
+    w.taskList().AppendFromCommandLine(test::testClip("h264_aac.mp4").string());
+    w.start();
+    QMenu* options = static_cast<QPushButton*>(w.control(kIdOptionsButton))->menu();
+    for (const int level : {1, 4, 2}) {
+        SCOPED_TRACE(level);
+        options->actions().at(level - 1)->trigger();
+        std::string stored;
+        m_store.ReadString(kSectionOptions, "Check.Level", stored);
+        EXPECT_EQ(stored, std::to_string(level));
+        for (QAction* action : options->actions()) {
+            EXPECT_EQ(action->isChecked(), action == options->actions().at(level - 1));
+        }
+        select(w, 0);
+        w.command(kIdCheckSelected);
+        ASSERT_TRUE(waitForState(w, RunState::Idle));
+        EXPECT_EQ(w.taskList().item(0).result()->checkLevel, level);
+    }
+}
+
 TEST_F(MainWindowTest, ClosingAtRandomMomentsOfACheckNeverHangs)
 {
     std::mt19937 random(20261123);
@@ -375,8 +665,10 @@ TEST_F(MainWindowTest, AClipThatCrashesItsCheckCostsThatRowOnly)
     }
     select(w, 1);
     ASSERT_EQ(tree(w)->topLevelItemCount(), 1);
-    EXPECT_EQ(tree(w)->topLevelItem(0)->child(0)->text(0).toStdString(),
+    EXPECT_EQ(tree(w)->topLevelItem(0)->child(0)->text(2).toStdString(),
               "Check process crashed: signal 11 (SIGSEGV, Segmentation fault)");
 }
 
 } // namespace
+
+#include "test_mainwindow.moc"

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/testsupport.h"
+#include "tests/ui/resultdocument.h"
 
 namespace fs = std::filesystem;
 using namespace tarvoqc;
@@ -32,24 +33,6 @@ test::ChildProcess windowProcess(const std::vector<std::string>& args, const fs:
     argv.push_back(TARVOQC_WINDOW_EXE);
     argv.insert(argv.end(), args.begin(), args.end());
     return test::ChildProcess(argv);
-}
-
-// The result document read by Python's own XML parser: one line per element of the root,
-// "Clip <path> <Hash256>" or "QCheck <Result>"; "unreadable" when it does not parse.
-std::string documentSummary(const fs::path& document)
-{
-    const char* script =
-        "import sys, xml.etree.ElementTree as ET\n"
-        "text = open(sys.argv[1], "
-        "'rb').read().decode('utf-16-le').lstrip('\\ufeff').rstrip('\\x00')\n"
-        "for e in ET.fromstring(text):\n"
-        "    if e.tag == 'Clip':\n"
-        "        f = e.find('File')\n"
-        "        print('Clip', e.get('File'), f.get('Hash256', '-') if f is not None else '-')\n"
-        "    else:\n"
-        "        print(e.tag, e.get('Result'))\n";
-    const test::CommandResult r = test::runCommand({"python3", "-c", script, document.string()});
-    return r.status == 0 ? r.out : "unreadable";
 }
 
 std::string job(const std::vector<fs::path>& clips, bool hide = false)
@@ -101,6 +84,12 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
         {{in("empty.qcin")}, false, "empty.qcout", "", false},      // stays open; closing writes it
         {{in("broken.qcin")}, false, "broken.qcout", "", false},    // does not parse: adds nothing
         {{in("x.qcin.bak"), in(".qci")}, true, nullptr, "", false}, // clips, not jobs
+        // Qt's own options are clips too: Qt never sees them
+        {{"-platform", "nosuchplatform", in("hidden.qcin")},
+         true,
+         "hidden.qcout",
+         "Clip -platform -\nQCheck 0/5 ERROR\nClip nosuchplatform -\nQCheck 0/5 ERROR\n" + hidden,
+         false},
         // Hide without a display; hidden and waiting, a close request still ends it
         {{in("hidden.qcin")}, true, "hidden.qcout", hidden, true},
         {{in("hidden-empty.qcin")}, false, "hidden-empty.qcout", "", true},
@@ -133,7 +122,7 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
             continue;
         }
         ASSERT_EQ(documents(), std::vector<std::string>{document});
-        EXPECT_EQ(documentSummary(jobs / document), summary);
+        EXPECT_EQ(test::documentSummary(jobs / document), summary);
     }
 }
 
@@ -153,7 +142,7 @@ TEST(WindowProgram, TerminationDuringALongRunWritesTheDocument)
     EXPECT_LT(Clock::now() - asked, std::chrono::milliseconds(2500));
     // Every clip listed once (the job's is a duplicate); the interrupted ones without a
     // result.
-    std::istringstream lines(documentSummary(dir / "long.qcout"));
+    std::istringstream lines(test::documentSummary(dir / "long.qcout"));
     std::size_t clips = 0;
     std::size_t results = 0;
     for (std::string line; std::getline(lines, line);) {

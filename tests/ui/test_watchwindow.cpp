@@ -73,9 +73,10 @@ TEST_F(WatchWindowTest, CreationTrayMenuAndCloseAndExit)
         EXPECT_EQ(window.trayIcon(), nullptr); // gone, or never there offscreen
         EXPECT_NE(logText(logs).find("\tExit " + window.title().toStdString()), std::string::npos);
     }
-    // Destroying the window after it ended does not log a second "Exit".
+    // Destroying the window after it ended does not log a second "Exit"; it is the last line.
     const std::string text = logText(logs);
     EXPECT_EQ(text.find("\tExit "), text.rfind("\tExit "));
+    EXPECT_EQ(text.find('\n', text.rfind("\tExit ")), std::string::npos);
 
     const QString longTitle(200, 'x');
     EXPECT_EQ(trayTip(longTitle), QString(127, 'x'));
