@@ -254,13 +254,6 @@ std::string encodeCheck(const CheckRequest& request)
     return out.finish();
 }
 
-std::string encodeStop(std::uint64_t id)
-{
-    Writer out(FrameType::Stop);
-    out.put(id);
-    return out.finish();
-}
-
 std::string encodeReady(const WorkerReady& ready)
 {
     Writer out(FrameType::Ready);
@@ -307,13 +300,6 @@ std::optional<CheckRequest> decodeCheck(std::string_view payload)
     request.decoderThreadOption = in.get<std::int32_t>();
     request.options = getOptions(in);
     return in.ok() ? std::optional(std::move(request)) : std::nullopt;
-}
-
-std::optional<std::uint64_t> decodeStop(std::string_view payload)
-{
-    Reader in(payload);
-    const auto id = in.get<std::uint64_t>();
-    return in.ok() ? std::optional(id) : std::nullopt;
 }
 
 std::optional<WorkerReady> decodeReady(std::string_view payload)

@@ -31,7 +31,6 @@ inline constexpr std::size_t kMaxFrameBytes = 64 * 1024 * 1024;
 enum class FrameType : std::uint8_t {
     // Program to worker.
     Check = 1, // a CheckRequest
-    Stop = 2,  // the request id whose check is to end at its next packet
     // Worker to program.
     Ready = 10,    // a WorkerReady, once after start
     Progress = 11, // a WorkerProgress, while a check runs
@@ -93,7 +92,6 @@ struct Frame
 
 // Builds the bytes of one frame.
 std::string encodeCheck(const CheckRequest& request);
-std::string encodeStop(std::uint64_t id);
 std::string encodeReady(const WorkerReady& ready);
 std::string encodeProgress(const WorkerProgress& progress);
 std::string encodeOpened(std::uint64_t id, const QcResult& result);
@@ -102,7 +100,6 @@ std::string encodeDone(const CheckDone& done);
 // Payload readers: nothing when the payload is malformed (short, too long, a value out of
 // range).
 std::optional<CheckRequest> decodeCheck(std::string_view payload);
-std::optional<std::uint64_t> decodeStop(std::string_view payload);
 std::optional<WorkerReady> decodeReady(std::string_view payload);
 std::optional<WorkerProgress> decodeProgress(std::string_view payload);
 std::optional<std::pair<std::uint64_t, QcResult>> decodeOpened(std::string_view payload);

@@ -1,11 +1,11 @@
 #include "batch/checkworker.h"
 
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include <poll.h>
+#include <pthread.h>
 #include <sched.h>
 #include <seccomp.h>
 #include <sys/prctl.h>
@@ -123,97 +123,55 @@ private:
     std::mutex m_lock;
 };
 
-// What the request reader and the check share.
+// The stop of the running check. The program asks for it with kWorkerStopSignal, aimed at
+// the worker's main thread; the handler only stores to it.
+std::atomic<std::int32_t> g_stop{0};
+
+void onStopSignal(int /*signal*/)
+{
+    g_stop.store(1);
+}
+
+// What the check and the progress sampler share.
 struct Shared
 {
     std::mutex lock;
     std::condition_variable changed;
-    std::deque<CheckRequest> queue;
-    bool closed = false;
-    // The check in progress (under lock): its request id and its checker, for Stop and
-    // for sampling progress; 0 and null between checks.
+    bool closing = false;
+    // The check in progress (under lock): its request id and its checker; 0 and null
+    // between checks.
     std::uint64_t currentId = 0;
     const ClipChecker* current = nullptr;
-    // The last request a Stop named that had not started yet: it starts stopped.
-    std::uint64_t stoppedId = 0;
     // The request whose open has ended, and the one whose Opened message went out.
     std::uint64_t openDone = 0;
     std::uint64_t openedSent = 0;
-    std::atomic<std::int32_t> stop{0};
 };
 
-// The reader thread: takes requests and stops off the socket and, while a check runs,
-// sends its progress whenever it moved. When the parent goes away mid-check, the process
-// ends at once: nobody is left to want the result.
-void readRequests(int fd, Channel& channel, Shared& shared)
+// The progress sampler: while a check runs it looks at it every 50 ms and sends its
+// progress when it moved (and, once, what the check knows so far). When the program that
+// started the worker has gone, the worker ends at once: nobody is left to want the result.
+void sampleProgress(Channel& channel, Shared& shared, pid_t parent)
 {
-    FrameReader reader;
-    std::vector<char> buffer(64 * 1024);
     WorkerProgress last;
-    for (;;) {
-        pollfd entry = {fd, POLLIN, 0};
-        const int ready = ::poll(&entry, 1, kProgressPeriodMs);
-        if (ready > 0) {
-            const ssize_t n = ::recv(fd, buffer.data(), buffer.size(), 0);
-            if (n < 0 && (errno == EINTR || errno == EAGAIN)) {
-                continue;
-            }
-            if (n <= 0) {
-                const std::lock_guard lock(shared.lock);
-                if (shared.current != nullptr) {
-                    ::_exit(kWorkerExitNormal);
-                }
-                shared.closed = true;
-                shared.changed.notify_all();
-                return;
-            }
-            reader.append(buffer.data(), static_cast<std::size_t>(n));
-            while (const auto frame = reader.next()) {
-                if (frame->type == FrameType::Check) {
-                    auto request = decodeCheck(frame->payload);
-                    if (!request) {
-                        ::_exit(kWorkerExitProtocol);
-                    }
-                    const std::lock_guard lock(shared.lock);
-                    shared.queue.push_back(std::move(*request));
-                    shared.changed.notify_all();
-                } else if (frame->type == FrameType::Stop) {
-                    const auto id = decodeStop(frame->payload);
-                    if (!id) {
-                        ::_exit(kWorkerExitProtocol);
-                    }
-                    const std::lock_guard lock(shared.lock);
-                    if (*id == shared.currentId) {
-                        shared.stop.store(1);
-                    } else {
-                        shared.stoppedId = *id;
-                    }
-                } else {
-                    ::_exit(kWorkerExitProtocol);
-                }
-            }
-            if (reader.broken()) {
-                ::_exit(kWorkerExitProtocol);
-            }
+    std::unique_lock lock(shared.lock);
+    while (!shared.closing) {
+        shared.changed.wait_for(lock, std::chrono::milliseconds(kProgressPeriodMs));
+        if (::getppid() != parent) {
+            ::_exit(kWorkerExitNormal);
         }
-        WorkerProgress now;
-        std::string opened;
-        {
-            const std::lock_guard lock(shared.lock);
-            if (shared.current == nullptr) {
-                continue;
-            }
-            now = {shared.currentId, shared.current->ClipProgress(), shared.current->activity()};
-            // What the check knows so far goes out once it has run a while: a short check
-            // costs no second message, and a long one shows its facts (and keeps them, if
-            // the process dies) while it runs.
-            if (shared.openDone == shared.currentId && shared.openedSent != shared.currentId) {
-                shared.openedSent = shared.currentId;
-                opened = encodeOpened(shared.currentId, shared.current->result());
-            }
+        if (shared.current == nullptr) {
+            continue;
         }
-        if (!opened.empty()) {
-            channel.send(opened);
+        const WorkerProgress now{shared.currentId, shared.current->ClipProgress(),
+                                 shared.current->activity()};
+        // What the check knows so far goes out once it has run a while: a short check
+        // costs no second message, and a long one shows its facts (and keeps them, if the
+        // process dies) while it runs.
+        // Sent under the lock: the check cannot end meanwhile, so its Done is always its
+        // last message, and an idle worker never has anything left to say.
+        if (shared.openDone == shared.currentId && shared.openedSent != shared.currentId) {
+            shared.openedSent = shared.currentId;
+            channel.send(encodeOpened(shared.currentId, shared.current->result()));
         }
         if (!(now == last)) {
             last = now;
@@ -228,9 +186,10 @@ CheckDone runCheck(const CheckRequest& request, const std::vector<Fault>& faults
 {
     auto checker = std::make_unique<ClipChecker>();
     checker->setOptions(request.options);
-    checker->setInterruptFlag(&shared.stop);
+    checker->setInterruptFlag(&g_stop);
     {
         const std::lock_guard lock(shared.lock);
+        shared.currentId = request.id;
         shared.current = checker.get();
     }
     CheckDone done;
@@ -243,7 +202,7 @@ CheckDone runCheck(const CheckRequest& request, const std::vector<Fault>& faults
             shared.openDone = request.id;
         }
         if (opened) {
-            done.runCode = checker->Run(&shared.stop);
+            done.runCode = checker->Run(&g_stop);
         }
     } catch (const std::bad_alloc&) {
         ::_exit(kWorkerExitOutOfMemory);
@@ -314,42 +273,75 @@ WorkerReady restrictWorker(const WorkerConfig& config)
     return ready;
 }
 
-int serveCheckRequests(int fd, const WorkerReady& ready)
+int serveCheckRequests(int fd, const WorkerReady& ready, pid_t parent)
 {
+    // The stop only stores a flag; a blocking call it interrupts is resumed.
+    struct sigaction action = {};
+    action.sa_handler = &onStopSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    ::sigaction(kWorkerStopSignal, &action, nullptr);
+
     Channel channel(fd);
-    if (!channel.send(encodeReady(ready))) {
+    if (::getppid() != parent || !channel.send(encodeReady(ready))) {
         return kWorkerExitNormal;
     }
     const std::vector<Fault> faults = faultsFromEnvironment();
     Shared shared;
-    std::thread reader;
-    try {
-        reader = std::thread(readRequests, fd, std::ref(channel), std::ref(shared));
-    } catch (const std::system_error&) {
-        return kWorkerExitOutOfMemory;
+    std::thread sampler;
+    {
+        // The stop is meant for the thread that runs the checks, never the sampler.
+        sigset_t stop;
+        sigemptyset(&stop);
+        sigaddset(&stop, kWorkerStopSignal);
+        ::pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+        try {
+            sampler = std::thread(sampleProgress, std::ref(channel), std::ref(shared), parent);
+        } catch (const std::system_error&) {
+            return kWorkerExitOutOfMemory;
+        }
+        ::pthread_sigmask(SIG_UNBLOCK, &stop, nullptr);
     }
-    for (;;) {
-        CheckRequest request;
-        {
-            std::unique_lock lock(shared.lock);
-            shared.changed.wait(lock, [&] { return shared.closed || !shared.queue.empty(); });
-            if (shared.queue.empty()) {
+    // The requests are read here, on the thread that runs them: a request costs no hand-over
+    // between threads.
+    FrameReader reader;
+    std::vector<char> buffer(64 * 1024);
+    int status = kWorkerExitNormal;
+    for (bool open = true; open;) {
+        const ssize_t n = ::recv(fd, buffer.data(), buffer.size(), 0);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break; // the program closed its end
+        }
+        reader.append(buffer.data(), static_cast<std::size_t>(n));
+        while (const auto frame = reader.next()) {
+            const auto request =
+                frame->type == FrameType::Check ? decodeCheck(frame->payload) : std::nullopt;
+            if (!request) {
+                status = kWorkerExitProtocol;
+                open = false;
                 break;
             }
-            request = std::move(shared.queue.front());
-            shared.queue.pop_front();
-            // A stop sent for an earlier request never reaches this one.
-            shared.stop.store(request.id == shared.stoppedId ? 1 : 0);
-            shared.currentId = request.id;
+            // A stop sent for an earlier check arrived before this request was read: it
+            // never reaches this one.
+            g_stop.store(0);
+            const CheckDone done = runCheck(*request, faults, ready.memoryLimited, shared);
+            if (!channel.send(encodeDone(done))) {
+                open = false;
+                break;
+            }
         }
-        const CheckDone done = runCheck(request, faults, ready.memoryLimited, shared);
-        if (!channel.send(encodeDone(done))) {
-            break;
-        }
+        open = open && !reader.broken();
     }
-    ::shutdown(fd, SHUT_RDWR); // ends the reader's wait if the parent has not closed yet
-    reader.join();
-    return kWorkerExitNormal;
+    {
+        const std::lock_guard lock(shared.lock);
+        shared.closing = true;
+    }
+    shared.changed.notify_all();
+    sampler.join();
+    return status;
 }
 
 } // namespace tarvoqc

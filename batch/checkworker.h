@@ -38,12 +38,18 @@ inline constexpr int kWorkerExitProtocol = 66;    // the parent sent something u
 // start.
 WorkerReady restrictWorker(const WorkerConfig& config);
 
-// Serves requests on fd until the parent closes its end; returns the process's exit
-// status (kWorkerExit...). Sends Ready first, then for each Check request: once it has run
-// for about 50 ms Opened (what the check knows by then) and Progress (at most every 50 ms,
-// only when something moved), and Done at the end. A Stop for the running request ends
-// its check at the next packet.
-int serveCheckRequests(int fd, const WorkerReady& ready);
+// Serves requests on fd until the program (process parent) closes its end; returns the
+// process's exit status (kWorkerExit...). Sends Ready first, then for each Check request:
+// once it has run for about 50 ms Opened (what the check knows by then) and Progress (at
+// most every 50 ms, only when something moved), and Done at the end. kWorkerStopSignal
+// sent to the worker's main thread ends the running check at its next packet, as the stop
+// flag does in the program's own process; a stop that arrives between checks is dropped
+// when the next request is read. A worker whose program has gone ends at once, also in
+// the middle of a check.
+int serveCheckRequests(int fd, const WorkerReady& ready, pid_t parent);
+
+// The signal that stops the running check (see serveCheckRequests).
+inline constexpr int kWorkerStopSignal = 10; // SIGUSR1
 
 // Test-only fault seam: the environment variable TARVOQC_WORKER_FAULT holds rules
 // "kind:marker[,kind:marker...]"; a request whose path contains a marker meets its fault

@@ -15,6 +15,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -376,8 +377,10 @@ private:
         const std::string memory = std::to_string(spec.memoryLimitBytes);
         const std::string priority = std::to_string(spec.priority);
         const std::string fd = std::to_string(kWorkerFd);
-        const char* argv[] = {program.c_str(), "--fd",       fd.c_str(),       "--memory",
-                              memory.c_str(),  "--priority", priority.c_str(), nullptr};
+        const std::string parent = std::to_string(::getpid());
+        const char* argv[] = {program.c_str(),  "--fd",     fd.c_str(),     "--parent",
+                              parent.c_str(),   "--memory", memory.c_str(), "--priority",
+                              priority.c_str(), nullptr};
 
         posix_spawn_file_actions_t actions;
         ::posix_spawn_file_actions_init(&actions);
@@ -574,12 +577,15 @@ CheckOutcome IsolatedCheck::relay(WorkerProcess& worker, const std::atomic<std::
     StallClock stall(worker.pid());
     std::uint64_t activity = 0;
     bool stopSent = false;
+    const pid_t pid = worker.pid();
     for (;;) {
         if (m_abort.load()) {
             return {CheckEnd::Aborted, 0, {}};
         }
         if (!stopSent && stop != nullptr && stop->load() != 0) {
-            stopSent = worker.send(encodeStop(m_request.id));
+            // To the thread that runs the check: it is then sure to see the stop before it
+            // reads another request. The worker is this check's until its Done arrives.
+            stopSent = ::syscall(SYS_tgkill, pid, pid, kWorkerStopSignal) == 0;
         }
         pollfd entry = {worker.fd(), POLLIN, 0};
         if (::poll(&entry, 1, static_cast<int>(kPollPeriod.count())) > 0) {

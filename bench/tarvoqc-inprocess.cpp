@@ -1,10 +1,12 @@
 // The reference of bench/isolation.sh: the same checks as tarvoqc-check, run in this
 // process the way every check ran before it moved into worker processes (a thread per
-// clip, ClipChecker's Open, Run and Close on it, up to --jobs at once). It prints only the
+// clip, ClipChecker's Open, Run and Close on it, up to --jobs at once, with the decoder
+// threads tarvoqc-check chooses). It prints only the
 // summary; it exists to weigh what the process boundary costs.
 //
 //   tarvoqc-inprocess [-jN] [-lN] CLIP... | @LIST   (LIST: a file of paths, one a line)
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <fstream>
@@ -36,6 +38,13 @@ int main(int argc, char** argv)
             paths.push_back(arg);
         }
     }
+    // The decoder threads tarvoqc-check gives each check: the cores divided among the clips
+    // checked at once.
+    ClipCheckOptions options;
+    const std::size_t cores = std::max(1U, std::thread::hardware_concurrency());
+    const std::size_t running =
+        std::clamp<std::size_t>(paths.size(), 1, static_cast<std::size_t>(jobs));
+    options.decoderThreads = static_cast<int>(std::max<std::size_t>(1, cores / running));
     std::atomic<std::size_t> next{0};
     std::atomic<std::size_t> below{0};
     std::vector<QcResult> results(paths.size());
@@ -47,6 +56,7 @@ int main(int argc, char** argv)
                 std::thread([&, i] {
                     const std::atomic<std::int32_t> stop{0};
                     ClipChecker checker;
+                    checker.setOptions(options);
                     checker.setInterruptFlag(&stop);
                     if (checker.Open(paths[i], level, -1)) {
                         checker.Run(&stop);

@@ -60,25 +60,27 @@ int main(int argc, char** argv)
         return probe();
     }
     int fd = -1;
+    pid_t parent = 0;
     WorkerConfig config;
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string_view option(argv[i]);
         const bool ok = option == "--fd"         ? parseNumber(argv[i + 1], fd)
                         : option == "--memory"   ? parseNumber(argv[i + 1], config.memoryLimitBytes)
                         : option == "--priority" ? parseNumber(argv[i + 1], config.priority)
+                        : option == "--parent"   ? parseNumber(argv[i + 1], parent)
                                                  : false;
         if (!ok) {
             fd = -1;
             break;
         }
     }
-    if (fd < 0 || argc % 2 != 1) {
+    if (fd < 0 || parent <= 0 || argc % 2 != 1) {
         std::fputs(
-            "usage: tarvoqc-worker --fd N [--memory BYTES] [--priority N]\n"
+            "usage: tarvoqc-worker --fd N --parent PID [--memory BYTES] [--priority N]\n"
             "       tarvoqc-worker --probe\n"
             "Checks clips for the other TarvoQC programs; not meant to be started by hand.\n",
             stderr);
         return kWorkerExitUsage;
     }
-    return serveCheckRequests(fd, restrictWorker(config));
+    return serveCheckRequests(fd, restrictWorker(config), parent);
 }
