@@ -42,6 +42,18 @@ constexpr double kSilentPeak = 0.001;
 // Full-scale samples in a row from which the sound counts as clipped.
 constexpr int kClipRun = 3;
 
+// What the sound detectors are given at most. ebur128 allocates, when its graph is
+// configured, the last 3 s of every channel (its short-term window) and a true-peak
+// resampler: a header that claims an absurd rate or channel count makes it ask for
+// gigabytes, the allocation fails inside the configuration, and the library's own teardown
+// of that half-configured filter then reads a null pointer. Such sound is not handed to the
+// detectors at all. The limits take every real rate (8 kHz telephone to 768 kHz) and up
+// to 64 channels, with at most about 80 MB of detector state (32 channels at 96 kHz).
+constexpr int kMinDetectorRate = 1000;
+constexpr int kMaxDetectorRate = 768000;
+constexpr int kMaxDetectorChannels = 64;
+constexpr std::int64_t kMaxDetectorSamplesPerSecond = 32LL * 96000;
+
 // "By run": a run at the stream's start or end is a lead-in or lead-out.
 Sev severityOfRun(ClipTicks length, bool atEdge)
 {
@@ -137,15 +149,48 @@ ContentChecks::ContentChecks(ClipChecker& owner, int streamIndex, AVMediaType ty
 
 ContentChecks::~ContentChecks() = default;
 
+std::string ContentChecks::describeFormat(const AVFrame& frame) const
+{
+    char text[128];
+    if (m_type == AVMEDIA_TYPE_VIDEO) {
+        const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(frame.format));
+        std::snprintf(text, sizeof text, "Picture checks skipped: %dx%d %s", frame.width,
+                      frame.height, name != nullptr ? name : "of no known format");
+    } else {
+        std::snprintf(text, sizeof text, "Sound checks skipped: %d channels at %d Hz",
+                      frame.ch_layout.nb_channels, frame.sample_rate);
+    }
+    return text;
+}
+
 ClipTicks ContentChecks::toTicks(std::int64_t time) const
 {
     return rescaleTime(time, {m_timeBase.num, m_timeBase.den}, kClipTimeBase);
 }
 
+bool ContentChecks::detectorsTake(const AVFrame& frame) const
+{
+    if (m_type == AVMEDIA_TYPE_VIDEO) {
+        const AVPixFmtDescriptor* pixels =
+            av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
+        return pixels != nullptr &&
+               (pixels->flags & (AV_PIX_FMT_FLAG_HWACCEL | AV_PIX_FMT_FLAG_BITSTREAM)) == 0 &&
+               frame.width > 0 && frame.height > 0;
+    }
+    const int channels = frame.ch_layout.nb_channels;
+    return av_get_sample_fmt_name(static_cast<AVSampleFormat>(frame.format)) != nullptr &&
+           frame.sample_rate >= kMinDetectorRate && frame.sample_rate <= kMaxDetectorRate &&
+           channels > 0 && channels <= kMaxDetectorChannels &&
+           std::int64_t{frame.sample_rate} * channels <= kMaxDetectorSamplesPerSecond;
+}
+
 bool ContentChecks::buildGraph(const AVFrame& frame)
 {
+    if (!m_in || !m_out || !detectorsTake(frame)) {
+        return false;
+    }
     m_graph.reset(avfilter_graph_alloc());
-    if (!m_graph || !m_in || !m_out) {
+    if (!m_graph) {
         return false;
     }
     m_graph->nb_threads = m_threads;
@@ -160,10 +205,9 @@ bool ContentChecks::buildGraph(const AVFrame& frame)
         m_width = frame.width;
         m_height = frame.height;
     } else {
-        const char* formatName = av_get_sample_fmt_name(static_cast<AVSampleFormat>(frame.format));
         int n = std::snprintf(args, sizeof args, "time_base=%d/%d:sample_rate=%d:sample_fmt=%s",
                               m_timeBase.num, m_timeBase.den, frame.sample_rate,
-                              formatName != nullptr ? formatName : "none");
+                              av_get_sample_fmt_name(static_cast<AVSampleFormat>(frame.format)));
         // The detectors need a layout: channels without one (a plain WAV) are taken in the
         // default layout of their number.
         AVChannelLayout known{};
@@ -202,11 +246,24 @@ bool ContentChecks::buildGraph(const AVFrame& frame)
         if (avfilter_graph_create_filter(&filter, avfilter_get_by_name(stage.name), stage.name,
                                          stage.args, nullptr, graph) < 0 ||
             avfilter_link(previous, 0, filter, 0) < 0) {
-            return false;
+            return false; // filters made but never configured: the graph frees them safely
         }
         previous = filter;
     }
-    return avfilter_link(previous, 0, m_sink, 0) >= 0 && avfilter_graph_config(graph, nullptr) >= 0;
+    if (avfilter_link(previous, 0, m_sink, 0) < 0) {
+        return false;
+    }
+    if (avfilter_graph_config(graph, nullptr) < 0) {
+        // A filter whose configuration failed half-way may not survive its own teardown
+        // (ebur128 then reads what it never allocated), so this graph is never freed. The
+        // limits of detectorsTake keep this to a real shortage of memory.
+        EngineTrace(kTraceNormal, "..Stream %d: the detectors' graph is left unfreed\n", m_index);
+        static_cast<void>(m_graph.release());
+        m_source = nullptr;
+        m_sink = nullptr;
+        return false;
+    }
+    return true;
 }
 
 void ContentChecks::addFrame(const AVFrame& frame, std::int64_t time, std::int64_t duration)
@@ -249,6 +306,7 @@ void ContentChecks::addFrame(const AVFrame& frame, std::int64_t time, std::int64
         if (!buildGraph(frame)) {
             EngineTrace(kTraceNormal, "..Stream %d: the detectors could not be set up\n", m_index);
             m_detectorsFailed = true;
+            m_notMeasured = describeFormat(frame);
             m_graph.reset();
             return;
         }
@@ -429,6 +487,10 @@ void ContentChecks::finish()
             runs->push_back({*open, end});
             *open = kNoTime;
         }
+    }
+    if (!m_notMeasured.empty()) {
+        m_owner.report(m_type == AVMEDIA_TYPE_VIDEO ? Cat::Video : Cat::Audio, Sev::Warning,
+                       m_index, "%s", m_notMeasured.c_str());
     }
     if (m_type == AVMEDIA_TYPE_VIDEO) {
         reportVideo();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "engine/checkoptions.h"
@@ -47,7 +48,11 @@ private:
         ClipTicks end = kNoTime;
     };
 
+    // Whether the detectors can take frames of this format; nothing is allocated to know.
+    bool detectorsTake(const AVFrame& frame) const;
     bool buildGraph(const AVFrame& frame);
+    // The issue text for a stream whose frames the detectors could not take.
+    std::string describeFormat(const AVFrame& frame) const;
     // Feeds one frame (null: the end) and reads every frame the detectors give back.
     void pushToDetectors(const AVFrame* frame, std::int64_t time);
     void readMetadata(const AVFrame& frame);
@@ -73,6 +78,7 @@ private:
     av::FramePtr m_in;
     av::FramePtr m_out;
     bool m_detectorsFailed = false;
+    std::string m_notMeasured; // why the detectors never ran, as issue text; empty when they did
     bool m_finished = false;
     // What the graph was built for; a frame that differs stops the detectors.
     int m_width = 0;

@@ -77,6 +77,10 @@ TEST(ContentChecks, PictureAndSoundFaultsOfLevel4)
          {audio(High, "Clipped sound: 263 samples at full scale, first at 1.00"),
           audio(Low, "True peak 0.3 dBTP over the limit of -1.0 dBTP")}},
         {"l4_clean_fades.mp4", d, {}},
+        // A header's absurd rate never reaches the detectors (their set-up crashed on it).
+        {"absurd_rate.wav",
+         d,
+         {audio(Warning, "Sound checks skipped: 2 channels at 134225728 Hz")}},
     };
     for (const auto& [clip, options, issues] : cases) {
         SCOPED_TRACE(clip);

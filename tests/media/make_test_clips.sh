@@ -169,6 +169,10 @@ patch_wav() { # NAME OFFSET VALUE
 }
 patch_wav zero_channels.wav 22 0
 patch_wav bits33.wav 34 33
+# The same WAV claiming 134225728 samples a second (bytes 24..27), cut to 16 KiB.
+[[ -e "$out/absurd_rate.wav" ]] || perl -e 'local $/; open my $f, "<:raw", $ARGV[0] or die;
+    my $d = <$f>; substr($d, 24, 4) = pack("V", 134225728); print substr($d, 0, 16384)' \
+    "$out/pcm.wav" >"$out/.tmp.absurd_rate.wav" && mv "$out/.tmp.absurd_rate.wav" "$out/absurd_rate.wav"
 
 # A longer clip, so that a check can be stopped while it is still reading.
 make long.ts -f lavfi -i "$(video 30 720x576)" -f lavfi -i "$(tone 30)" \
