@@ -156,9 +156,8 @@ int ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
         return -10;
     }
     if (checkLevel >= 4 && isVideoOrAudio()) {
-        m_content =
-            std::make_unique<ContentChecks>(m_owner, m_index, params->codec_type, stream->time_base,
-                                            m_streamStart, m_owner.m_options, threads);
+        m_content = std::make_unique<ContentChecks>(m_owner, m_index, *m_context, stream->time_base,
+                                                    m_streamStart, m_owner.m_options, threads);
     }
     return 0;
 }

@@ -111,15 +111,28 @@ bool metadataNumber(const AVFrame& frame, const char* key, double& out)
     return true;
 }
 
-// Full scale of each sample format, and the magnitude of a sample as a fraction of it.
-template <typename T> bool fullScale(T v)
+// The full scale of a sample format whose samples hold `bits` significant bits (0 or more
+// than the format has: all of them). Integer samples of fewer bits are left-aligned, so a
+// 24-bit sample's positive full scale in 32 bits is 0x7FFFFF00, not the type's maximum.
+template <typename T> struct FullScale
+{
+    T high;
+    T low;
+    bool reached(T v) const { return v >= high || v <= low; }
+};
+template <typename T> FullScale<T> fullScaleOf(int bits)
 {
     if constexpr (std::is_floating_point_v<T>) {
-        return std::fabs(v) >= 1.0;
+        return {T{1}, T{-1}};
     } else if constexpr (std::is_same_v<T, std::uint8_t>) {
-        return v == 0 || v == 255;
+        return {255, 0};
     } else {
-        return v == std::numeric_limits<T>::max() || v == std::numeric_limits<T>::min();
+        using Unsigned = std::make_unsigned_t<T>;
+        constexpr int width = std::numeric_limits<T>::digits + 1;
+        const int unused = bits > 0 && bits < width ? width - bits : 0;
+        const auto high = static_cast<Unsigned>(std::numeric_limits<T>::max()) &
+                          static_cast<Unsigned>(~((Unsigned{1} << unused) - 1));
+        return {static_cast<T>(high), std::numeric_limits<T>::min()};
     }
 }
 template <typename T> double magnitude(T v)
@@ -136,11 +149,12 @@ template <typename T> double magnitude(T v)
 
 } // namespace
 
-ContentChecks::ContentChecks(ClipChecker& owner, int streamIndex, AVMediaType type,
+ContentChecks::ContentChecks(ClipChecker& owner, int streamIndex, const AVCodecContext& decoder,
                              AVRational timeBase, std::int64_t streamStart,
                              const ClipCheckOptions& options, int threads)
-    : m_owner(owner), m_index(streamIndex), m_type(type), m_timeBase(timeBase), m_options(options),
-      m_threads(threads), m_in(av_frame_alloc()), m_out(av_frame_alloc())
+    : m_owner(owner), m_index(streamIndex), m_type(decoder.codec_type), m_decoder(decoder),
+      m_timeBase(timeBase), m_options(options), m_threads(threads), m_in(av_frame_alloc()),
+      m_out(av_frame_alloc())
 {
     if (streamStart != kNoTime) {
         m_origin = toTicks(streamStart);
@@ -415,6 +429,7 @@ void ContentChecks::countClipping(const AVFrame& frame, ClipTicks time)
     const auto format = static_cast<AVSampleFormat>(frame.format);
     const bool planar = av_sample_fmt_is_planar(format) != 0;
     const auto scan = [&]<typename T>(T) {
+        const FullScale<T> full = fullScaleOf<T>(m_decoder.bits_per_raw_sample);
         for (int c = 0; c < channels; ++c) {
             const T* data = reinterpret_cast<const T*>(frame.extended_data[planar ? c : 0]);
             const int step = planar ? 1 : channels;
@@ -423,7 +438,7 @@ void ContentChecks::countClipping(const AVFrame& frame, ClipTicks time)
             for (int i = 0; i < samples; ++i) {
                 const T v = data[offset + i * step];
                 m_samplePeak = std::max(m_samplePeak, magnitude(v));
-                if (!fullScale(v)) {
+                if (!full.reached(v)) {
                     run = 0;
                     continue;
                 }

@@ -23,11 +23,13 @@ class ClipChecker;
 class ContentChecks
 {
 public:
-    // timeBase: the stream's; streamStart: the container stream's start in it (kNoTime:
-    // the first frame counts as the start). threads: the detector graph's threads (0: the
-    // library's choice).
-    ContentChecks(ClipChecker& owner, int streamIndex, AVMediaType type, AVRational timeBase,
-                  std::int64_t streamStart, const ClipCheckOptions& options, int threads);
+    // decoder: the open decoder whose frames these are (its kind, and the real sample depth
+    // of the sound); it must outlive this object. timeBase: the stream's; streamStart: the
+    // container stream's start in it (kNoTime: the first frame counts as the start).
+    // threads: the detector graph's threads (0: the library's choice).
+    ContentChecks(ClipChecker& owner, int streamIndex, const AVCodecContext& decoder,
+                  AVRational timeBase, std::int64_t streamStart, const ClipCheckOptions& options,
+                  int threads);
     virtual ~ContentChecks();
     ContentChecks(const ContentChecks&) = delete;
     ContentChecks& operator=(const ContentChecks&) = delete;
@@ -67,6 +69,7 @@ private:
     ClipChecker& m_owner;
     const int m_index;
     const AVMediaType m_type;
+    const AVCodecContext& m_decoder;
     const AVRational m_timeBase;
     const ClipCheckOptions m_options;
     const int m_threads;

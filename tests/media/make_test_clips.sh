@@ -185,9 +185,9 @@ picture() { # NAME FILTERS [SECONDS]: a picture clip with the filters applied to
     make "$1" -f lavfi -i "testsrc2=size=320x180:rate=25:duration=${3:-4},$2" \
         -c:v mpeg2video -q:v 4 -g 100 -bf 0 -f mov
 }
-sound() { # NAME EXPRESSION [SECONDS]: a mono PCM clip of the expression over t
+sound() { # NAME EXPRESSION [SECONDS] [CODEC]: a mono PCM clip of the expression over t
     make "$1" -f lavfi -i "aevalsrc=exprs='$2':sample_rate=48000:duration=${3:-6}" \
-        -c:a pcm_s16le -f mov
+        -c:a "${4:-pcm_s16le}" -f mov
 }
 black() { echo "drawbox=t=fill:c=black:enable='between(n,$1,$2)'"; }
 picture l4_black_middle.mov "$(black 25 74)"  # 2.00 s from 1.00
@@ -202,7 +202,11 @@ sound l4_quiet.mov "0.03162*sin(2*PI*1000*t)"           # -33 LUFS
 sound l4_within.mov "0.1110*sin(2*PI*1000*t)"           # -22.1 LUFS: just within target + tolerance
 sound l4_over.mov "0.1136*sin(2*PI*1000*t)"             # -21.9 LUFS: just over it
 # A hundredth of a second of a sine at 1.5 times full scale, cut flat by the 16-bit samples.
-sound l4_clipped.mov "if(between(t,1,1.01),max(-1,min(1,1.5*sin(2*PI*440*t))),0.1*sin(2*PI*1000*t))"
+# The same in 24-bit and in float samples.
+clipped="if(between(t,1,1.01),max(-1,min(1,1.5*sin(2*PI*440*t))),0.1*sin(2*PI*1000*t))"
+sound l4_clipped.mov "$clipped"
+sound l4_clipped_s24.mov "$clipped" 6 pcm_s24le
+sound l4_clipped_f32.mov "$clipped" 6 pcm_f32le
 # A tone with a second, silent track.
 make l4_silent_track.mov -f lavfi -i "aevalsrc=exprs='0.1*sin(2*PI*1000*t)':sample_rate=48000:duration=4" \
     -f lavfi -i "anullsrc=r=48000:cl=mono:d=4" -map 0 -map 1 -c:a pcm_s16le -f mov
