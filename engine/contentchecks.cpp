@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <limits>
 #include <span>
+#include <tuple>
 #include <type_traits>
 
 #include "engine/clipchecker.h"
@@ -41,6 +42,18 @@ constexpr ClipTicks kEdgeSlack = kSecond / 100;
 constexpr double kSilentPeak = 0.001;
 // Full-scale samples in a row from which the sound counts as clipped.
 constexpr int kClipRun = 3;
+
+// Integrated loudness is judged only on a programme of 3 s or more: the loudness meter's
+// short-term window. Shorter sound (a stinger, a test excerpt, a track file of a few frames)
+// gives the measure only a handful of overlapping 400 ms blocks, ruled by its first and last
+// moments, and a short-term loudness it never fills, so no delivery rule can be held to it.
+constexpr double kShortestJudgedSeconds = 3.0;
+// Programmes under this length are short-form: a broadcast rule may add its limits on the
+// highest short-term and momentary loudness.
+constexpr double kShortFormBelowSeconds = 30.0;
+// The loudness measure's absolute gate: a programme none of whose 400 ms blocks reaches it
+// has no integrated loudness at all (ebur128 then shows the gate itself, -70 LUFS).
+constexpr double kAbsoluteGate = -70.0;
 
 // What the sound detectors are given at most. ebur128 allocates, when its graph is
 // configured, the last 3 s of every channel (its short-term window) and a true-peak
@@ -348,6 +361,9 @@ void ContentChecks::pushToDetectors(const AVFrame* frame, std::int64_t time)
             return;
         }
         m_in->pts = time;
+        if (m_type == AVMEDIA_TYPE_AUDIO) {
+            m_measuredSamples += frame->nb_samples;
+        }
         rc = av_buffersrc_add_frame_flags(m_source, m_in.get(), 0);
         av_frame_unref(m_in.get());
     } else {
@@ -410,6 +426,12 @@ void ContentChecks::readMetadata(const AVFrame& frame)
     if (metadataNumber(frame, "lavfi.r128.I", seconds)) {
         m_integrated = seconds;
         m_haveIntegrated = true;
+    }
+    if (metadataNumber(frame, "lavfi.r128.M", seconds)) {
+        m_maxMomentary = std::max(m_maxMomentary, seconds);
+    }
+    if (metadataNumber(frame, "lavfi.r128.S", seconds)) {
+        m_maxShortTerm = std::max(m_maxShortTerm, seconds);
     }
     if (metadataNumber(frame, "lavfi.r128.true_peak", seconds)) {
         m_truePeak = seconds;
@@ -553,6 +575,47 @@ void ContentChecks::reportVideo()
     reportRuns(m_damaged, 1, "Damaged picture for %s sec from %s (concealed by the decoder)", true);
 }
 
+void ContentChecks::reportLoudness()
+{
+    const bool rule = m_options.loudnessRule;
+    // Without a rule chosen, loudness is information: said, but never more than a Warning.
+    const auto graded = [rule](Sev severity) { return rule ? severity : Sev::Warning; };
+    const double seconds =
+        m_sampleRate > 0 ? static_cast<double>(m_measuredSamples) / m_sampleRate : 0.0;
+    if (m_haveIntegrated && m_maxMomentary >= kAbsoluteGate && seconds >= kShortestJudgedSeconds) {
+        const double excess =
+            std::fabs(m_integrated - m_options.loudnessTarget) - m_options.loudnessTolerance;
+        if (excess > 0.0) {
+            m_owner.report(Cat::Audio, graded(severityOfExcess(excess)), m_index,
+                           "Loudness %.1f LUFS, target %.1f LUFS +/- %.1f LU", m_integrated,
+                           m_options.loudnessTarget, m_options.loudnessTolerance);
+        }
+        if (rule && seconds < kShortFormBelowSeconds) {
+            for (const auto& [measured, limit, format] :
+                 {std::tuple{
+                      m_maxShortTerm, m_options.shortFormMaxShortTerm,
+                      "Short-term loudness %.1f LUFS over the short-form limit of %.1f LUFS"},
+                  std::tuple{
+                      m_maxMomentary, m_options.shortFormMaxMomentary,
+                      "Momentary loudness %.1f LUFS over the short-form limit of %.1f LUFS"}}) {
+                if (limit && measured > *limit) {
+                    m_owner.report(Cat::Audio, severityOfExcess(measured - *limit), m_index, format,
+                                   measured, *limit);
+                }
+            }
+        }
+    }
+    // A true peak is a property of the samples, measured over any length.
+    if (m_truePeak > 0.0) {
+        const double decibels = 20.0 * std::log10(m_truePeak);
+        if (decibels > m_options.truePeakLimit) {
+            m_owner.report(Cat::Audio, graded(Sev::Low), m_index,
+                           "True peak %.1f dBTP over the limit of %.1f dBTP", decibels,
+                           m_options.truePeakLimit);
+        }
+    }
+}
+
 void ContentChecks::reportAudio()
 {
     if (m_sampleCount > 0 && m_samplePeak < kSilentPeak) {
@@ -560,23 +623,7 @@ void ContentChecks::reportAudio()
         return;
     }
     reportRuns(m_silence, kMinSilence, "Silence for %s sec from %s", false);
-    if (m_haveIntegrated) {
-        const double excess =
-            std::fabs(m_integrated - m_options.loudnessTarget) - m_options.loudnessTolerance;
-        if (excess > 0.0) {
-            m_owner.report(Cat::Audio, severityOfExcess(excess), m_index,
-                           "Loudness %.1f LUFS, target %.1f LUFS +/- %.1f LU", m_integrated,
-                           m_options.loudnessTarget, m_options.loudnessTolerance);
-        }
-    }
-    if (m_truePeak > 0.0) {
-        const double decibels = 20.0 * std::log10(m_truePeak);
-        if (decibels > m_options.truePeakLimit) {
-            m_owner.report(Cat::Audio, Sev::Low, m_index,
-                           "True peak %.1f dBTP over the limit of %.1f dBTP", decibels,
-                           m_options.truePeakLimit);
-        }
-    }
+    reportLoudness();
     if (m_clipped > 0) {
         m_owner.report(Cat::Audio, Sev::High, m_index,
                        "Clipped sound: %d samples at full scale, first at %s",

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -63,6 +64,7 @@ private:
 
     void reportVideo();
     void reportAudio();
+    void reportLoudness();
     void reportRuns(const std::vector<Run>& runs, ClipTicks minimum, const char* format,
                     bool damaged);
 
@@ -105,8 +107,11 @@ private:
 
     double m_integrated = 0.0;
     bool m_haveIntegrated = false;
-    double m_truePeak = -1.0;  // linear, below 0 when none was measured
-    double m_samplePeak = 0.0; // linear, of the samples as decoded
+    double m_maxMomentary = -HUGE_VAL;  // LUFS, highest of the 400 ms blocks
+    double m_maxShortTerm = -HUGE_VAL;  // LUFS, highest of the 3 s windows
+    std::int64_t m_measuredSamples = 0; // per channel, given to the loudness meter
+    double m_truePeak = -1.0;           // linear, below 0 when none was measured
+    double m_samplePeak = 0.0;          // linear, of the samples as decoded
     std::int64_t m_sampleCount = 0;
     std::vector<int> m_fullScaleRun; // per channel: full-scale samples in a row so far
     std::int64_t m_clipped = 0;

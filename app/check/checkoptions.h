@@ -20,6 +20,9 @@ struct CheckOptions
     double loudnessTarget = -23.0;  // LUFS
     double loudnessTolerance = 1.0; // LU
     double truePeakLimit = -1.0;    // dBTP
+    // Whether any of the three was given: they are then a delivery rule that grades
+    // loudness, the others keeping their defaults; otherwise loudness is information.
+    bool loudnessRule = false;
     bool quiet = false;
     bool version = false;
     bool help = false;

@@ -274,6 +274,7 @@ int main(int argc, char** argv)
     runOptions.check.loudnessTarget = options->loudnessTarget;
     runOptions.check.loudnessTolerance = options->loudnessTolerance;
     runOptions.check.truePeakLimit = options->truePeakLimit;
+    runOptions.check.loudnessRule = options->loudnessRule;
     RunController controller(list, runOptions);
     controller.CheckAll(); // an empty list (a job without clips) stays idle
 

@@ -47,8 +47,11 @@ Findings check(const std::string& name, CheckLevel level, const ClipCheckOptions
 TEST(ContentChecks, PictureAndSoundFaultsOfLevel4)
 {
     using enum QcSeverity;
-    const ClipCheckOptions d; // the defaults
-    const ClipCheckOptions loud{-8.0, 1.0, -10.0, 0};
+    const ClipCheckOptions d; // the defaults: loudness is information
+    ClipCheckOptions r128;    // the same limits as a delivery rule
+    r128.loudnessRule = true;
+    const ClipCheckOptions loud{-8.0, 1.0, -10.0, 0, true};
+    const ClipCheckOptions shortForm{-8.0, 1.0, 0.0, 0, true, -20.0, -15.0};
     const auto video = [](Sev sev, const char* text) {
         return ExpectedIssue{Cat::Video, sev, 0, text};
     };
@@ -67,23 +70,34 @@ TEST(ContentChecks, PictureAndSoundFaultsOfLevel4)
          {video(Low, "Damaged picture for 0.04 sec from 1.72 (concealed by the decoder)")}},
         {"l4_silent_gap.mov", d, {audio(High, "Silence for 3.00 sec from 2.00")}},
         {"l4_silent_track.mov", d, {audio(Warning, "Stream is silent", 1)}},
-        {"l4_loud.mov", d, {audio(Highest, "Loudness -8.0 LUFS, target -23.0 LUFS +/- 1.0 LU")}},
+        {"l4_loud.mov", d, {audio(Warning, "Loudness -8.0 LUFS, target -23.0 LUFS +/- 1.0 LU")}},
+        {"l4_loud.mov", r128, {audio(Highest, "Loudness -8.0 LUFS, target -23.0 LUFS +/- 1.0 LU")}},
         {"l4_loud.mov", loud, {audio(Low, "True peak -5.0 dBTP over the limit of -10.0 dBTP")}},
-        {"l4_quiet.mov", d, {audio(High, "Loudness -33.0 LUFS, target -23.0 LUFS +/- 1.0 LU")}},
-        {"l4_within.mov", d, {}},
-        {"l4_over.mov", d, {audio(Warning, "Loudness -21.9 LUFS, target -23.0 LUFS +/- 1.0 LU")}},
+        {"l4_loud.mov",
+         shortForm,
+         {audio(Highest, "Short-term loudness -8.0 LUFS over the short-form limit of -20.0 LUFS"),
+          audio(High, "Momentary loudness -8.0 LUFS over the short-form limit of -15.0 LUFS")}},
+        {"l4_quiet.mov", d, {audio(Warning, "Loudness -33.0 LUFS, target -23.0 LUFS +/- 1.0 LU")}},
+        {"l4_quiet.mov", r128, {audio(High, "Loudness -33.0 LUFS, target -23.0 LUFS +/- 1.0 LU")}},
+        {"l4_within.mov", r128, {}},
+        {"l4_over.mov",
+         r128,
+         {audio(Warning, "Loudness -21.9 LUFS, target -23.0 LUFS +/- 1.0 LU")}},
+        // Loudness is judged only where it was measured: on 3 s or more, with a gated block.
+        {"l4_short_loud.mov", r128, {}},
+        {"l4_clicks.mov", r128, {}},
         {"l4_clipped.mov",
-         d,
+         r128,
          {audio(High, "Clipped sound: 263 samples at full scale, first at 1.00"),
           audio(Low, "True peak 0.3 dBTP over the limit of -1.0 dBTP")}},
         {"l4_clipped_s24.mov",
          d,
          {audio(High, "Clipped sound: 263 samples at full scale, first at 1.00"),
-          audio(Low, "True peak 0.3 dBTP over the limit of -1.0 dBTP")}},
+          audio(Warning, "True peak 0.3 dBTP over the limit of -1.0 dBTP")}},
         {"l4_clipped_f32.mov",
          d,
          {audio(High, "Clipped sound: 263 samples at full scale, first at 1.00"),
-          audio(Low, "True peak 0.3 dBTP over the limit of -1.0 dBTP")}},
+          audio(Warning, "True peak 0.3 dBTP over the limit of -1.0 dBTP")}},
         {"l4_clean_fades.mp4", d, {}},
         // A header's absurd rate never reaches the detectors (their set-up crashed on it).
         {"absurd_rate.wav",

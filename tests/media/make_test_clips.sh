@@ -201,6 +201,9 @@ sound l4_loud.mov "0.5623*sin(2*PI*1000*t)"             # -8 LUFS
 sound l4_quiet.mov "0.03162*sin(2*PI*1000*t)"           # -33 LUFS
 sound l4_within.mov "0.1110*sin(2*PI*1000*t)"           # -22.1 LUFS: just within target + tolerance
 sound l4_over.mov "0.1136*sin(2*PI*1000*t)"             # -21.9 LUFS: just over it
+sound l4_short_loud.mov "0.5623*sin(2*PI*1000*t)" 2.9   # -8 LUFS, too short to judge
+# A click of -40 dBFS each second: not silent, yet no 400 ms block reaches -70 LUFS.
+sound l4_clicks.mov "0.01*lt(mod(t,1),1/48000)"
 # A hundredth of a second of a sine at 1.5 times full scale, cut flat by the 16-bit samples.
 # The same in 24-bit and in float samples.
 clipped="if(between(t,1,1.01),max(-1,min(1,1.5*sin(2*PI*440*t))),0.1*sin(2*PI*1000*t))"
