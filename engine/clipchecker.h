@@ -106,6 +106,8 @@ private:
     void checkHeader(ClipStream& stream);
     // Decoded start and end against header and clip, run at the end of Run (level 3).
     void checkDecoded(ClipStream& stream);
+    // Level 4: turns what the media libraries logged so far into issues, one per kind.
+    void reportLogged();
     // Replaces the QC duration with the latest decoded end of the checked streams.
     void correctDuration();
     // The packet loop of Run: true when it reached the end of the file.

@@ -6,6 +6,7 @@
 #include "engine/clipstream.h"
 #include "engine/ffmpeg.h"
 #include "engine/hashreader.h"
+#include "engine/medialog.h"
 
 namespace tarvoqc {
 
@@ -22,6 +23,9 @@ struct ClipSession
     ClipSession& operator=(const ClipSession&) = delete;
 
     ClipChecker& owner;
+    // Level 4: what the demuxer and the decoders log. Declared first, so that it goes last,
+    // after every context it watches.
+    std::unique_ptr<MediaLog> log;
     int fd = -1; // the demuxer's own handle on the clip
     av::IoContextPtr io;
     av::FormatContextPtr format; // declared after io: closed before it
