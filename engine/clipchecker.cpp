@@ -278,6 +278,9 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
     session.wavOrMp3 = ::strcasecmp(formatName, "wav") == 0 || ::strcasecmp(formatName, "mp3") == 0;
 
     session.packet.reset(av_packet_alloc());
+    if (m_level >= 4) {
+        session.detectors = DetectorThread::start();
+    }
     for (unsigned i = 0; i < format->nb_streams; ++i) {
         AVStream* avStream = format->streams[i];
         session.streams.push_back(std::make_unique<ClipStream>(*this, static_cast<int>(i)));

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "engine/clipstream.h"
+#include "engine/detectorthread.h"
 #include "engine/ffmpeg.h"
 #include "engine/hashreader.h"
 #include "engine/medialog.h"
@@ -36,6 +37,9 @@ struct ClipSession
     bool wavOrMp3 = false;
     // The file hash of the read pass: its own read handle, kept just behind the demuxer.
     std::unique_ptr<HashReader> hash;
+    // Level 4: the thread of the picture and sound detectors. Declared after the streams,
+    // whose checks it works for, so that it stops before they go.
+    std::unique_ptr<DetectorThread> detectors;
 
     // The media libraries read the clip through these, so that every blocking read is
     // one of our abort points and honours the interrupt and cancel flags.

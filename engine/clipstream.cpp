@@ -165,7 +165,8 @@ int ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
     }
     if (checkLevel >= 4 && isVideoOrAudio()) {
         m_content = std::make_unique<ContentChecks>(m_owner, m_index, *m_context, stream->time_base,
-                                                    m_streamStart, m_owner.m_options, threads);
+                                                    m_streamStart, m_owner.m_options, threads,
+                                                    m_owner.m_session->detectors.get());
     }
     return 0;
 }

@@ -164,10 +164,11 @@ template <typename T> double magnitude(T v)
 
 ContentChecks::ContentChecks(ClipChecker& owner, int streamIndex, const AVCodecContext& decoder,
                              AVRational timeBase, std::int64_t streamStart,
-                             const ClipCheckOptions& options, int threads)
+                             const ClipCheckOptions& options, int threads,
+                             DetectorThread* detectors)
     : m_owner(owner), m_index(streamIndex), m_type(decoder.codec_type), m_decoder(decoder),
-      m_timeBase(timeBase), m_options(options), m_threads(threads), m_in(av_frame_alloc()),
-      m_out(av_frame_alloc())
+      m_timeBase(timeBase), m_options(options), m_threads(threads), m_detectors(detectors),
+      m_in(av_frame_alloc()), m_out(av_frame_alloc())
 {
     if (streamStart != kNoTime) {
         m_origin = toTicks(streamStart);
@@ -326,21 +327,39 @@ void ContentChecks::addFrame(const AVFrame& frame, std::int64_t time, std::int64
         countClipping(frame, start);
     }
 
-    if (m_detectorsFailed || time == kNoTime) {
+    if (time == kNoTime) {
+        return;
+    }
+    if (m_detectors == nullptr) {
+        detect(&frame, time, start);
+    } else if (!m_detectors->post(*this, &frame, time, start)) {
+        EngineTrace(kTraceNormal, "..Stream %d: a frame could not go to the detectors\n", m_index);
+    }
+}
+
+void ContentChecks::detect(const AVFrame* frame, std::int64_t time, std::int64_t start)
+{
+    if (m_detectorsFailed) {
+        return;
+    }
+    if (frame == nullptr) {
+        if (m_graph) {
+            pushToDetectors(nullptr, kNoTime);
+        }
         return;
     }
     if (!m_graph) {
-        if (!buildGraph(frame)) {
+        if (!buildGraph(*frame)) {
             EngineTrace(kTraceNormal, "..Stream %d: the detectors could not be set up\n", m_index);
             m_detectorsFailed = true;
-            m_notMeasured = describeFormat(frame);
+            m_notMeasured = describeFormat(*frame);
             m_graph.reset();
             return;
         }
-    } else if (frame.format != m_format ||
-               (m_type == AVMEDIA_TYPE_VIDEO ? frame.width != m_width || frame.height != m_height
-                                             : frame.sample_rate != m_sampleRate ||
-                                                   frame.ch_layout.nb_channels != m_channels)) {
+    } else if (frame->format != m_format ||
+               (m_type == AVMEDIA_TYPE_VIDEO ? frame->width != m_width || frame->height != m_height
+                                             : frame->sample_rate != m_sampleRate ||
+                                                   frame->ch_layout.nb_channels != m_channels)) {
         // The detectors measure one picture size and sound format: what they saw so far
         // is kept, the rest of the stream goes unmeasured.
         EngineTrace(kTraceNormal, "..Stream %d: format changed, detectors stopped at %s\n", m_index,
@@ -350,7 +369,7 @@ void ContentChecks::addFrame(const AVFrame& frame, std::int64_t time, std::int64
         m_detectorsEnd = start;
         return;
     }
-    pushToDetectors(&frame, time);
+    pushToDetectors(frame, time);
 }
 
 void ContentChecks::pushToDetectors(const AVFrame* frame, std::int64_t time)
@@ -507,10 +526,13 @@ void ContentChecks::finish()
     if (m_finished) {
         return;
     }
-    if (m_graph && !m_detectorsFailed) {
-        pushToDetectors(nullptr, kNoTime);
-    }
     m_finished = true;
+    if (m_detectors == nullptr) {
+        detect(nullptr, kNoTime, kNoTime);
+    } else {
+        m_detectors->post(*this, nullptr, kNoTime, kNoTime);
+        m_detectors->drain();
+    }
     m_graph.reset();
     if (m_first == kNoTime) {
         return; // nothing was decoded: the decode checks have said so

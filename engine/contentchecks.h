@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "engine/checkoptions.h"
+#include "engine/detectorthread.h"
 #include "engine/ffmpeg.h"
 #include "results/mediatime.h"
 
@@ -20,17 +21,20 @@ class ClipChecker;
 // clipped samples are counted here on the frames themselves. finish() turns the runs and
 // measures into issues of the owner.
 //
-// Owned by its ClipStream; used only on the checker's thread.
-class ContentChecks
+// Owned by its ClipStream. addFrame and finish run on the checker's thread; the detector
+// graph (detect) runs on the clip's DetectorThread when there is one, else inline. What the
+// graph finds is read only in finish, after the thread has drained.
+class ContentChecks : private DetectorThread::Client
 {
 public:
     // decoder: the open decoder whose frames these are (its kind, and the real sample depth
     // of the sound); it must outlive this object. timeBase: the stream's; streamStart: the
     // container stream's start in it (kNoTime: the first frame counts as the start).
-    // threads: the detector graph's threads (0: the library's choice).
+    // threads: the detector graph's threads (0: the library's choice). detectors: the
+    // clip's detector thread, which must outlive this object's frames (may be null).
     ContentChecks(ClipChecker& owner, int streamIndex, const AVCodecContext& decoder,
                   AVRational timeBase, std::int64_t streamStart, const ClipCheckOptions& options,
-                  int threads);
+                  int threads, DetectorThread* detectors);
     virtual ~ContentChecks();
     ContentChecks(const ContentChecks&) = delete;
     ContentChecks& operator=(const ContentChecks&) = delete;
@@ -51,6 +55,8 @@ private:
         ClipTicks end = kNoTime;
     };
 
+    // The detector graph's share of a frame (see DetectorThread::Client).
+    void detect(const AVFrame* frame, std::int64_t time, std::int64_t start) override;
     // Whether the detectors can take frames of this format; nothing is allocated to know.
     bool detectorsTake(const AVFrame& frame) const;
     bool buildGraph(const AVFrame& frame);
@@ -75,6 +81,7 @@ private:
     const AVRational m_timeBase;
     const ClipCheckOptions m_options;
     const int m_threads;
+    DetectorThread* const m_detectors;
     ClipTicks m_origin = kNoTime;
 
     av::FilterGraphPtr m_graph;
