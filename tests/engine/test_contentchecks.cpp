@@ -1,4 +1,8 @@
+#include <atomic>
+#include <chrono>
+#include <random>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -118,6 +122,31 @@ TEST(ContentChecks, PictureAndSoundFaultsOfLevel4)
         }
         EXPECT_TRUE(level3.content.empty()) << test::describe(level3.result);
         EXPECT_EQ(level4.others, level3.others);
+    }
+}
+
+// A level-4 check stopped at any moment, with frames still queued for the detector thread,
+// ends at once with its keys, and the checker is released cleanly (no hang, no leak).
+TEST(ContentChecks, CancelledAtRandomMomentsEndsCleanly)
+{
+    const std::string path = test::testClip("long.ts").string();
+    const std::string digest = test::sha256sumOf(path);
+    std::mt19937 random(20261125);
+    std::uniform_int_distribution<int> delayMs(0, 300);
+    for (int round = 0; round < 6; ++round) {
+        const int delay = delayMs(random);
+        SCOPED_TRACE(delay);
+        std::atomic<std::int32_t> cancel{0};
+        ClipChecker checker;
+        ASSERT_TRUE(checker.Open(path, 4, -1));
+        std::thread stopper([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+            cancel.store(1);
+        });
+        EXPECT_EQ(checker.Run(&cancel), 1);
+        stopper.join();
+        checker.Close();
+        EXPECT_EQ(checker.result().facts.hash256, digest);
     }
 }
 
