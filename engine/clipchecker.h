@@ -30,7 +30,10 @@ inline constexpr std::int64_t kMaxPicturePixels = 8192LL * 4352;
 // The engine object for one clip: Open (query the file, open the container, probe the
 // streams, set up decoders, header checks), Run (read every packet, hash the file,
 // decode, time-stamp checks, decoded checks, keys), Close. Findings become issues in the
-// clip's issue list, never exceptions.
+// clip's issue list, never exceptions. At level 4 the picture and sound checks run on a
+// detector thread of the clip's own (engine/detectorthread.h), and what the clip's demuxer
+// and decoders log at error level becomes issues too (engine/medialog.h), also when the
+// clip does not open.
 //
 // Thread-safety: Open, Run and Close run on one thread (the runner's worker). Any other
 // thread may at any time read ClipProgress() and take the snapshots issues(),
