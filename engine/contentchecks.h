@@ -82,8 +82,22 @@ private:
     const ClipCheckOptions m_options;
     const int m_threads;
     DetectorThread* const m_detectors;
-    ClipTicks m_origin = kNoTime;
+    ClipTicks m_origin = kNoTime; // set with the first frame, before any goes to the detectors
 
+    bool m_finished = false;
+
+    // The checker thread's: the frames as decoded.
+    ClipTicks m_first = kNoTime; // first frame's time
+    ClipTicks m_end = kNoTime;   // end of the latest frame
+    std::vector<Run> m_damaged;
+    bool m_damageOpen = false;
+    double m_samplePeak = 0.0; // linear, of the samples as decoded
+    std::int64_t m_sampleCount = 0;
+    std::vector<int> m_fullScaleRun; // per channel: full-scale samples in a row so far
+    std::int64_t m_clipped = 0;
+    ClipTicks m_firstClip = kNoTime;
+
+    // The detector graph's (detect), read by finish only after the detector thread drained.
     av::FilterGraphPtr m_graph;
     AVFilterContext* m_source = nullptr; // owned by the graph
     AVFilterContext* m_sink = nullptr;   // owned by the graph
@@ -91,38 +105,25 @@ private:
     av::FramePtr m_out;
     bool m_detectorsFailed = false;
     std::string m_notMeasured; // why the detectors never ran, as issue text; empty when they did
-    bool m_finished = false;
     // What the graph was built for; a frame that differs stops the detectors.
     int m_width = 0;
     int m_height = 0;
     int m_format = -1;
     int m_sampleRate = 0;
     int m_channels = 0;
-
-    ClipTicks m_first = kNoTime;        // first frame's time
-    ClipTicks m_end = kNoTime;          // end of the latest frame
     ClipTicks m_detectorsEnd = kNoTime; // where a change of format stopped the detectors
-
     std::vector<Run> m_black;
     std::vector<Run> m_frozen;
-    std::vector<Run> m_damaged;
     std::vector<Run> m_silence;
     ClipTicks m_openBlack = kNoTime;
     ClipTicks m_openFrozen = kNoTime;
     ClipTicks m_openSilence = kNoTime;
-    bool m_damageOpen = false;
-
     double m_integrated = 0.0;
     bool m_haveIntegrated = false;
     double m_maxMomentary = -HUGE_VAL;  // LUFS, highest of the 400 ms blocks
     double m_maxShortTerm = -HUGE_VAL;  // LUFS, highest of the 3 s windows
     std::int64_t m_measuredSamples = 0; // per channel, given to the loudness meter
     double m_truePeak = -1.0;           // linear, below 0 when none was measured
-    double m_samplePeak = 0.0;          // linear, of the samples as decoded
-    std::int64_t m_sampleCount = 0;
-    std::vector<int> m_fullScaleRun; // per channel: full-scale samples in a row so far
-    std::int64_t m_clipped = 0;
-    ClipTicks m_firstClip = kNoTime;
 };
 
 } // namespace tarvoqc
