@@ -74,6 +74,12 @@ MediaLog::~MediaLog()
     const std::lock_guard lock(logLock());
     for (const auto& source : m_sources) {
         liveSources().erase(source.get());
+        // This thread (the checker's, which lives on to the next clip) may hold an unfinished
+        // message of ours; a later log given the same address must not inherit it. The
+        // decoders' threads ended with their decoders.
+        if (t_pending.source == source.get()) {
+            t_pending.source = nullptr;
+        }
     }
 }
 
