@@ -92,12 +92,34 @@ private:
     bool m_ok = true;
 };
 
+// Every member of ClipCheckOptions travels; one added there must be added here too.
+static_assert(sizeof(ClipCheckOptions) == 64, "a new check option must travel to the worker");
+
+void putOptional(Writer& out, const std::optional<double>& value)
+{
+    out.put(static_cast<std::uint8_t>(value ? 1 : 0));
+    out.put(value.value_or(0.0));
+}
+
+std::optional<double> getOptional(Reader& in)
+{
+    const auto present = in.get<std::uint8_t>();
+    const auto value = in.get<double>();
+    if (present > 1) {
+        in.fail();
+    }
+    return present == 1 ? std::optional(value) : std::nullopt;
+}
+
 void putOptions(Writer& out, const ClipCheckOptions& options)
 {
     out.put(options.loudnessTarget);
     out.put(options.loudnessTolerance);
     out.put(options.truePeakLimit);
     out.put(static_cast<std::int32_t>(options.decoderThreads));
+    out.put(static_cast<std::uint8_t>(options.loudnessRule ? 1 : 0));
+    putOptional(out, options.shortFormMaxShortTerm);
+    putOptional(out, options.shortFormMaxMomentary);
 }
 
 ClipCheckOptions getOptions(Reader& in)
@@ -107,6 +129,13 @@ ClipCheckOptions getOptions(Reader& in)
     options.loudnessTolerance = in.get<double>();
     options.truePeakLimit = in.get<double>();
     options.decoderThreads = in.get<std::int32_t>();
+    const auto rule = in.get<std::uint8_t>();
+    if (rule > 1) {
+        in.fail();
+    }
+    options.loudnessRule = rule == 1;
+    options.shortFormMaxShortTerm = getOptional(in);
+    options.shortFormMaxMomentary = getOptional(in);
     return options;
 }
 

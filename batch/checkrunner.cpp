@@ -14,6 +14,14 @@ CheckSettings loadCheckSettings(const std::string& settingsPath)
     settings.options.loudnessTarget = readSettingDecimal(settingsPath, kLoudnessTarget);
     settings.options.loudnessTolerance = readSettingDecimal(settingsPath, kLoudnessTolerance);
     settings.options.truePeakLimit = readSettingDecimal(settingsPath, kTruePeakLimit);
+    // A loudness limit written into the file is a rule the site chose: loudness is then
+    // graded by it, not only told.
+    for (const SettingKey* key : {&kLoudnessTarget, &kLoudnessTolerance, &kTruePeakLimit}) {
+        constexpr std::string_view kAbsent = "\x01";
+        settings.options.loudnessRule =
+            settings.options.loudnessRule ||
+            readProfileString(settingsPath, key->section, key->key, kAbsent) != kAbsent;
+    }
     if (const int mib = readSettingNumber(settingsPath, kCheckMaxMemory); mib >= 0) {
         settings.worker.memoryLimitBytes = static_cast<std::uint64_t>(mib) * 1024 * 1024;
     }

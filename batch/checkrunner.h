@@ -21,7 +21,8 @@ class TaskItem;
 
 // How the window and the watch job check, from section "Options" of the settings file:
 // "Check.Level" (1..4; anything else gives 3), level 4's "Loudness.Target",
-// "Loudness.Tolerance" and "TruePeak.Limit", and the limits of the check processes:
+// "Loudness.Tolerance" and "TruePeak.Limit" (any of them written makes the three a loudness
+// rule, see ClipCheckOptions::loudnessRule), and the limits of the check processes:
 // "Check.MaxMemory" (MiB, 0 for none; negative values give the default) and
 // "Check.HangTimeout" (seconds, 0 for never; negative values give the default). The
 // decoder threads stay 0 (the caller's decoder thread option decides); the priority is the

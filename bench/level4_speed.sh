@@ -8,7 +8,8 @@
 #
 # - Level 4 against ffmpeg running the same detectors on the whole clip (its default
 #   threads, so both use the machine), on the H.264, MPEG-2 4:2:2 and ProRes clips of
-#   bench/benchmedia.sh. Target: at most 1.0.
+#   bench/benchmedia.sh. Target: at most 0.95 on the H.264 clip, 1.0 on the others. For the
+#   H.264 clip also against a bare full decode by ffmpeg, the floor neither can go below.
 # - The 60 s 1080p H.264 clip at level 3 with its decoder threads from the spare cores
 #   against the same with one decoder thread. Target: at most 0.6 on 2 cores. The same
 #   figure for ffmpeg's own decoder shows whether the machine had the cores to spare.
@@ -58,8 +59,17 @@ for clip in h264_8M_60s.mp4 mpeg2_422_50M_60s.mxf prores422_30s.mov; do
                -af ebur128=peak=true,silencedetect -f null -)
     echo "$clip ($(($(stat -c %s "$f") / 1048576)) MiB)"
     turns "tarvoqc-check --level 4" level4 "reference: ffmpeg detectors" detectors
-    echo "  ratio level 4/detectors time $turn_ratio   (target <= 1.0)"
+    target=1.0
+    [[ $clip == h264_8M_60s.mp4 ]] && target=0.95
+    echo "  ratio level 4/detectors time $turn_ratio   (target <= $target)"
 done
+
+f="$media/h264_8M_60s.mp4"
+level4=("$check" -q --level 4 "$f")
+decode=(ffmpeg -nostdin -i "$f" -f null -)
+echo "$(basename "$f") at level 4 against a bare full decode"
+turns "tarvoqc-check --level 4" level4 "floor: ffmpeg full decode" decode
+echo "  ratio level 4/full decode    $turn_ratio"
 
 f="$media/h264_8M_60s.mp4"
 level3=("$check" -q --level 3 "$f")

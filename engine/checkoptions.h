@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 namespace tarvoqc {
 
 // How a ClipChecker checks, beyond the check level: the limits of the picture and sound
@@ -7,6 +9,7 @@ namespace tarvoqc {
 // are those of the settings file.
 struct ClipCheckOptions
 {
+    // Level 4's loudness limits: the usual broadcast values unless a rule names others.
     double loudnessTarget = -23.0;  // integrated loudness, LUFS
     double loudnessTolerance = 1.0; // LU either side of the target
     double truePeakLimit = -1.0;    // dBTP
@@ -14,6 +17,16 @@ struct ClipCheckOptions
     // to the decoder thread option of Open (below 0 one thread, otherwise the library's
     // choice); a positive number is used as it stands.
     int decoderThreads = 0;
+    // Whether the loudness limits above are a delivery rule the user chose (a delivery
+    // profile, or loudness options given on a command line). Loudness is a delivery matter,
+    // not damage: without a rule a programme off the limits is told as information, a
+    // Warning with the measured value; with one, each finding is graded by how far off it is.
+    bool loudnessRule = false;
+    // The short-form part of a broadcast rule, for programmes under 30 s: the highest
+    // short-term and momentary loudness allowed, LUFS; none where the rule has no such
+    // limit. Applied only with loudnessRule.
+    std::optional<double> shortFormMaxShortTerm{};
+    std::optional<double> shortFormMaxMomentary{};
 
     bool operator==(const ClipCheckOptions&) const = default;
 };

@@ -1,6 +1,7 @@
 #include "engine/clipchecker.h"
 
 #include <cerrno>
+#include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <vector>
@@ -232,6 +233,10 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
         }
     }
     AVFormatContext* format = session.io ? avformat_alloc_context() : nullptr;
+    if (format != nullptr && m_level >= 4) {
+        session.log = std::make_unique<MediaLog>();
+        session.log->watchDemuxer(*format);
+    }
     if (format != nullptr) {
         format->pb = session.io.get();
         format->interrupt_callback = {&ClipSession::interruptCallback, &session};
@@ -243,6 +248,7 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
     }
     if (format == nullptr) {
         report(Cat::File, Sev::Critical, -1, "Couldn't open file");
+        reportLogged();
         publishFacts();
         return false;
     }
@@ -251,6 +257,7 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
 
     if (!findStreamInfo(format)) {
         EngineTrace(kTraceStreamInfo, "Couldn't find stream information\n");
+        reportLogged();
         publishFacts();
         return false;
     }
@@ -268,6 +275,9 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
     session.wavOrMp3 = ::strcasecmp(formatName, "wav") == 0 || ::strcasecmp(formatName, "mp3") == 0;
 
     session.packet.reset(av_packet_alloc());
+    if (m_level >= 4) {
+        session.detectors = DetectorThread::start();
+    }
     for (unsigned i = 0; i < format->nb_streams; ++i) {
         AVStream* avStream = format->streams[i];
         session.streams.push_back(std::make_unique<ClipStream>(*this, static_cast<int>(i)));
@@ -305,6 +315,27 @@ void ClipChecker::Close()
     m_session.reset();
     if (hadContainer) {
         EngineTrace(kTraceNormal, ".Closed %s\n", m_path.c_str());
+    }
+}
+
+void ClipChecker::reportLogged()
+{
+    if (!m_session || !m_session->log) {
+        return;
+    }
+    for (const MediaLog::Entry& entry : m_session->log->takeEntries()) {
+        const auto index = static_cast<std::size_t>(entry.stream);
+        if (entry.stream >= 0 && index < m_session->streams.size()) {
+            m_session->streams[index]->reportLogged(entry);
+            continue;
+        }
+        char where[96] = "";
+        if (entry.firstPosition >= 0) {
+            std::snprintf(where, sizeof where, "%s byte %" PRId64,
+                          entry.count > 1 ? ", first at" : ", at", entry.firstPosition);
+        }
+        report(Cat::File, severityOfLogged(entry, false, false), -1, "%s demuxer: %s (%s%s)",
+               entry.source.c_str(), entry.text.c_str(), timesText(entry.count).c_str(), where);
     }
 }
 

@@ -30,7 +30,10 @@ inline constexpr std::int64_t kMaxPicturePixels = 8192LL * 4352;
 // The engine object for one clip: Open (query the file, open the container, probe the
 // streams, set up decoders, header checks), Run (read every packet, hash the file,
 // decode, time-stamp checks, decoded checks, keys), Close. Findings become issues in the
-// clip's issue list, never exceptions.
+// clip's issue list, never exceptions. At level 4 the picture and sound checks run on a
+// detector thread of the clip's own (engine/detectorthread.h), and what the clip's demuxer
+// and decoders log at error level becomes issues too (engine/medialog.h), also when the
+// clip does not open.
 //
 // Thread-safety: Open, Run and Close run on one thread (the runner's worker). Any other
 // thread may at any time read ClipProgress() and take the snapshots issues(),
@@ -110,6 +113,8 @@ private:
     void checkHeader(ClipStream& stream);
     // Decoded start and end against header and clip, run at the end of Run (level 3).
     void checkDecoded(ClipStream& stream);
+    // Level 4: turns what the media libraries logged so far into issues, one per kind.
+    void reportLogged();
     // Replaces the QC duration with the latest decoded end of the checked streams.
     void correctDuration();
     // The packet loop of Run: true when it reached the end of the file.

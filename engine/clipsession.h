@@ -4,8 +4,10 @@
 #include <vector>
 
 #include "engine/clipstream.h"
+#include "engine/detectorthread.h"
 #include "engine/ffmpeg.h"
 #include "engine/hashreader.h"
+#include "engine/medialog.h"
 
 namespace tarvoqc {
 
@@ -21,6 +23,9 @@ struct ClipSession
     ClipSession& operator=(const ClipSession&) = delete;
 
     ClipChecker& owner;
+    // Level 4: what the demuxer and the decoders log. Declared first, so that it goes last,
+    // after every context it watches.
+    std::unique_ptr<MediaLog> log;
     int fd = -1; // the demuxer's own handle on the clip
     av::IoContextPtr io;
     av::FormatContextPtr format; // declared after io: closed before it
@@ -31,6 +36,9 @@ struct ClipSession
     bool wavOrMp3 = false;
     // The file hash of the read pass: its own read handle, kept just behind the demuxer.
     std::unique_ptr<HashReader> hash;
+    // Level 4: the thread of the picture and sound detectors. Declared after the streams,
+    // whose checks it works for, so that it stops before they go.
+    std::unique_ptr<DetectorThread> detectors;
 
     // The media libraries read the clip through these, so that every blocking read
     // honours the interrupt and cancel flags and counts as activity.

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "engine/clipchecker.h"
+#include "engine/clipsession.h"
 #include "engine/contentchecks.h"
 #include "engine/enginetrace.h"
 #include "engine/timechecks.h"
@@ -143,6 +144,13 @@ int ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
         m_context->thread_count = 1;
     }
     m_context->max_pixels = kMaxPicturePixels;
+    if (checkLevel >= 4 && isVideoOrAudio() && m_owner.m_session && m_owner.m_session->log) {
+        // Level 4 hears what the decoder logs, and has it check the checksums its format
+        // carries (FLAC's frame CRCs, for one, are only checked when asked).
+        m_log = m_owner.m_session->log.get();
+        m_log->watchDecoder(*m_context, m_index);
+        m_context->err_recognition |= AV_EF_CRCCHECK;
+    }
     if (avcodec_open2(m_context.get(), m_decoder, nullptr) < 0) {
         m_owner.report(Cat::Codec, Sev::Critical, m_index, "...Could not open codec %s\n",
                        m_decoder->name);
@@ -156,9 +164,9 @@ int ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
         return -10;
     }
     if (checkLevel >= 4 && isVideoOrAudio()) {
-        m_content =
-            std::make_unique<ContentChecks>(m_owner, m_index, params->codec_type, stream->time_base,
-                                            m_streamStart, m_owner.m_options, threads);
+        m_content = std::make_unique<ContentChecks>(m_owner, m_index, *m_context, stream->time_base,
+                                                    m_streamStart, m_owner.m_options, threads,
+                                                    m_owner.m_session->detectors.get());
     }
     return 0;
 }
@@ -218,6 +226,11 @@ void ClipStream::checkPacketTime(const AVPacket& packet)
 
 template <typename OnFrame> bool ClipStream::decode(const AVPacket* packet, OnFrame&& onFrame)
 {
+    const bool hasData = packet != nullptr && packet->data != nullptr && packet->size > 0;
+    if (m_log != nullptr && hasData) {
+        // Where the decoder's messages about this packet were logged (frame threads copy it).
+        m_context->reordered_opaque = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+    }
     int sent = avcodec_send_packet(m_context.get(), packet);
     bool resent = false;
     bool failed = false;
@@ -236,10 +249,18 @@ template <typename OnFrame> bool ClipStream::decode(const AVPacket* packet, OnFr
             failed = true;
             break;
         }
+        if (m_frames++ == 0 && m_log != nullptr) {
+            m_log->frameDecoded(m_index);
+        }
         onFrame(*m_frame);
         av_frame_unref(m_frame.get());
     }
-    return !failed && (sent >= 0 || sent == AVERROR(EAGAIN) || sent == AVERROR_EOF);
+    const bool decoded = !failed && (sent >= 0 || sent == AVERROR(EAGAIN) || sent == AVERROR_EOF);
+    if (hasData) {
+        ++m_packets;
+        m_failedPackets += decoded ? 0 : 1;
+    }
+    return decoded;
 }
 
 void ClipStream::decodeVideo(const AVPacket* packet)
@@ -332,9 +353,36 @@ void ClipStream::checkFrame(std::int64_t time, std::int64_t duration)
 
 void ClipStream::finishContentChecks()
 {
-    if (m_content) {
-        m_content->finish();
+    if (!m_content) {
+        return;
     }
+    m_content->finish();
+    // A stream that (mostly) does not decode is not playable, whatever else it passes.
+    if (m_packets > 0 && m_frames == 0) {
+        m_owner.report(Cat::Codec, Sev::Highest, m_index,
+                       "Stream not decodable: %" PRId64 " packets, no frame decoded", m_packets);
+    } else if (m_failedPackets * 2 > m_packets) {
+        m_owner.report(
+            Cat::Codec, m_failedPackets * 10 >= m_packets * 9 ? Sev::Highest : Sev::High, m_index,
+            "Stream mostly not decodable: %" PRId64 " of %" PRId64 " packets failed to decode",
+            m_failedPackets, m_packets);
+    }
+}
+
+void ClipStream::reportLogged(const MediaLog::Entry& entry)
+{
+    const AVCodecDescriptor* codec =
+        m_context ? avcodec_descriptor_get(m_context->codec_id) : nullptr;
+    const bool lossless = codec != nullptr && (codec->props & AV_CODEC_PROP_LOSSLESS) != 0 &&
+                          (codec->props & AV_CODEC_PROP_LOSSY) == 0;
+    std::string where;
+    if (entry.firstPosition != AV_NOPTS_VALUE) {
+        where = (entry.count > 1 ? ", first at " : ", at ") + positionText(entry.firstPosition);
+    }
+    m_owner.report(m_facts.type == StreamType::Video ? Cat::Video : Cat::Audio,
+                   severityOfLogged(entry, lossless, m_frames > 0), m_index,
+                   "%s decoder: %s (%s%s)", entry.source.c_str(), entry.text.c_str(),
+                   timesText(entry.count).c_str(), where.c_str());
 }
 
 void ClipStream::computeDecodedValues()

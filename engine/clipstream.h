@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "engine/ffmpeg.h"
+#include "engine/medialog.h"
 #include "results/mediatime.h"
 #include "results/qcresult.h"
 
@@ -34,8 +35,11 @@ public:
     // Rescales the first/next frame time stamps into the decoded start and end.
     void computeDecodedValues();
 
-    // Level 4: reports what the picture and sound checks found, after the pass.
+    // Level 4: reports what the picture and sound checks found, after the pass, and whether
+    // the stream decoded at all.
     void finishContentChecks();
+    // Level 4: reports one kind of message that this stream's decoder logged.
+    void reportLogged(const MediaLog::Entry& entry);
 
     StreamFacts& facts() { return m_facts; }
     const StreamFacts& facts() const { return m_facts; }
@@ -72,6 +76,11 @@ private:
     av::CodecContextPtr m_context;
     av::FramePtr m_frame;
     std::unique_ptr<ContentChecks> m_content; // level 4 only
+    MediaLog* m_log = nullptr;                // level 4: the session's, when it watches us
+    // Level 4: packets with data given to the decoder, those it failed on, frames it gave.
+    std::int64_t m_packets = 0;
+    std::int64_t m_failedPackets = 0;
+    std::int64_t m_frames = 0;
 
     // Stream time base, or kNoTime.
     std::int64_t m_firstPacketTime = kNoTime;

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <limits>
 #include <span>
+#include <tuple>
 #include <type_traits>
 
 #include "engine/clipchecker.h"
@@ -41,6 +42,30 @@ constexpr ClipTicks kEdgeSlack = kSecond / 100;
 constexpr double kSilentPeak = 0.001;
 // Full-scale samples in a row from which the sound counts as clipped.
 constexpr int kClipRun = 3;
+
+// Integrated loudness is judged only on a programme of 3 s or more: the loudness meter's
+// short-term window. Shorter sound (a stinger, a test excerpt, a track file of a few frames)
+// gives the measure only a handful of overlapping 400 ms blocks, ruled by its first and last
+// moments, and a short-term loudness it never fills, so no delivery rule can be held to it.
+constexpr double kShortestJudgedSeconds = 3.0;
+// Programmes under this length are short-form: a broadcast rule may add its limits on the
+// highest short-term and momentary loudness.
+constexpr double kShortFormBelowSeconds = 30.0;
+// The loudness measure's absolute gate: a programme none of whose 400 ms blocks reaches it
+// has no integrated loudness at all (ebur128 then shows the gate itself, -70 LUFS).
+constexpr double kAbsoluteGate = -70.0;
+
+// What the sound detectors are given at most. ebur128 allocates, when its graph is
+// configured, the last 3 s of every channel (its short-term window) and a true-peak
+// resampler: a header that claims an absurd rate or channel count makes it ask for
+// gigabytes, the allocation fails inside the configuration, and the library's own teardown
+// of that half-configured filter then reads a null pointer. Such sound is not handed to the
+// detectors at all. The limits take every real rate (8 kHz telephone to 768 kHz) and up
+// to 64 channels, with at most about 80 MB of detector state (32 channels at 96 kHz).
+constexpr int kMinDetectorRate = 1000;
+constexpr int kMaxDetectorRate = 768000;
+constexpr int kMaxDetectorChannels = 64;
+constexpr std::int64_t kMaxDetectorSamplesPerSecond = 32LL * 96000;
 
 // "By run": a run at the stream's start or end is a lead-in or lead-out.
 Sev severityOfRun(ClipTicks length, bool atEdge)
@@ -99,15 +124,28 @@ bool metadataNumber(const AVFrame& frame, const char* key, double& out)
     return true;
 }
 
-// Full scale of each sample format, and the magnitude of a sample as a fraction of it.
-template <typename T> bool fullScale(T v)
+// The full scale of a sample format whose samples hold `bits` significant bits (0 or more
+// than the format has: all of them). Integer samples of fewer bits are left-aligned, so a
+// 24-bit sample's positive full scale in 32 bits is 0x7FFFFF00, not the type's maximum.
+template <typename T> struct FullScale
+{
+    T high;
+    T low;
+    bool reached(T v) const { return v >= high || v <= low; }
+};
+template <typename T> FullScale<T> fullScaleOf(int bits)
 {
     if constexpr (std::is_floating_point_v<T>) {
-        return std::fabs(v) >= 1.0;
+        return {T{1}, T{-1}};
     } else if constexpr (std::is_same_v<T, std::uint8_t>) {
-        return v == 0 || v == 255;
+        return {255, 0};
     } else {
-        return v == std::numeric_limits<T>::max() || v == std::numeric_limits<T>::min();
+        using Unsigned = std::make_unsigned_t<T>;
+        constexpr int width = std::numeric_limits<T>::digits + 1;
+        const int unused = bits > 0 && bits < width ? width - bits : 0;
+        const auto high = static_cast<Unsigned>(std::numeric_limits<T>::max()) &
+                          static_cast<Unsigned>(~((Unsigned{1} << unused) - 1));
+        return {static_cast<T>(high), std::numeric_limits<T>::min()};
     }
 }
 template <typename T> double magnitude(T v)
@@ -124,11 +162,13 @@ template <typename T> double magnitude(T v)
 
 } // namespace
 
-ContentChecks::ContentChecks(ClipChecker& owner, int streamIndex, AVMediaType type,
+ContentChecks::ContentChecks(ClipChecker& owner, int streamIndex, const AVCodecContext& decoder,
                              AVRational timeBase, std::int64_t streamStart,
-                             const ClipCheckOptions& options, int threads)
-    : m_owner(owner), m_index(streamIndex), m_type(type), m_timeBase(timeBase), m_options(options),
-      m_threads(threads), m_in(av_frame_alloc()), m_out(av_frame_alloc())
+                             const ClipCheckOptions& options, int threads,
+                             DetectorThread* detectors)
+    : m_owner(owner), m_index(streamIndex), m_type(decoder.codec_type), m_decoder(decoder),
+      m_timeBase(timeBase), m_options(options), m_threads(threads), m_detectors(detectors),
+      m_in(av_frame_alloc()), m_out(av_frame_alloc())
 {
     if (streamStart != kNoTime) {
         m_origin = toTicks(streamStart);
@@ -137,15 +177,48 @@ ContentChecks::ContentChecks(ClipChecker& owner, int streamIndex, AVMediaType ty
 
 ContentChecks::~ContentChecks() = default;
 
+std::string ContentChecks::describeFormat(const AVFrame& frame) const
+{
+    char text[128];
+    if (m_type == AVMEDIA_TYPE_VIDEO) {
+        const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(frame.format));
+        std::snprintf(text, sizeof text, "Picture checks skipped: %dx%d %s", frame.width,
+                      frame.height, name != nullptr ? name : "of no known format");
+    } else {
+        std::snprintf(text, sizeof text, "Sound checks skipped: %d channels at %d Hz",
+                      frame.ch_layout.nb_channels, frame.sample_rate);
+    }
+    return text;
+}
+
 ClipTicks ContentChecks::toTicks(std::int64_t time) const
 {
     return rescaleTime(time, {m_timeBase.num, m_timeBase.den}, kClipTimeBase);
 }
 
+bool ContentChecks::detectorsTake(const AVFrame& frame) const
+{
+    if (m_type == AVMEDIA_TYPE_VIDEO) {
+        const AVPixFmtDescriptor* pixels =
+            av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
+        return pixels != nullptr &&
+               (pixels->flags & (AV_PIX_FMT_FLAG_HWACCEL | AV_PIX_FMT_FLAG_BITSTREAM)) == 0 &&
+               frame.width > 0 && frame.height > 0;
+    }
+    const int channels = frame.ch_layout.nb_channels;
+    return av_get_sample_fmt_name(static_cast<AVSampleFormat>(frame.format)) != nullptr &&
+           frame.sample_rate >= kMinDetectorRate && frame.sample_rate <= kMaxDetectorRate &&
+           channels > 0 && channels <= kMaxDetectorChannels &&
+           std::int64_t{frame.sample_rate} * channels <= kMaxDetectorSamplesPerSecond;
+}
+
 bool ContentChecks::buildGraph(const AVFrame& frame)
 {
+    if (!m_in || !m_out || !detectorsTake(frame)) {
+        return false;
+    }
     m_graph.reset(avfilter_graph_alloc());
-    if (!m_graph || !m_in || !m_out) {
+    if (!m_graph) {
         return false;
     }
     m_graph->nb_threads = m_threads;
@@ -160,10 +233,9 @@ bool ContentChecks::buildGraph(const AVFrame& frame)
         m_width = frame.width;
         m_height = frame.height;
     } else {
-        const char* formatName = av_get_sample_fmt_name(static_cast<AVSampleFormat>(frame.format));
         int n = std::snprintf(args, sizeof args, "time_base=%d/%d:sample_rate=%d:sample_fmt=%s",
                               m_timeBase.num, m_timeBase.den, frame.sample_rate,
-                              formatName != nullptr ? formatName : "none");
+                              av_get_sample_fmt_name(static_cast<AVSampleFormat>(frame.format)));
         // The detectors need a layout: channels without one (a plain WAV) are taken in the
         // default layout of their number.
         AVChannelLayout known{};
@@ -202,11 +274,24 @@ bool ContentChecks::buildGraph(const AVFrame& frame)
         if (avfilter_graph_create_filter(&filter, avfilter_get_by_name(stage.name), stage.name,
                                          stage.args, nullptr, graph) < 0 ||
             avfilter_link(previous, 0, filter, 0) < 0) {
-            return false;
+            return false; // filters made but never configured: the graph frees them safely
         }
         previous = filter;
     }
-    return avfilter_link(previous, 0, m_sink, 0) >= 0 && avfilter_graph_config(graph, nullptr) >= 0;
+    if (avfilter_link(previous, 0, m_sink, 0) < 0) {
+        return false;
+    }
+    if (avfilter_graph_config(graph, nullptr) < 0) {
+        // A filter whose configuration failed half-way may not survive its own teardown
+        // (ebur128 then reads what it never allocated), so this graph is never freed. The
+        // limits of detectorsTake keep this to a real shortage of memory.
+        EngineTrace(kTraceNormal, "..Stream %d: the detectors' graph is left unfreed\n", m_index);
+        static_cast<void>(m_graph.release());
+        m_source = nullptr;
+        m_sink = nullptr;
+        return false;
+    }
+    return true;
 }
 
 void ContentChecks::addFrame(const AVFrame& frame, std::int64_t time, std::int64_t duration)
@@ -242,20 +327,39 @@ void ContentChecks::addFrame(const AVFrame& frame, std::int64_t time, std::int64
         countClipping(frame, start);
     }
 
-    if (m_detectorsFailed || time == kNoTime) {
+    if (time == kNoTime) {
+        return;
+    }
+    if (m_detectors == nullptr) {
+        detect(&frame, time, start);
+    } else if (!m_detectors->post(*this, &frame, time, start)) {
+        EngineTrace(kTraceNormal, "..Stream %d: a frame could not go to the detectors\n", m_index);
+    }
+}
+
+void ContentChecks::detect(const AVFrame* frame, std::int64_t time, std::int64_t start)
+{
+    if (m_detectorsFailed) {
+        return;
+    }
+    if (frame == nullptr) {
+        if (m_graph) {
+            pushToDetectors(nullptr, kNoTime);
+        }
         return;
     }
     if (!m_graph) {
-        if (!buildGraph(frame)) {
+        if (!buildGraph(*frame)) {
             EngineTrace(kTraceNormal, "..Stream %d: the detectors could not be set up\n", m_index);
             m_detectorsFailed = true;
+            m_notMeasured = describeFormat(*frame);
             m_graph.reset();
             return;
         }
-    } else if (frame.format != m_format ||
-               (m_type == AVMEDIA_TYPE_VIDEO ? frame.width != m_width || frame.height != m_height
-                                             : frame.sample_rate != m_sampleRate ||
-                                                   frame.ch_layout.nb_channels != m_channels)) {
+    } else if (frame->format != m_format ||
+               (m_type == AVMEDIA_TYPE_VIDEO ? frame->width != m_width || frame->height != m_height
+                                             : frame->sample_rate != m_sampleRate ||
+                                                   frame->ch_layout.nb_channels != m_channels)) {
         // The detectors measure one picture size and sound format: what they saw so far
         // is kept, the rest of the stream goes unmeasured.
         EngineTrace(kTraceNormal, "..Stream %d: format changed, detectors stopped at %s\n", m_index,
@@ -265,7 +369,7 @@ void ContentChecks::addFrame(const AVFrame& frame, std::int64_t time, std::int64
         m_detectorsEnd = start;
         return;
     }
-    pushToDetectors(&frame, time);
+    pushToDetectors(frame, time);
 }
 
 void ContentChecks::pushToDetectors(const AVFrame* frame, std::int64_t time)
@@ -276,6 +380,9 @@ void ContentChecks::pushToDetectors(const AVFrame* frame, std::int64_t time)
             return;
         }
         m_in->pts = time;
+        if (m_type == AVMEDIA_TYPE_AUDIO) {
+            m_measuredSamples += frame->nb_samples;
+        }
         rc = av_buffersrc_add_frame_flags(m_source, m_in.get(), 0);
         av_frame_unref(m_in.get());
     } else {
@@ -339,6 +446,12 @@ void ContentChecks::readMetadata(const AVFrame& frame)
         m_integrated = seconds;
         m_haveIntegrated = true;
     }
+    if (metadataNumber(frame, "lavfi.r128.M", seconds)) {
+        m_maxMomentary = std::max(m_maxMomentary, seconds);
+    }
+    if (metadataNumber(frame, "lavfi.r128.S", seconds)) {
+        m_maxShortTerm = std::max(m_maxShortTerm, seconds);
+    }
     if (metadataNumber(frame, "lavfi.r128.true_peak", seconds)) {
         m_truePeak = seconds;
     }
@@ -357,6 +470,7 @@ void ContentChecks::countClipping(const AVFrame& frame, ClipTicks time)
     const auto format = static_cast<AVSampleFormat>(frame.format);
     const bool planar = av_sample_fmt_is_planar(format) != 0;
     const auto scan = [&]<typename T>(T) {
+        const FullScale<T> full = fullScaleOf<T>(m_decoder.bits_per_raw_sample);
         for (int c = 0; c < channels; ++c) {
             const T* data = reinterpret_cast<const T*>(frame.extended_data[planar ? c : 0]);
             const int step = planar ? 1 : channels;
@@ -365,7 +479,7 @@ void ContentChecks::countClipping(const AVFrame& frame, ClipTicks time)
             for (int i = 0; i < samples; ++i) {
                 const T v = data[offset + i * step];
                 m_samplePeak = std::max(m_samplePeak, magnitude(v));
-                if (!fullScale(v)) {
+                if (!full.reached(v)) {
                     run = 0;
                     continue;
                 }
@@ -412,10 +526,13 @@ void ContentChecks::finish()
     if (m_finished) {
         return;
     }
-    if (m_graph && !m_detectorsFailed) {
-        pushToDetectors(nullptr, kNoTime);
-    }
     m_finished = true;
+    if (m_detectors == nullptr) {
+        detect(nullptr, kNoTime, kNoTime);
+    } else {
+        m_detectors->post(*this, nullptr, kNoTime, kNoTime);
+        m_detectors->drain();
+    }
     m_graph.reset();
     if (m_first == kNoTime) {
         return; // nothing was decoded: the decode checks have said so
@@ -429,6 +546,10 @@ void ContentChecks::finish()
             runs->push_back({*open, end});
             *open = kNoTime;
         }
+    }
+    if (!m_notMeasured.empty()) {
+        m_owner.report(m_type == AVMEDIA_TYPE_VIDEO ? Cat::Video : Cat::Audio, Sev::Warning,
+                       m_index, "%s", m_notMeasured.c_str());
     }
     if (m_type == AVMEDIA_TYPE_VIDEO) {
         reportVideo();
@@ -476,6 +597,47 @@ void ContentChecks::reportVideo()
     reportRuns(m_damaged, 1, "Damaged picture for %s sec from %s (concealed by the decoder)", true);
 }
 
+void ContentChecks::reportLoudness()
+{
+    const bool rule = m_options.loudnessRule;
+    // Without a rule chosen, loudness is information: said, but never more than a Warning.
+    const auto graded = [rule](Sev severity) { return rule ? severity : Sev::Warning; };
+    const double seconds =
+        m_sampleRate > 0 ? static_cast<double>(m_measuredSamples) / m_sampleRate : 0.0;
+    if (m_haveIntegrated && m_maxMomentary >= kAbsoluteGate && seconds >= kShortestJudgedSeconds) {
+        const double excess =
+            std::fabs(m_integrated - m_options.loudnessTarget) - m_options.loudnessTolerance;
+        if (excess > 0.0) {
+            m_owner.report(Cat::Audio, graded(severityOfExcess(excess)), m_index,
+                           "Loudness %.1f LUFS, target %.1f LUFS +/- %.1f LU", m_integrated,
+                           m_options.loudnessTarget, m_options.loudnessTolerance);
+        }
+        if (rule && seconds < kShortFormBelowSeconds) {
+            for (const auto& [measured, limit, format] :
+                 {std::tuple{
+                      m_maxShortTerm, m_options.shortFormMaxShortTerm,
+                      "Short-term loudness %.1f LUFS over the short-form limit of %.1f LUFS"},
+                  std::tuple{
+                      m_maxMomentary, m_options.shortFormMaxMomentary,
+                      "Momentary loudness %.1f LUFS over the short-form limit of %.1f LUFS"}}) {
+                if (limit && measured > *limit) {
+                    m_owner.report(Cat::Audio, severityOfExcess(measured - *limit), m_index, format,
+                                   measured, *limit);
+                }
+            }
+        }
+    }
+    // A true peak is a property of the samples, measured over any length.
+    if (m_truePeak > 0.0) {
+        const double decibels = 20.0 * std::log10(m_truePeak);
+        if (decibels > m_options.truePeakLimit) {
+            m_owner.report(Cat::Audio, graded(Sev::Low), m_index,
+                           "True peak %.1f dBTP over the limit of %.1f dBTP", decibels,
+                           m_options.truePeakLimit);
+        }
+    }
+}
+
 void ContentChecks::reportAudio()
 {
     if (m_sampleCount > 0 && m_samplePeak < kSilentPeak) {
@@ -483,23 +645,7 @@ void ContentChecks::reportAudio()
         return;
     }
     reportRuns(m_silence, kMinSilence, "Silence for %s sec from %s", false);
-    if (m_haveIntegrated) {
-        const double excess =
-            std::fabs(m_integrated - m_options.loudnessTarget) - m_options.loudnessTolerance;
-        if (excess > 0.0) {
-            m_owner.report(Cat::Audio, severityOfExcess(excess), m_index,
-                           "Loudness %.1f LUFS, target %.1f LUFS +/- %.1f LU", m_integrated,
-                           m_options.loudnessTarget, m_options.loudnessTolerance);
-        }
-    }
-    if (m_truePeak > 0.0) {
-        const double decibels = 20.0 * std::log10(m_truePeak);
-        if (decibels > m_options.truePeakLimit) {
-            m_owner.report(Cat::Audio, Sev::Low, m_index,
-                           "True peak %.1f dBTP over the limit of %.1f dBTP", decibels,
-                           m_options.truePeakLimit);
-        }
-    }
+    reportLoudness();
     if (m_clipped > 0) {
         m_owner.report(Cat::Audio, Sev::High, m_index,
                        "Clipped sound: %d samples at full scale, first at %s",

@@ -65,6 +65,7 @@ int ClipChecker::Run(const std::atomic<std::int32_t>* cancelFlag)
         for (const auto& stream : m_session->streams) {
             stream->finishContentChecks();
         }
+        reportLogged();
     }
     m_cancelFlag = nullptr;
     m_progress.store(kProgressMax, std::memory_order_relaxed);

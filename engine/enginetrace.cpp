@@ -8,6 +8,7 @@
 #include <string>
 
 #include "engine/ffmpeg.h"
+#include "engine/medialog.h"
 #include "results/qcissue.h"
 
 namespace tarvoqc {
@@ -52,10 +53,18 @@ namespace tarvoqc {
 
 namespace {
 
-// The media libraries' own messages join the trace: silent by default, on standard error
-// with the trace lines when tracing is on, never mixed into the checker's output.
+// The media libraries' own messages: the error-level ones of a clip's demuxer and decoders
+// go to its MediaLog (level 4 turns them into issues), and all of them join the trace,
+// silent by default, on standard error with the trace lines when tracing is on, never mixed
+// into the checker's output.
 void mediaLibraryLog(void* context, int level, const char* format, va_list args)
 {
+    {
+        va_list copy;
+        va_copy(copy, args);
+        recordMediaLibraryMessage(context, level, format, copy);
+        va_end(copy);
+    }
     if (!engineTraceEnabled() || level > AV_LOG_INFO) {
         return;
     }

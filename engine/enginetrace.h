@@ -19,8 +19,10 @@ void EngineTraceRaw(int level, const char* text);
 // Whether trace lines are written; read once from the environment.
 bool engineTraceEnabled();
 
-// Sends the media libraries' log messages to the trace instead of standard error. Called
-// by every ClipChecker; idempotent and thread-safe.
+// Sends the media libraries' log messages to the trace instead of standard error, and
+// their error-level messages of watched contexts to their MediaLog (engine/medialog.h).
+// The callback is process-wide: this is the only one the engine installs. Called by every
+// ClipChecker; idempotent and thread-safe.
 void installMediaLibraryLog();
 
 } // namespace tarvoqc

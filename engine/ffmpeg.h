@@ -8,6 +8,7 @@ extern "C" {
 #include <libavutil/avutil.h>
 #include <libavutil/dict.h>
 #include <libavutil/mathematics.h>
+#include <libavutil/pixdesc.h>
 
 #include <libavfilter/avfilter.h>
 #include <libavfilter/buffersink.h>

@@ -6,36 +6,12 @@
 #include <system_error>
 
 #include <fcntl.h>
-#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "engine/eventfdwait.h"
+
 namespace tarvoqc {
-
-namespace {
-
-// Blocks until the eventfd has been signalled at least once since it was last drained.
-void waitEvent(int fd)
-{
-    eventfd_t value = 0;
-    while (::eventfd_read(fd, &value) != 0 && errno == EINTR) {
-    }
-}
-
-void signalEvent(int fd)
-{
-    ::eventfd_write(fd, 1);
-}
-
-void closeFd(int& fd)
-{
-    if (fd >= 0) {
-        ::close(fd);
-        fd = -1;
-    }
-}
-
-} // namespace
 
 HashReader::HashReader(int fd, std::uint64_t fileSize, Mode mode)
     // Sizes beyond what a file offset can hold are cut; no real file reaches them.

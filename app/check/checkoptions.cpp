@@ -54,7 +54,8 @@ struct DecimalRange
     double high;
 };
 
-auto decimalSetter(double CheckOptions::*field, DecimalRange range, std::string_view name)
+// A loudness limit: a number in its range, and with it the loudness becomes a rule.
+auto loudnessSetter(double CheckOptions::*field, DecimalRange range, std::string_view name)
 {
     return [field, range, name](CheckOptions& o, std::string_view value, std::string& error) {
         double number = 0.0;
@@ -68,6 +69,7 @@ auto decimalSetter(double CheckOptions::*field, DecimalRange range, std::string_
             return false;
         }
         o.*field = number;
+        o.loudnessRule = true;
         return true;
     };
 }
@@ -95,11 +97,11 @@ const std::vector<OptionRow>& optionTable()
         {"", "json", false, flagSetter(&CheckOptions::json)},
         {"l", "level", true, intSetter(&CheckOptions::level, {1, 4}, "--level")},
         {"", "loudness-target", true,
-         decimalSetter(&CheckOptions::loudnessTarget, {-70.0, 0.0}, "--loudness-target")},
+         loudnessSetter(&CheckOptions::loudnessTarget, {-70.0, 0.0}, "--loudness-target")},
         {"", "loudness-tolerance", true,
-         decimalSetter(&CheckOptions::loudnessTolerance, {0.0, 30.0}, "--loudness-tolerance")},
+         loudnessSetter(&CheckOptions::loudnessTolerance, {0.0, 30.0}, "--loudness-tolerance")},
         {"", "true-peak-limit", true,
-         decimalSetter(&CheckOptions::truePeakLimit, {-70.0, 10.0}, "--true-peak-limit")},
+         loudnessSetter(&CheckOptions::truePeakLimit, {-70.0, 10.0}, "--true-peak-limit")},
         {"j", "jobs", true, intSetter(&CheckOptions::jobs, {0, 256}, "--jobs")},
         {"", "threads", true, intSetter(&CheckOptions::threads, {0, 256}, "--threads")},
         {"t", "threshold", true, intSetter(&CheckOptions::threshold, {0, 5}, "--threshold")},
@@ -228,6 +230,9 @@ std::string checkUsage()
            "      --loudness-target LUFS     level 4: integrated loudness target (default -23)\n"
            "      --loudness-tolerance LU    level 4: allowed deviation from it (default 1)\n"
            "      --true-peak-limit DBTP     level 4: highest true peak (default -1)\n"
+           "                       Any of these makes the loudness limits a delivery rule that\n"
+           "                       grades what is off them; without one, loudness and true\n"
+           "                       peak are information (at most a Warning)\n"
            "  -j, --jobs N         clips checked at the same time (default 1; 0 = one per core)\n"
            "      --threads N      decoder threads per clip (default 0: the cores divided\n"
            "                       among the clips checked at the same time)\n"

@@ -24,6 +24,9 @@ struct CheckOptions
     // activity after which a check counts as hung (0 never).
     int maxMemoryMiB = 4096;
     int hangTimeout = 120;
+    // Whether any of the three was given: they are then a delivery rule that grades
+    // loudness, the others keeping their defaults; otherwise loudness is information.
+    bool loudnessRule = false;
     bool quiet = false;
     bool version = false;
     bool help = false;

@@ -276,6 +276,7 @@ int main(int argc, char** argv)
     runOptions.check.truePeakLimit = options->truePeakLimit;
     runOptions.memoryLimitBytes = static_cast<std::uint64_t>(options->maxMemoryMiB) * 1024 * 1024;
     runOptions.hangTimeout = std::chrono::seconds(options->hangTimeout);
+    runOptions.check.loudnessRule = options->loudnessRule;
     RunController controller(list, runOptions);
     controller.CheckAll(); // an empty list (a job without clips) stays idle
 

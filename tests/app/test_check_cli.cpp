@@ -55,10 +55,12 @@ TEST(CheckCli, ScoresIssuesAndExitStatus)
     const std::string mxf = clip("mpeg2_pcm.mxf"), text = clip("text.mov"), wav = clip("pcm.wav");
     const std::tuple<std::vector<std::string>, int, std::vector<std::string>> cases[] = {
         {{"--level", "1", mxf}, 0, {"5/5 OK", "mpeg2_pcm.mxf"}},
-        // Level 4 with its limits from the command line.
+        // Level 4: loudness limits given on the command line are a rule that grades the
+        // clip; without them its loudness is only told.
         {{"-l4", "--loudness-target", "-8", "--true-peak-limit=-10", clip("l4_loud.mov")},
          0,
-         {"3/5 Playable", "over the limit of -10.0 dBTP"}},
+         {"3/5 Playable", "[Low] Stream 0 (Audio) True peak -5.0 dBTP over the limit of -10.0"}},
+        {{"-l4", clip("l4_loud.mov")}, 0, {"4/5 Good", "[Warning] Stream 0 (Audio) Loudness -8.0"}},
         // pcm.wav scores 1 ("Couldn't estimate clip start timecode"): the threshold decides.
         {{"-l1", "-t1", wav}, 0, {"1/5 Very BAD"}},
         {{"-l1", "--threshold=2", wav}, 1, {"1/5 Very BAD"}},

@@ -241,7 +241,9 @@ TEST(CheckRunner, CheckSettingsComeFromTheOptionsSection)
     // The file's text ("" for no file), the level and options read; 5 is not a level.
     const std::tuple<const char*, CheckLevel, ClipCheckOptions> cases[] = {
         {"", 3, {}},
-        {"Check.Level=4\nLoudness.Target=-16\nTruePeak.Limit=-2.5\n", 4, {-16.0, 1.0, -2.5, 0}},
+        {"Check.Level=4\nLoudness.Target=-16\nTruePeak.Limit=-2.5\n",
+         4,
+         {-16.0, 1.0, -2.5, 0, true, std::nullopt, std::nullopt}},
         {"Check.Level=5\n", 3, {}}};
     for (const auto& [text, level, options] : cases) {
         SCOPED_TRACE(text);

@@ -110,7 +110,11 @@ std::optional<std::pair<FrameType, std::string>> readBack(const std::string& byt
 
 TEST(CheckProtocol, EveryMessageComesBackExactly)
 {
-    const CheckRequest request{77, std::string("/a/\x80\x81.mxf"), 4, -1, {-16.0, 0.5, -2.0, 3}};
+    const CheckRequest request{77,
+                               std::string("/a/\x80\x81.mxf"),
+                               4,
+                               -1,
+                               {-16.0, 0.5, -2.0, 3, true, -18.0, std::nullopt}};
     auto frame = readBack(encodeCheck(request));
     ASSERT_TRUE(frame && frame->first == FrameType::Check);
     EXPECT_EQ(decodeCheck(frame->second), request);

@@ -169,6 +169,10 @@ patch_wav() { # NAME OFFSET VALUE
 }
 patch_wav zero_channels.wav 22 0
 patch_wav bits33.wav 34 33
+# The same WAV claiming 134225728 samples a second (bytes 24..27), cut to 16 KiB.
+[[ -e "$out/absurd_rate.wav" ]] || { perl -e 'local $/; open my $f, "<:raw", $ARGV[0] or die;
+    my $d = <$f>; substr($d, 24, 4) = pack("V", 134225728); print substr($d, 0, 16384)' \
+    "$out/pcm.wav" >"$out/.tmp.absurd_rate.wav" && mv "$out/.tmp.absurd_rate.wav" "$out/absurd_rate.wav"; }
 
 # A longer clip, so that a check can be stopped while it is still reading.
 make long.ts -f lavfi -i "$(video 30 720x576)" -f lavfi -i "$(tone 30)" \
@@ -181,9 +185,9 @@ picture() { # NAME FILTERS [SECONDS]: a picture clip with the filters applied to
     make "$1" -f lavfi -i "testsrc2=size=320x180:rate=25:duration=${3:-4},$2" \
         -c:v mpeg2video -q:v 4 -g 100 -bf 0 -f mov
 }
-sound() { # NAME EXPRESSION [SECONDS]: a mono PCM clip of the expression over t
+sound() { # NAME EXPRESSION [SECONDS] [CODEC]: a mono PCM clip of the expression over t
     make "$1" -f lavfi -i "aevalsrc=exprs='$2':sample_rate=48000:duration=${3:-6}" \
-        -c:a pcm_s16le -f mov
+        -c:a "${4:-pcm_s16le}" -f mov
 }
 black() { echo "drawbox=t=fill:c=black:enable='between(n,$1,$2)'"; }
 picture l4_black_middle.mov "$(black 25 74)"  # 2.00 s from 1.00
@@ -197,8 +201,15 @@ sound l4_loud.mov "0.5623*sin(2*PI*1000*t)"             # -8 LUFS
 sound l4_quiet.mov "0.03162*sin(2*PI*1000*t)"           # -33 LUFS
 sound l4_within.mov "0.1110*sin(2*PI*1000*t)"           # -22.1 LUFS: just within target + tolerance
 sound l4_over.mov "0.1136*sin(2*PI*1000*t)"             # -21.9 LUFS: just over it
+sound l4_short_loud.mov "0.5623*sin(2*PI*1000*t)" 2.9   # -8 LUFS, too short to judge
+# A click of -40 dBFS each second: not silent, yet no 400 ms block reaches -70 LUFS.
+sound l4_clicks.mov "0.01*lt(mod(t,1),1/48000)"
 # A hundredth of a second of a sine at 1.5 times full scale, cut flat by the 16-bit samples.
-sound l4_clipped.mov "if(between(t,1,1.01),max(-1,min(1,1.5*sin(2*PI*440*t))),0.1*sin(2*PI*1000*t))"
+# The same in 24-bit and in float samples.
+clipped="if(between(t,1,1.01),max(-1,min(1,1.5*sin(2*PI*440*t))),0.1*sin(2*PI*1000*t))"
+sound l4_clipped.mov "$clipped"
+sound l4_clipped_s24.mov "$clipped" 6 pcm_s24le
+sound l4_clipped_f32.mov "$clipped" 6 pcm_f32le
 # A tone with a second, silent track.
 make l4_silent_track.mov -f lavfi -i "aevalsrc=exprs='0.1*sin(2*PI*1000*t)':sample_rate=48000:duration=4" \
     -f lavfi -i "anullsrc=r=48000:cl=mono:d=4" -map 0 -map 1 -c:a pcm_s16le -f mov
@@ -220,6 +231,42 @@ if [[ ! -e "$out/l4_damaged.ts" ]]; then
                  substr($d, $p + 40, 148) = "\xff" x 148; ++$hit;
              }
              print $d' "$out/.l4_clean.ts" >"$out/.tmp.l4_damaged.ts" && mv "$out/.tmp.l4_damaged.ts" "$out/l4_damaged.ts"
+fi
+
+# Defects the media libraries only log. change NAME SOURCE AT COUNT: COUNT bytes from byte AT
+# of SOURCE changed (each XOR 0x5A).
+change() {
+    [[ -e "$out/$1" ]] && return 0
+    perl -e 'local $/; open my $f, "<:raw", $ARGV[0] or die; my $d = <$f>;
+        substr($d, $ARGV[1] + $_, 1) ^= "\x5a" for 0 .. $ARGV[2] - 1; print $d' \
+        "$out/$2" "$3" "$4" >"$out/.tmp.$1" && mv "$out/.tmp.$1" "$out/$1"
+}
+# FFV1 with slice CRCs, 64 bytes changed in the middle of the file: one slice of one picture.
+make .l4_ffv1.mkv -f lavfi -i "$(video 2)" -c:v ffv1 -level 3 -slicecrc 1 -slices 4 -g 1 -f matroska
+change l4_ffv1_crc.mkv .l4_ffv1.mkv "$(($(stat -c %s "$out/.l4_ffv1.mkv") / 2))" 64
+# FLAC, whose frame CRCs its decoder checks only when asked, with 8 bytes changed.
+make .l4_flac.mkv -f lavfi -i "$(tone 4)" -c:a flac -f matroska
+change l4_flac_crc.mkv .l4_flac.mkv "$(($(stat -c %s "$out/.l4_flac.mkv") / 2))" 8
+# Matroska whose MuxingApp element claims 64 bytes, running past the end of its parent (Info).
+make .l4_mkv.mkv -f lavfi -i "$(video 2 160x120)" -f lavfi -i "$(tone 2)" -c:v mpeg2video -c:a mp2 \
+    -f matroska
+[[ -e "$out/l4_overrun.mkv" ]] || { perl -e 'local $/; open my $f, "<:raw", $ARGV[0] or die;
+    my $d = <$f>; my $at = index($d, "\x4d\x80\x84"); die if $at < 0;
+    substr($d, $at + 2, 1) = "\xc0"; print $d' "$out/.l4_mkv.mkv" >"$out/.tmp.l4_overrun.mkv" &&
+    mv "$out/.tmp.l4_overrun.mkv" "$out/l4_overrun.mkv"; }
+# Ten JPEG 2000 pictures in Matroska, the second to the ninth scrambled after their first two
+# bytes: most packets do not decode.
+if [[ ! -e "$out/l4_j2k_most_bad.mkv" ]]; then
+    mkdir -p "$out/.j2k"
+    "${ff[@]}" -f lavfi -i "testsrc2=size=64x48:rate=25:duration=0.4" -c:v jpeg2000 "${exact[@]}" \
+        -f image2 "$out/.j2k/%02d.j2k"
+    for i in 02 03 04 05 06 07 08 09; do
+        perl -i -e 'local $/; my $d = <>; substr($d, $_, 1) = chr((ord(substr($d, $_, 1)) * 7 + 13) % 256)
+            for 2 .. length($d) - 1; print $d' "$out/.j2k/$i.j2k"
+    done
+    "${ff[@]}" -framerate 25 -i "$out/.j2k/%02d.j2k" -c copy "${exact[@]}" -f matroska \
+        "$out/.tmp.l4_j2k_most_bad.mkv" && mv "$out/.tmp.l4_j2k_most_bad.mkv" "$out/l4_j2k_most_bad.mkv"
+    rm -rf "$out/.j2k"
 fi
 
 # Durations a hair off: a 2 s MPEG-2 MP4 at a 1/10000 track time base, without an edit list,
