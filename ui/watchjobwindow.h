@@ -62,6 +62,9 @@ protected:
 
 private:
     void showSettings();
+    // A folder field shows the end of its path (the part that tells folders apart) when the
+    // whole does not fit; its tip shows it whole.
+    void showFolder(int fieldId, const std::string& folder);
     bool acceptable() const;
 
     WatchJobSettings m_settings;

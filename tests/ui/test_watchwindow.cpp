@@ -1,6 +1,7 @@
 #include <QApplication>
 #include <QLabel>
 #include <QMenu>
+#include <QScopeGuard>
 #include <QTest>
 #include <QTimer>
 #include <chrono>
@@ -153,6 +154,84 @@ TEST_F(WatchWindowTest, SetupDialogRowsAndTheOkRule)
                                                    .moveBad = true,
                                                    .goodThreshold = 0}));
 }
+
+// The dialog keeps its fixed size whatever the desktop's font; its seven rows must still fit
+// whole, top to bottom, none over another, no control squeezed below its height or its text.
+class SetupDialogLayout : public WatchWindowTest, public ::testing::WithParamInterface<int>
+{};
+
+TEST_P(SetupDialogLayout, EveryRowIsWholeInsideTheWindowAndApartFromTheOthers)
+{
+    const QFont desktop = QApplication::font();
+    QFont font = desktop;
+    if (GetParam() > 0) {
+        font.setPointSize(GetParam());
+    }
+    QApplication::setFont(font);
+    const auto restore = qScopeGuard([&] { QApplication::setFont(desktop); });
+    WatchJobSettings settings;
+    settings.enabled = true;
+    settings.moveGood = true;
+    settings.sourceFolder = "/srv/media/incoming/2026-11-23/channel-one/deliveries/";
+    settings.goodFolder = "/srv/media/passed/";
+    WatchJobSetupDialog dialog(settings);
+    dialog.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&dialog));
+    EXPECT_EQ(dialog.size(), QSize(414, 354));
+
+    const auto labelled = [&](const QString& text) -> QWidget* {
+        for (QLabel* l : dialog.findChildren<QLabel*>()) {
+            if (l->text() == text) {
+                return l;
+            }
+        }
+        return nullptr;
+    };
+    const auto c = [&](int id) { return dialog.control(id); };
+    using D = WatchJobSetupDialog;
+    const std::vector<std::vector<QWidget*>> rows = {
+        {labelled("Status"), c(D::kIdStatus)},
+        {labelled("Input Folder"), c(D::kIdInputField), c(D::kIdInputPick)},
+        {labelled("Actions"), c(D::kIdAction)},
+        {labelled("Clip is GOOD when QC score is equal or better than"), c(D::kIdThreshold)},
+        {c(D::kIdGoodToggle), c(D::kIdGoodField), c(D::kIdGoodPick)},
+        {c(D::kIdBadToggle), c(D::kIdBadField), c(D::kIdBadPick)},
+        {c(kIdCancel), c(kIdOk)}};
+    std::vector<QWidget*> all;
+    int above = 0; // the bottom of the row before
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        SCOPED_TRACE("row " + std::to_string(i + 1));
+        QRect band;
+        for (QWidget* w : rows[i]) {
+            ASSERT_NE(w, nullptr);
+            const QRect g = w->geometry();
+            SCOPED_TRACE(w->metaObject()->className() +
+                         (" " + w->property("text").toString()).toStdString());
+            EXPECT_TRUE(w->isVisible());
+            EXPECT_TRUE(dialog.rect().contains(g));
+            EXPECT_GE(g.height(), w->sizeHint().height());
+            if (w->hasHeightForWidth()) {
+                EXPECT_GE(g.height(), w->heightForWidth(g.width()));
+            }
+            if (auto* button = qobject_cast<QPushButton*>(w)) {
+                EXPECT_GT(g.width(), button->fontMetrics().horizontalAdvance(button->text()));
+            }
+            for (const QWidget* other : all) {
+                EXPECT_FALSE(g.intersects(other->geometry()));
+            }
+            all.push_back(w);
+            band |= g;
+        }
+        EXPECT_GE(band.top(), above);
+        above = band.bottom() + 1;
+    }
+    // Cancel at the bottom left, OK at the bottom right.
+    EXPECT_LT(c(kIdCancel)->geometry().right(), dialog.width() / 2);
+    EXPECT_GT(c(kIdOk)->geometry().left(), dialog.width() / 2);
+}
+
+// 0: the desktop's own font; then larger ones.
+INSTANTIATE_TEST_SUITE_P(Fonts, SetupDialogLayout, ::testing::Values(0, 10, 11, 12));
 
 TEST_F(WatchWindowTest, JobSetupWritesTheKeysOnOkOnly)
 {
