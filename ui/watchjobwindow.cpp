@@ -6,6 +6,7 @@
 #include <QLabel>
 #include <QMenu>
 #include <QSystemTrayIcon>
+#include <algorithm>
 #include <filesystem>
 
 #include "batch/checkrunner.h"
@@ -40,6 +41,70 @@ CMkEdit* folderField(QWidget* parent, int id)
 QString trayTip(const QString& title)
 {
     return title.left(kTrayTipMaxChars);
+}
+
+namespace {
+
+// At most 60 characters, the middle given up (both ends tell names apart), so that one long
+// name does not make the tip as wide as the screen.
+QString shortName(const QString& name)
+{
+    constexpr qsizetype kMost = 60;
+    if (name.size() <= kMost) {
+        return name;
+    }
+    qsizetype head = (kMost - 1) / 2;
+    qsizetype tail = kMost - 1 - head;
+    // Never half of a character.
+    if (name[head - 1].isHighSurrogate()) {
+        --head;
+    }
+    if (name[name.size() - tail].isLowSurrogate()) {
+        --tail;
+    }
+    return name.left(head) + QChar(0x2026) + name.right(tail);
+}
+
+QString fileNameOf(const std::string& path)
+{
+    const QString text = QFile::decodeName(QByteArray::fromStdString(path));
+    return shortName(text.mid(text.lastIndexOf(QLatin1Char('/')) + 1));
+}
+
+} // namespace
+
+QString watchStateText(const WatchJobStatus& status, bool enabled, const std::string& folder)
+{
+    QStringList lines;
+    if (!status.running) {
+        lines << QStringLiteral("Not running");
+    } else if (!enabled) {
+        lines << QStringLiteral("Disabled");
+    } else if (!status.checking.empty()) {
+        lines << QStringLiteral("Checking %1 (%2%)")
+                     .arg(fileNameOf(status.checking))
+                     .arg(static_cast<std::int64_t>(status.progress) * 100 / kProgressMax);
+    } else {
+        lines << QStringLiteral("Waiting for clips in %1")
+                     .arg(shortName(QFile::decodeName(QByteArray::fromStdString(folder))));
+    }
+    if (status.results > 0) {
+        lines << QStringLiteral("Last: %1 %2 (%3)")
+                     .arg(status.lastGood ? QStringLiteral("GOOD") : QStringLiteral("BAD"),
+                          fileNameOf(status.lastPath), fromUtf8(scoreText(status.lastScore)));
+    }
+    if (status.checked > 0) {
+        QString counts =
+            QStringLiteral("Checked %1, moved %2").arg(status.checked).arg(status.moved);
+        if (status.moveFailures > 0) {
+            counts += QStringLiteral(", %1 %2 failed")
+                          .arg(status.moveFailures)
+                          .arg(status.moveFailures == 1 ? QStringLiteral("move")
+                                                        : QStringLiteral("moves"));
+        }
+        lines << counts;
+    }
+    return lines.join(QLatin1Char('\n'));
 }
 
 // ---- Setup dialog -----------------------------------------------------------------------
@@ -242,10 +307,11 @@ WatchJobWindow::WatchJobWindow(QWidget* parent) : CWDlgClass(parent)
     m_trayMenu->addSeparator();
     connect(m_trayMenu->addAction(QStringLiteral("Close and Exit")), &QAction::triggered, this,
             [this] { postCommand(kCommandCloseAndExit); });
+    m_tip = trayTip(m_title);
     if (QSystemTrayIcon::isSystemTrayAvailable()) {
         m_tray = new QSystemTrayIcon(programIcon(), this);
         m_tray->setProperty("kitId", kTrayIconId);
-        m_tray->setToolTip(trayTip(m_title));
+        m_tray->setToolTip(m_tip);
         // The menu opens on a right click; other clicks do nothing.
         m_tray->setContextMenu(m_trayMenu);
         m_tray->show();
@@ -261,8 +327,42 @@ WatchJobWindow::WatchJobWindow(QWidget* parent) : CWDlgClass(parent)
     m_job = std::make_unique<WatchJob>(&m_log);
     m_job->setSettings(loadWatchServiceSettings(settingsPath()));
 
-    // The timer's ticks are left to the default handling.
+    connect(&m_timer, &QTimer::timeout, this, &WatchJobWindow::followJob);
     m_timer.start(1000);
+}
+
+void WatchJobWindow::followJob()
+{
+    const WatchJobStatus status = m_job->status();
+    const WatchJobSettings settings = m_job->settings();
+    const QString tip = trayTip(m_title) + QLatin1Char('\n') +
+                        watchStateText(status, settings.enabled, settings.sourceFolder);
+    if (tip != m_tip) {
+        m_tip = tip;
+        if (m_tray != nullptr) {
+            m_tray->setToolTip(m_tip);
+        }
+    }
+
+    // A new run of the worker counts from 0 again.
+    m_badSeen = std::min(m_badSeen, status.badResults);
+    if (status.badResults == m_badSeen) {
+        return;
+    }
+    const std::uint64_t fresh = status.badResults - m_badSeen;
+    m_badSeen = status.badResults;
+    // The newest BAD clip is named when it is the newest result; the daily log names all.
+    const QString newest =
+        status.lastGood
+            ? QStringLiteral("See the daily log in %1").arg(QFile::decodeName(logsFolder().c_str()))
+            : fromUtf8(scoreText(status.lastScore)) + QLatin1Char(' ') +
+                  QFile::decodeName(QByteArray::fromStdString(status.lastPath));
+    const QString title =
+        fresh == 1 ? QStringLiteral("BAD clip") : QStringLiteral("%1 BAD clips").arg(fresh);
+    emit badClipNotice(title, newest);
+    if (m_tray != nullptr && QSystemTrayIcon::supportsMessages()) {
+        m_tray->showMessage(title, newest, QSystemTrayIcon::Warning);
+    }
 }
 
 WatchJobWindow::~WatchJobWindow()
@@ -294,6 +394,7 @@ void WatchJobWindow::onCommand(int id)
     switch (id) {
     case kIdTest01:
         m_job->Start();
+        followJob();
         break;
     case kCommandJobSetup:
         runSetup();
