@@ -36,15 +36,6 @@ CMkEdit* folderField(QWidget* parent, int id)
     return field;
 }
 
-} // namespace
-
-QString trayTip(const QString& title)
-{
-    return title.left(kTrayTipMaxChars);
-}
-
-namespace {
-
 // At most 60 characters, the middle given up (both ends tell names apart), so that one long
 // name does not make the tip as wide as the screen.
 QString shortName(const QString& name)
@@ -72,6 +63,11 @@ QString fileNameOf(const std::string& path)
 }
 
 } // namespace
+
+QString trayTip(const QString& title)
+{
+    return title.left(kTrayTipMaxChars);
+}
 
 QString watchStateText(const WatchJobStatus& status, bool enabled, const std::string& folder)
 {
