@@ -245,22 +245,55 @@ void TaskList::ClearAll()
 
 std::size_t TaskList::ClearFinished()
 {
-    if (m_observer != nullptr) {
-        m_observer->aboutToReset();
+    std::size_t runs = 0;
+    for (std::size_t row = 0; row < m_items.size(); ++row) {
+        runs += m_items[row]->finished() && (row == 0 || !m_items[row - 1]->finished()) ? 1 : 0;
     }
-    const std::size_t removed =
-        std::erase_if(m_items, [this](const std::unique_ptr<TaskItem>& item) {
-            if (!item->finished()) {
-                return false;
-            }
-            untrack(item->path());
-            return true;
-        });
-    if (removed > 0) {
+    if (runs > kClearFinishedMostRemovals) {
+        if (m_observer != nullptr) {
+            m_observer->aboutToReset();
+        }
+        const std::size_t removed =
+            std::erase_if(m_items, [this](const std::unique_ptr<TaskItem>& item) {
+                if (!item->finished()) {
+                    return false;
+                }
+                untrack(item->path());
+                return true;
+            });
         rowsMoved(false);
+        if (m_observer != nullptr) {
+            m_observer->reset();
+        }
+        return removed;
     }
-    if (m_observer != nullptr) {
-        m_observer->reset();
+    // The last run first, so that the rows before a run keep their numbers while it goes.
+    std::size_t removed = 0;
+    std::size_t end = m_items.size();
+    while (true) {
+        while (end > 0 && !m_items[end - 1]->finished()) {
+            --end;
+        }
+        if (end == 0) {
+            break;
+        }
+        std::size_t first = end - 1;
+        while (first > 0 && m_items[first - 1]->finished()) {
+            --first;
+        }
+        if (m_observer != nullptr) {
+            m_observer->rowsAboutToBeRemoved(first, end - first);
+        }
+        const auto from = m_items.begin() + static_cast<std::ptrdiff_t>(first);
+        const auto to = m_items.begin() + static_cast<std::ptrdiff_t>(end);
+        std::for_each(from, to, [this](const auto& item) { untrack(item->path()); });
+        m_items.erase(from, to);
+        rowsMoved(false);
+        if (m_observer != nullptr) {
+            m_observer->rowsRemoved();
+        }
+        removed += end - first;
+        end = first;
     }
     return removed;
 }

@@ -95,7 +95,8 @@ public:
     // count rows are removed from row on (0 < count).
     virtual void rowsAboutToBeRemoved(std::size_t row, std::size_t count) = 0;
     virtual void rowsRemoved() = 0;
-    // The list is about to change as a whole (cleared, or finished items removed).
+    // The list is about to change as a whole (cleared, or finished items in many places
+    // removed).
     virtual void aboutToReset() = 0;
     virtual void reset() = 0;
 };
@@ -157,8 +158,12 @@ public:
     // Destroys every item with its result.
     void ClearAll();
     // Removes the items that have a result, keeping the order of the rest. Returns how
-    // many were removed.
+    // many were removed. The observer is told of each run of neighbouring finished rows as
+    // one removal (the last run first), so that a view keeps its selection and its
+    // persistent indexes; with more than kClearFinishedMostRemovals runs it is told of one
+    // reset instead, as a view pays for each removal about as much as for a reset.
     std::size_t ClearFinished();
+    static constexpr std::size_t kClearFinishedMostRemovals = 100;
 
     // Appends to out the clip files under folder, at every depth, in the order the file
     // system lists them, skipping paths already listed. folder + "/" + name is the text of

@@ -745,6 +745,15 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
 
     const bool good = isGoodClip(score, settings.goodThreshold);
     seen.good = good;
+    if (!known) {
+        updateStatus([&](WatchJobStatus& status) {
+            ++status.results;
+            status.badResults += good ? 0 : 1;
+            status.lastPath = path;
+            status.lastScore = score;
+            status.lastGood = good;
+        });
+    }
     const bool move = good ? settings.moveGood : settings.moveBad;
     // A clip that stays after its check goes back to the folder with its document beside
     // it (under the name it got back, which differs when a new clip of its name arrived

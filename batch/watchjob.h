@@ -90,6 +90,14 @@ struct WatchJobStatus
     std::uint64_t checked = 0;      // clips whose check ran to its end
     std::uint64_t moved = 0;        // clips moved (copy verified, source deleted)
     std::uint64_t moveFailures = 0; // move attempts that failed (a cancelled one does not)
+    // The results logged ("QC <score text> <path>": a clip, or a new version of one), how
+    // many of them were BAD, and the newest: its clip's path in the watched folder, its
+    // score and whether it was GOOD. A result the run has logged already does not count.
+    std::uint64_t results = 0;
+    std::uint64_t badResults = 0;
+    std::string lastPath;
+    QcScore lastScore = 0;
+    bool lastGood = false;
 };
 
 // Watches one folder: a worker thread checks every clip in it again and again and moves

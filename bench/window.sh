@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The window program's figures, each against its reference in the same run:
 #  - 50000 clips added to the grid, shown, scrolled to and the last one selected;
+#  - "Clear finished" on 50000 clips whose finished rows lie in 1, 100, 101 and 25000 runs;
 #  - the longest gap between two 10 ms ticks on the window thread while a 60 s 1080p H.264
 #    clip is checked;
 #  - start-up and a job of 3 short clips through tarvoqc against tarvoqc-check.
@@ -34,6 +35,7 @@ if [[ ! -s "$clip60" ]]; then
 fi
 
 "$bin/bench/tarvoqc-window-bench" grid 50000 2>/dev/null
+"$bin/bench/tarvoqc-window-bench" clear 50000 2>/dev/null
 "$bin/bench/tarvoqc-window-bench" gaps "$clip60" 2>/dev/null
 
 job() { # FILE CLIP...

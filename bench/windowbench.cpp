@@ -2,11 +2,13 @@
 // thread can be kept from its events while a clip is checked.
 //
 //   tarvoqc-window-bench grid N      add N clips, show them, scroll to and select the last
+//   tarvoqc-window-bench clear N     "Clear finished" on N clips, finished in runs of three sizes
 //   tarvoqc-window-bench gaps CLIP   check CLIP; the longest gap between 10 ms timer ticks
 //   tarvoqc-window-bench shot PNG WxH ROW EXTRA CLIP...   check the clips at that window size,
 //                                  add EXTRA unchecked rows, select a row, save a picture
 
 #include <QApplication>
+#include <QMenu>
 #include <QTest>
 #include <QTimer>
 #include <algorithm>
@@ -16,6 +18,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "ui/mainwindow.h"
@@ -88,6 +91,57 @@ int grid(int count)
                     std::chrono::duration<double>(Clock::now() - began).count());
     }
     return selected ? 0 : 1;
+}
+
+// "Clear finished" on a list of count clips whose finished rows lie in runs of the given
+// lengths: the time until the grid is drawn again, and whether the selected clip (one that
+// stays) is still selected.
+int clearFinished(int count)
+{
+    int status = 0;
+    // Finished rows, then rows that stay, repeated.
+    const std::tuple<const char*, int, int> patterns[] = {
+        {"all but the last 10 finished (1 run)", count - 10, 10},
+        // The most runs that still leave one by one, then one more.
+        {"100 runs finished", count / 200, count / 200},
+        {"101 runs finished", count / 202, count / 202},
+        {"every other row finished", 1, 1},
+    };
+    for (const auto& [what, finished, staying] : patterns) {
+        std::vector<std::string> paths;
+        for (int i = 0; i < count; ++i) {
+            paths.push_back("/srv/media/incoming/clip-" + std::to_string(i) + ".mxf");
+        }
+        MainWindow window;
+        window.show();
+        if (!QTest::qWaitForWindowExposed(&window)) {
+            return 1;
+        }
+        window.addFiles(0, paths);
+        TaskList& list = window.taskList();
+        for (int i = 0; i + 1 < count; ++i) { // the last row always stays
+            if (i % (finished + staying) < finished) {
+                list.item(static_cast<std::size_t>(i)).setResult(std::make_unique<QcResult>());
+            }
+        }
+        const int keep = count - 1;
+        auto* view = static_cast<CMaGrid*>(window.control(kIdTaskGrid));
+        view->setCurrentIndex(view->model()->index(keep, 0));
+        QApplication::processEvents();
+        const auto clear = static_cast<QPushButton*>(window.control(kIdClearButton))->menu();
+        const auto began = Clock::now();
+        clear->actions().at(0)->trigger(); // "Clear finished"
+        QApplication::processEvents();
+        view->repaint();
+        const double seconds = std::chrono::duration<double>(Clock::now() - began).count();
+        const bool kept = view->selectedRow() >= 0 &&
+                          list.item(static_cast<std::size_t>(view->selectedRow())).path() ==
+                              paths[static_cast<std::size_t>(keep)];
+        std::printf("clear finished: %d clips, %s: %zu left in %.3f s, selection %s\n", count, what,
+                    list.size(), seconds, kept ? "kept" : "LOST");
+        status |= kept ? 0 : 1;
+    }
+    return status;
 }
 
 // Nanoseconds the calling thread has run on a processor and waited for one.
@@ -201,6 +255,9 @@ int main(int argc, char** argv)
     if (mode == "grid" && argc > 2) {
         return grid(std::atoi(argv[2]));
     }
+    if (mode == "clear" && argc > 2) {
+        return clearFinished(std::atoi(argv[2]));
+    }
     if (mode == "gaps" && argc > 2) {
         return gaps(argv[2]);
     }
@@ -208,7 +265,7 @@ int main(int argc, char** argv)
         return shot(argv[2], argv[3], std::atoi(argv[4]), std::atoi(argv[5]),
                     std::vector<std::string>(argv + 6, argv + argc));
     }
-    std::fprintf(stderr, "usage: tarvoqc-window-bench grid N | gaps CLIP | "
+    std::fprintf(stderr, "usage: tarvoqc-window-bench grid N | clear N | gaps CLIP | "
                          "shot PNG WxH ROW EXTRA CLIP...\n");
     return 2;
 }

@@ -457,7 +457,7 @@ void MainWindow::onMenu(int button, int entry)
         break;
     case kIdClearButton:
         if (entry == kMenuClearFinished) {
-            m_list.ClearFinished();
+            clearFinished();
         } else if (entry == kMenuClearAll) {
             m_list.ClearAll();
         }
@@ -760,6 +760,35 @@ void MainWindow::selectListRow(int row)
     const int viewRow = m_proxy->viewRow(row);
     if (viewRow >= 0) {
         m_grid->setCurrentIndex(m_proxy->index(viewRow, 0));
+    }
+}
+
+void MainWindow::clearFinished()
+{
+    // The grid keeps its place: the first clip that stays, from the top row of the view on,
+    // is at the top again. A selected clip that stays stays selected, also when the list
+    // was reset (as a removal in many places is).
+    std::optional<std::uint64_t> top;
+    for (int row = m_grid->indexAt(QPoint(0, 0)).row(); row >= 0 && row < m_proxy->rowCount();
+         ++row) {
+        const TaskItem& item = m_list.item(static_cast<std::size_t>(m_proxy->listRow(row)));
+        if (!item.finished()) {
+            top = item.id();
+            break;
+        }
+    }
+    const int selected = selectedListRow();
+    std::optional<std::uint64_t> kept;
+    if (selected >= 0 && !m_list.item(static_cast<std::size_t>(selected)).finished()) {
+        kept = m_list.item(static_cast<std::size_t>(selected)).id();
+    }
+    m_list.ClearFinished();
+    if (kept && selectedListRow() < 0) {
+        selectListRow(static_cast<int>(m_list.indexOfId(*kept)));
+    }
+    if (top) {
+        const int row = m_proxy->viewRow(static_cast<int>(m_list.indexOfId(*top)));
+        m_grid->scrollTo(m_proxy->index(row, 0), QAbstractItemView::PositionAtTop);
     }
 }
 

@@ -182,6 +182,7 @@ private:
     int selectedListRow() const;
     void selectListRow(int row);
     void removeSelected();
+    void clearFinished();
     QMenu* addMenu(CMkButton* button, std::initializer_list<std::pair<int, const char*>> entries);
 
     MainWindowOptions m_options;

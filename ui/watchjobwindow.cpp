@@ -2,9 +2,11 @@
 
 #include <QActionGroup>
 #include <QFile>
+#include <QGridLayout>
 #include <QLabel>
 #include <QMenu>
 #include <QSystemTrayIcon>
+#include <algorithm>
 #include <filesystem>
 
 #include "batch/checkrunner.h"
@@ -26,12 +28,38 @@ std::string toPath(const QString& text)
     return QFile::encodeName(text).toStdString();
 }
 
-CMkEdit* folderField(QWidget* parent, int id, int x, int y)
+CMkEdit* folderField(QWidget* parent, int id)
 {
     auto* field = new CMkEdit(QString(), id, parent);
     field->setReadOnly(true);
-    field->setGeometry(x, y, 414 - x - 44, 22);
+    field->setMinimumWidth(80);
     return field;
+}
+
+// At most 60 characters, the middle given up (both ends tell names apart), so that one long
+// name does not make the tip as wide as the screen.
+QString shortName(const QString& name)
+{
+    constexpr qsizetype kMost = 60;
+    if (name.size() <= kMost) {
+        return name;
+    }
+    qsizetype head = (kMost - 1) / 2;
+    qsizetype tail = kMost - 1 - head;
+    // Never half of a character.
+    if (name[head - 1].isHighSurrogate()) {
+        --head;
+    }
+    if (name[name.size() - tail].isLowSurrogate()) {
+        --tail;
+    }
+    return name.left(head) + QChar(0x2026) + name.right(tail);
+}
+
+QString fileNameOf(const std::string& path)
+{
+    const QString text = QFile::decodeName(QByteArray::fromStdString(path));
+    return shortName(text.mid(text.lastIndexOf(QLatin1Char('/')) + 1));
 }
 
 } // namespace
@@ -39,6 +67,40 @@ CMkEdit* folderField(QWidget* parent, int id, int x, int y)
 QString trayTip(const QString& title)
 {
     return title.left(kTrayTipMaxChars);
+}
+
+QString watchStateText(const WatchJobStatus& status, bool enabled, const std::string& folder)
+{
+    QStringList lines;
+    if (!status.running) {
+        lines << QStringLiteral("Not running");
+    } else if (!enabled) {
+        lines << QStringLiteral("Disabled");
+    } else if (!status.checking.empty()) {
+        lines << QStringLiteral("Checking %1 (%2%)")
+                     .arg(fileNameOf(status.checking))
+                     .arg(static_cast<std::int64_t>(status.progress) * 100 / kProgressMax);
+    } else {
+        lines << QStringLiteral("Waiting for clips in %1")
+                     .arg(shortName(QFile::decodeName(QByteArray::fromStdString(folder))));
+    }
+    if (status.results > 0) {
+        lines << QStringLiteral("Last: %1 %2 (%3)")
+                     .arg(status.lastGood ? QStringLiteral("GOOD") : QStringLiteral("BAD"),
+                          fileNameOf(status.lastPath), fromUtf8(scoreText(status.lastScore)));
+    }
+    if (status.checked > 0) {
+        QString counts =
+            QStringLiteral("Checked %1, moved %2").arg(status.checked).arg(status.moved);
+        if (status.moveFailures > 0) {
+            counts += QStringLiteral(", %1 %2 failed")
+                          .arg(status.moveFailures)
+                          .arg(status.moveFailures == 1 ? QStringLiteral("move")
+                                                        : QStringLiteral("moves"));
+        }
+        lines << counts;
+    }
+    return lines.join(QLatin1Char('\n'));
 }
 
 // ---- Setup dialog -----------------------------------------------------------------------
@@ -61,34 +123,47 @@ WatchJobSetupDialog::WatchJobSetupDialog(const WatchJobSettings& settings, QWidg
     setFixedSize(414, 354);
     setPlacementName(QStringLiteral("JOBSETUP"), false);
 
-    const auto label = [this](const char* text, int y, int height = 22) {
+    // Rows of two columns: what the row is and its button; a folder row puts its field
+    // (the whole width, so that a path shows) and its picker under its label or toggle.
+    // A layout rather than fixed positions, so that every row keeps the height its controls
+    // need in the desktop's font; the height left over goes evenly between the rows.
+    auto* rows = new QGridLayout(this);
+    rows->setColumnStretch(0, 1);
+    rows->setColumnStretch(1, 1);
+    int row = 0;
+    const auto nextRow = [&] {
+        rows->setRowStretch(++row, 1); // an empty row: the gap
+        ++row;
+    };
+    const auto label = [this](const char* text) {
         auto* l = new QLabel(QString::fromUtf8(text), this);
-        l->setGeometry(10, y, 394, height);
         l->setWordWrap(true);
         return l;
     };
-    const auto pickButton = [this](int id, int y) {
-        auto* b = new CMkButton(QStringLiteral("..."), id, this);
-        b->setGeometry(414 - 40, y, 30, 22);
-        return b;
+    const auto folderRow = [&](QWidget* first, int fieldId, int pickId) {
+        rows->addWidget(first, row++, 0, 1, 3, Qt::AlignLeft);
+        rows->addWidget(folderField(this, fieldId), row, 0, 1, 2);
+        auto* pick = new CMkButton(QStringLiteral("..."), pickId, this);
+        pick->setFixedWidth(pick->fontMetrics().horizontalAdvance(pick->text()) + 20);
+        rows->addWidget(pick, row, 2);
+        nextRow();
+    };
+    const auto buttonRow = [&](const char* text, CMkButton* button) {
+        rows->addWidget(label(text), row, 0);
+        rows->addWidget(button, row, 1, 1, 2);
+        nextRow();
     };
 
-    label("Status", 12)->setFixedWidth(110);
     auto* status = new CMkButton(QString(), kIdStatus, this);
     status->setToggle(true);
-    status->setGeometry(130, 10, 120, 24);
+    buttonRow("Status", status);
 
-    label("Input Folder", 46);
-    folderField(this, kIdInputField, 10, 68);
-    pickButton(kIdInputPick, 68);
+    folderRow(label("Input Folder"), kIdInputField, kIdInputPick);
 
-    label("Actions", 102)->setFixedWidth(110);
-    auto* action = new CMkButton(QStringLiteral("Quality check"), kIdAction, this);
-    action->setGeometry(130, 100, 120, 24);
+    buttonRow("Actions", new CMkButton(QStringLiteral("Quality check"), kIdAction, this));
 
-    label("Clip is GOOD when QC score is equal or better than", 136, 36);
     auto* threshold = new CMkButton(QString(), kIdThreshold, this);
-    threshold->setGeometry(130, 174, 150, 24);
+    buttonRow("Clip is GOOD when QC score is equal or better than", threshold);
     m_thresholdMenu = new QMenu(threshold);
     auto* choices = new QActionGroup(m_thresholdMenu);
     for (int value : {kWatchAnyClip, 1, 2, 3, 4, 5}) {
@@ -108,21 +183,16 @@ WatchJobSetupDialog::WatchJobSetupDialog(const WatchJobSettings& settings, QWidg
 
     auto* good = new CMkButton(QStringLiteral("Move GOOD clips to folder:"), kIdGoodToggle, this);
     good->setToggle(true);
-    good->setGeometry(10, 212, 200, 24);
-    folderField(this, kIdGoodField, 10, 240);
-    pickButton(kIdGoodPick, 240);
-
+    folderRow(good, kIdGoodField, kIdGoodPick);
     auto* bad = new CMkButton(QStringLiteral("Move BAD clips to folder:"), kIdBadToggle, this);
     bad->setToggle(true);
-    bad->setGeometry(10, 272, 200, 24);
-    folderField(this, kIdBadField, 10, 300);
-    pickButton(kIdBadPick, 300);
+    folderRow(bad, kIdBadField, kIdBadPick);
 
-    auto* cancel = new CMkButton(QStringLiteral("Cancel"), kIdCancel, this);
-    cancel->setGeometry(10, 354 - 34, 90, 26);
+    rows->addWidget(new CMkButton(QStringLiteral("Cancel"), kIdCancel, this), row, 0,
+                    Qt::AlignLeft);
     auto* ok = new CMkButton(QStringLiteral("OK"), kIdOk, this);
-    ok->setGeometry(414 - 100, 354 - 34, 90, 26);
     ok->setDefault(true);
+    rows->addWidget(ok, row, 1, 1, 2, Qt::AlignRight);
 
     setTabOrderList({kIdStatus, kIdInputPick, kIdThreshold, kIdGoodToggle, kIdGoodPick,
                      kIdBadToggle, kIdBadPick, kIdOk, kIdCancel, 0});
@@ -134,8 +204,7 @@ void WatchJobSetupDialog::showSettings()
     auto* status = static_cast<CMkButton*>(control(kIdStatus));
     status->setChecked(m_settings.enabled);
     status->setText(m_settings.enabled ? QStringLiteral("ENABLED") : QStringLiteral("Disabled"));
-    static_cast<CMkEdit*>(control(kIdInputField))
-        ->setText(QFile::decodeName(m_settings.sourceFolder.c_str()));
+    showFolder(kIdInputField, m_settings.sourceFolder);
     control(kIdThreshold)->setProperty("text", thresholdText(m_settings.goodThreshold));
     for (QAction* entry : m_thresholdMenu->actions()) {
         entry->setChecked(!entry->isSeparator() &&
@@ -151,11 +220,18 @@ void WatchJobSetupDialog::showSettings()
         {kIdBadToggle, kIdBadField, kIdBadPick, m_settings.moveBad, m_settings.badFolder}};
     for (const auto& move : moves) {
         static_cast<CMkButton*>(control(move.toggle))->setChecked(move.on);
-        auto* field = static_cast<CMkEdit*>(control(move.field));
-        field->setText(QFile::decodeName(move.folder.c_str()));
-        field->setEnabled(move.on);
+        showFolder(move.field, move.folder);
+        control(move.field)->setEnabled(move.on);
         control(move.pick)->setEnabled(move.on);
     }
+}
+
+void WatchJobSetupDialog::showFolder(int fieldId, const std::string& folder)
+{
+    auto* field = static_cast<CMkEdit*>(control(fieldId));
+    const QString text = QFile::decodeName(folder.c_str());
+    field->setText(text); // the cursor goes to the end, so a long path shows its last part
+    field->setToolTip(text);
 }
 
 bool WatchJobSetupDialog::acceptable() const
@@ -227,10 +303,11 @@ WatchJobWindow::WatchJobWindow(QWidget* parent) : CWDlgClass(parent)
     m_trayMenu->addSeparator();
     connect(m_trayMenu->addAction(QStringLiteral("Close and Exit")), &QAction::triggered, this,
             [this] { postCommand(kCommandCloseAndExit); });
+    m_tip = trayTip(m_title);
     if (QSystemTrayIcon::isSystemTrayAvailable()) {
         m_tray = new QSystemTrayIcon(programIcon(), this);
         m_tray->setProperty("kitId", kTrayIconId);
-        m_tray->setToolTip(trayTip(m_title));
+        m_tray->setToolTip(m_tip);
         // The menu opens on a right click; other clicks do nothing.
         m_tray->setContextMenu(m_trayMenu);
         m_tray->show();
@@ -246,8 +323,42 @@ WatchJobWindow::WatchJobWindow(QWidget* parent) : CWDlgClass(parent)
     m_job = std::make_unique<WatchJob>(&m_log);
     m_job->setSettings(loadWatchServiceSettings(settingsPath()));
 
-    // The timer's ticks are left to the default handling.
+    connect(&m_timer, &QTimer::timeout, this, &WatchJobWindow::followJob);
     m_timer.start(1000);
+}
+
+void WatchJobWindow::followJob()
+{
+    const WatchJobStatus status = m_job->status();
+    const WatchJobSettings settings = m_job->settings();
+    const QString tip = trayTip(m_title) + QLatin1Char('\n') +
+                        watchStateText(status, settings.enabled, settings.sourceFolder);
+    if (tip != m_tip) {
+        m_tip = tip;
+        if (m_tray != nullptr) {
+            m_tray->setToolTip(m_tip);
+        }
+    }
+
+    // A new run of the worker counts from 0 again.
+    m_badSeen = std::min(m_badSeen, status.badResults);
+    if (status.badResults == m_badSeen) {
+        return;
+    }
+    const std::uint64_t fresh = status.badResults - m_badSeen;
+    m_badSeen = status.badResults;
+    // The newest BAD clip is named when it is the newest result; the daily log names all.
+    const QString newest =
+        status.lastGood
+            ? QStringLiteral("See the daily log in %1").arg(QFile::decodeName(logsFolder().c_str()))
+            : fromUtf8(scoreText(status.lastScore)) + QLatin1Char(' ') +
+                  QFile::decodeName(QByteArray::fromStdString(status.lastPath));
+    const QString title =
+        fresh == 1 ? QStringLiteral("BAD clip") : QStringLiteral("%1 BAD clips").arg(fresh);
+    emit badClipNotice(title, newest);
+    if (m_tray != nullptr && QSystemTrayIcon::supportsMessages()) {
+        m_tray->showMessage(title, newest, QSystemTrayIcon::Warning);
+    }
 }
 
 WatchJobWindow::~WatchJobWindow()
@@ -279,6 +390,7 @@ void WatchJobWindow::onCommand(int id)
     switch (id) {
     case kIdTest01:
         m_job->Start();
+        followJob();
         break;
     case kCommandJobSetup:
         runSetup();

@@ -23,6 +23,13 @@ inline constexpr int kTrayTipMaxChars = 127;
 
 // The tray icon's tip: the title cut to 127 characters.
 QString trayTip(const QString& title);
+// What the job is doing, for the lines of the tip under the title: "Not running",
+// "Disabled", "Checking <clip> (<n>%)" or "Waiting for clips in <folder>"; then, once there
+// are results, "Last: GOOD|BAD <clip> (<score text>)" and the counts ("Checked 3, moved 2",
+// with ", 1 move failed" when moves failed). Clip and folder names longer than 60
+// characters lose their middle. enabled: the job's settings say it is enabled; folder: the
+// watched folder.
+QString watchStateText(const WatchJobStatus& status, bool enabled, const std::string& folder);
 
 // The "Setup Watch Job" dialog (414 x 354) over a copy of the job's settings. OK is
 // accepted only when the job is disabled, or when it has a source folder and a folder for
@@ -62,6 +69,9 @@ protected:
 
 private:
     void showSettings();
+    // A folder field shows the end of its path (the part that tells folders apart) when the
+    // whole does not fit; its tip shows it whole.
+    void showFolder(int fieldId, const std::string& folder);
     bool acceptable() const;
 
     WatchJobSettings m_settings;
@@ -72,6 +82,10 @@ private:
 // (where the desktop has one) with the menu "Job setup" / "Close and Exit", and writes
 // "Start " and "Exit " with the title into the daily log in "LogsQC" beside the settings.
 // Command 300 (its "Test01" button) starts the job.
+//
+// Every second (its timer 101) the tip follows the job: the title, then watchStateText.
+// New BAD results since the last tick raise one notice (badClipNotice), which the tray
+// shows as a desktop notification where it offers them; without a tray nothing is shown.
 //
 // Thread-safety: the window thread only.
 class WatchJobWindow : public CWDlgClass
@@ -90,6 +104,8 @@ public:
     QSystemTrayIcon* trayIcon() const { return m_tray; }
     QMenu* trayMenu() const { return m_trayMenu; }
     bool timerRunning() const { return m_timer.isActive(); }
+    // The tip as it stands (also kept where there is no tray icon to show it).
+    const QString& tip() const { return m_tip; }
 
     // "Job setup": the dialog on a copy of the settings; after OK the seven keys are
     // written and setupAccepted() is told.
@@ -101,12 +117,18 @@ public:
 
 signals:
     void setupAccepted();
+    // New BAD results since the last tick: title "BAD clip", or "<n> BAD clips" for
+    // several; message "<score text> <path>" of the newest result when it is BAD, else
+    // "See the daily log in <folder>".
+    void badClipNotice(const QString& title, const QString& message);
 
 protected:
     void onCommand(int id) override;
 
 private:
     void shutDown();
+    // The timer's tick: the tip, and the notice of new BAD results.
+    void followJob();
 
     DailyLog m_log;
     std::unique_ptr<WatchJob> m_job;
@@ -114,6 +136,8 @@ private:
     QSystemTrayIcon* m_tray = nullptr;
     QMenu* m_trayMenu = nullptr;
     QTimer m_timer;
+    QString m_tip;
+    std::uint64_t m_badSeen = 0; // the job's BAD results already told
     bool m_shutDown = false;
 };
 

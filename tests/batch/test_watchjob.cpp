@@ -182,21 +182,22 @@ void expectClipAt(const Watch& w, const fs::path& where, const fs::path& origina
 TEST(WatchJob, ThresholdAndMovesDecideWhereEachClipEnds)
 {
     enum Place { Src, Good, Bad };
-    // Threshold, move GOOD, move BAD, where the clean and the damaged clip end.
-    const std::tuple<int, bool, bool, Place, Place> cases[] = {
-        {3, false, true, Src, Bad},
-        {3, true, false, Good, Src},
-        {0, true, true, Good, Good},
-        {1, true, true, Good, Good},
-        {5, true, true, Good, Bad},
+    // Threshold, move GOOD, move BAD, where the clean and the damaged clip end, how many of
+    // the two are BAD.
+    const std::tuple<int, bool, bool, Place, Place, int> cases[] = {
+        {3, false, true, Src, Bad, 1},
+        {3, true, false, Good, Src, 1},
+        {0, true, true, Good, Good, 0},
+        {1, true, true, Good, Good, 0},
+        {5, true, true, Good, Bad, 1},
         // Thresholds nobody can pick make no clip GOOD.
-        {9, true, true, Bad, Bad},
-        {-1, true, true, Bad, Bad},
+        {9, true, true, Bad, Bad, 2},
+        {-1, true, true, Bad, Bad, 2},
     };
     const std::string cleanBytes = readFile(test::testClip(kClean));
     const std::string damagedBytes = readFile(test::testClip(kDamaged));
     for (std::size_t i = 0; i < std::size(cases); ++i) {
-        const auto& [threshold, moveGood, moveBad, cleanEnd, damagedEnd] = cases[i];
+        const auto& [threshold, moveGood, moveBad, cleanEnd, damagedEnd, bad] = cases[i];
         SCOPED_TRACE(testing::Message() << "row " << i);
         Watch w;
         const fs::path clean = w.drop(cleanBytes, "clean.MXF", w.src);
@@ -228,6 +229,12 @@ TEST(WatchJob, ThresholdAndMovesDecideWhereEachClipEnds)
         std::sort(lines.begin(), lines.end());
         std::sort(expected.begin(), expected.end());
         EXPECT_EQ(lines, expected);
+        // The status counts each logged result once; the newest is one of the two.
+        const WatchJobStatus status = w.job.status();
+        EXPECT_EQ(status.results, 2u);
+        EXPECT_EQ(status.badResults, static_cast<std::uint64_t>(bad));
+        EXPECT_TRUE(status.lastPath == clean.string() || status.lastPath == damaged.string());
+        EXPECT_EQ(status.lastScore, status.lastPath == clean.string() ? 5 : 1);
         EXPECT_TRUE(w.leftovers().empty());
         for (const char* name : {"clip.txt", "a.ts.bak", "dir.mxf"}) {
             EXPECT_TRUE(fs::exists(w.src / name)) << name;

@@ -348,6 +348,65 @@ TEST_F(MainWindowTest, ClearDuringACheckAndCheckSelected)
     EXPECT_EQ(w.taskList().item(0).path(), test::testClip("text.mov").string());
 }
 
+// "Clear finished" leaves the operator where he was: the clip at the top of the grid (or
+// the first one that stays below it) is at the top again and the selected clip stays
+// selected. Removals in few places leave the grid's other indexes valid as well.
+TEST_F(MainWindowTest, ClearFinishedKeepsTheSelectionAndThePlace)
+{
+    constexpr int kRows = 400;
+    const auto everyOther = [](int row) { return row % 2 == 0 && row < 380; };
+    // Which rows are finished; the row scrolled to the top, the selected row, the row
+    // expected at the top afterwards (by its row before); whether indexes stay valid.
+    const std::tuple<const char*, std::function<bool(int)>, int, int, int, bool> cases[] = {
+        {"finished above the view and within it",
+         [](int r) { return r < 100 || (r >= 150 && r < 160); }, 120, 170, 120, true},
+        {"the top row finished", [](int r) { return r >= 110 && r < 125; }, 115, 130, 125, true},
+        {"finished in more places than removals are told", everyOther, 201, 231, 201, false},
+    };
+    for (const auto& [what, finished, top, selected, topAfter, indexesKept] : cases) {
+        SCOPED_TRACE(what);
+        MainWindow w;
+        QAbstractItemModelTester tester(grid(w)->model(),
+                                        QAbstractItemModelTester::FailureReportingMode::Fatal);
+        std::vector<std::string> paths;
+        for (int row = 0; row < kRows; ++row) {
+            paths.push_back((m_dir / ("clip" + std::to_string(row) + ".mxf")).string());
+            w.taskList().AppendFromCommandLine(paths.back());
+        }
+        w.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&w));
+        std::vector<std::string> staying;
+        for (int row = 0; row < kRows; ++row) {
+            if (finished(row)) {
+                w.taskList()
+                    .item(static_cast<std::size_t>(row))
+                    .setResult(std::make_unique<QcResult>());
+            } else {
+                staying.push_back(paths[static_cast<std::size_t>(row)]);
+            }
+        }
+        CMaGrid* view = grid(w);
+        const auto pathAt = [&](int viewRow) {
+            return view->model()->index(viewRow, 0).data().toString().toStdString();
+        };
+        const auto topPath = [&] { return pathAt(view->indexAt(QPoint(0, 0)).row()); };
+        select(w, selected);
+        view->scrollTo(view->model()->index(top, 0), QAbstractItemView::PositionAtTop);
+        ASSERT_EQ(topPath(), paths[static_cast<std::size_t>(top)]);
+        const QPersistentModelIndex last = view->model()->index(kRows - 1, 0);
+
+        static_cast<QPushButton*>(w.control(kIdClearButton))->menu()->actions().at(0)->trigger();
+        QApplication::processEvents();
+        EXPECT_EQ(rows(w), staying);
+        EXPECT_EQ(topPath(), paths[static_cast<std::size_t>(topAfter)]);
+        EXPECT_EQ(pathAt(view->selectedRow()), paths[static_cast<std::size_t>(selected)]);
+        EXPECT_EQ(last.isValid(), indexesKept);
+        if (indexesKept) {
+            EXPECT_EQ(last.data().toString().toStdString(), paths.back());
+        }
+    }
+}
+
 TEST_F(MainWindowTest, LayoutFollowsTheGripAtEverySize)
 {
     MainWindow w;

@@ -1,6 +1,8 @@
 #include <QApplication>
 #include <QLabel>
 #include <QMenu>
+#include <QScopeGuard>
+#include <QSignalSpy>
 #include <QTest>
 #include <QTimer>
 #include <chrono>
@@ -154,6 +156,84 @@ TEST_F(WatchWindowTest, SetupDialogRowsAndTheOkRule)
                                                    .goodThreshold = 0}));
 }
 
+// The dialog keeps its fixed size whatever the desktop's font; its seven rows must still fit
+// whole, top to bottom, none over another, no control squeezed below its height or its text.
+class SetupDialogLayout : public WatchWindowTest, public ::testing::WithParamInterface<int>
+{};
+
+TEST_P(SetupDialogLayout, EveryRowIsWholeInsideTheWindowAndApartFromTheOthers)
+{
+    const QFont desktop = QApplication::font();
+    QFont font = desktop;
+    if (GetParam() > 0) {
+        font.setPointSize(GetParam());
+    }
+    QApplication::setFont(font);
+    const auto restore = qScopeGuard([&] { QApplication::setFont(desktop); });
+    WatchJobSettings settings;
+    settings.enabled = true;
+    settings.moveGood = true;
+    settings.sourceFolder = "/srv/media/incoming/2026-11-23/channel-one/deliveries/";
+    settings.goodFolder = "/srv/media/passed/";
+    WatchJobSetupDialog dialog(settings);
+    dialog.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&dialog));
+    EXPECT_EQ(dialog.size(), QSize(414, 354));
+
+    const auto labelled = [&](const QString& text) -> QWidget* {
+        for (QLabel* l : dialog.findChildren<QLabel*>()) {
+            if (l->text() == text) {
+                return l;
+            }
+        }
+        return nullptr;
+    };
+    const auto c = [&](int id) { return dialog.control(id); };
+    using D = WatchJobSetupDialog;
+    const std::vector<std::vector<QWidget*>> rows = {
+        {labelled("Status"), c(D::kIdStatus)},
+        {labelled("Input Folder"), c(D::kIdInputField), c(D::kIdInputPick)},
+        {labelled("Actions"), c(D::kIdAction)},
+        {labelled("Clip is GOOD when QC score is equal or better than"), c(D::kIdThreshold)},
+        {c(D::kIdGoodToggle), c(D::kIdGoodField), c(D::kIdGoodPick)},
+        {c(D::kIdBadToggle), c(D::kIdBadField), c(D::kIdBadPick)},
+        {c(kIdCancel), c(kIdOk)}};
+    std::vector<QWidget*> all;
+    int above = 0; // the bottom of the row before
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        SCOPED_TRACE("row " + std::to_string(i + 1));
+        QRect band;
+        for (QWidget* w : rows[i]) {
+            ASSERT_NE(w, nullptr);
+            const QRect g = w->geometry();
+            SCOPED_TRACE(w->metaObject()->className() +
+                         (" " + w->property("text").toString()).toStdString());
+            EXPECT_TRUE(w->isVisible());
+            EXPECT_TRUE(dialog.rect().contains(g));
+            EXPECT_GE(g.height(), w->sizeHint().height());
+            if (w->hasHeightForWidth()) {
+                EXPECT_GE(g.height(), w->heightForWidth(g.width()));
+            }
+            if (auto* button = qobject_cast<QPushButton*>(w)) {
+                EXPECT_GT(g.width(), button->fontMetrics().horizontalAdvance(button->text()));
+            }
+            for (const QWidget* other : all) {
+                EXPECT_FALSE(g.intersects(other->geometry()));
+            }
+            all.push_back(w);
+            band |= g;
+        }
+        EXPECT_GE(band.top(), above);
+        above = band.bottom() + 1;
+    }
+    // Cancel at the bottom left, OK at the bottom right.
+    EXPECT_LT(c(kIdCancel)->geometry().right(), dialog.width() / 2);
+    EXPECT_GT(c(kIdOk)->geometry().left(), dialog.width() / 2);
+}
+
+// 0: the desktop's own font; then larger ones.
+INSTANTIATE_TEST_SUITE_P(Fonts, SetupDialogLayout, ::testing::Values(0, 10, 11, 12));
+
 TEST_F(WatchWindowTest, JobSetupWritesTheKeysOnOkOnly)
 {
     WatchJobWindow window;
@@ -176,6 +256,97 @@ TEST_F(WatchWindowTest, JobSetupWritesTheKeysOnOkOnly)
                                        "Good.Move.Enable=0\nGood.Move.Folder=\nBad.Move.Enable=0\n"
                                        "Bad.Move.Folder=\n"),
               std::string::npos);
+}
+
+TEST(WatchStateText, SaysWhatTheJobDoesAndItsNewestResult)
+{
+    WatchJobStatus waiting;
+    waiting.running = true;
+    WatchJobStatus checking = waiting;
+    checking.checking = "/in/Q" + std::string(70, 'x') + "Z.mxf";
+    checking.progress = 42000;
+    WatchJobStatus results = waiting;
+    results.checked = 3;
+    results.moved = 2;
+    results.moveFailures = 1;
+    results.results = 3;
+    results.lastPath = "/in/news.ts";
+    results.lastScore = 2;
+    WatchJobStatus good = results;
+    good.lastGood = true;
+    good.lastScore = 5;
+    good.moveFailures = 2;
+    const std::tuple<const char*, WatchJobStatus, bool, const char*> cases[] = {
+        {"before the start", {}, true, "Not running"},
+        {"switched off", waiting, false, "Disabled"},
+        {"between passes", waiting, true, "Waiting for clips in /in/"},
+        {"a long name loses its middle", checking, true,
+         "Checking Qxxxxxxxxxxxxxxxxxxxxxxxxxxxx\u2026xxxxxxxxxxxxxxxxxxxxxxxxxZ.mxf (42%)"},
+        {"a BAD result and a failed move", results, true,
+         "Waiting for clips in /in/\nLast: BAD news.ts (2/5 BAD)\nChecked 3, moved 2, 1 move "
+         "failed"},
+        {"a GOOD one", good, true,
+         "Waiting for clips in /in/\nLast: GOOD news.ts (5/5 OK)\nChecked 3, moved 2, 2 moves "
+         "failed"},
+    };
+    for (const auto& [what, status, enabled, expected] : cases) {
+        SCOPED_TRACE(what);
+        EXPECT_EQ(watchStateText(status, enabled, "/in/"), QString::fromUtf8(expected));
+    }
+}
+
+// The tip follows the job on the window's one-second tick; a BAD result raises one notice,
+// a GOOD one none, and a clip already reported raises none again.
+TEST_F(WatchWindowTest, TrayTipFollowsTheJobAndABadClipRaisesOneNotice)
+{
+    const fs::path in = m_dir / "in";
+    fs::create_directories(in);
+    WatchJobWindow window;
+    QSignalSpy notices(&window, &WatchJobWindow::badClipNotice);
+    const QString title = trayTip(window.title()) + "\n";
+    EXPECT_EQ(window.tip(), trayTip(window.title()));
+    WatchJobSettings settings;
+    settings.enabled = true;
+    settings.sourceFolder = in.string() + "/";
+    window.job().setSettings(settings);
+    window.command(kIdTest01);
+    const auto tipSays = [&](const QString& text) {
+        return QTest::qWaitFor([&] { return window.tip().contains(text); }, 60000);
+    };
+    EXPECT_TRUE(window.tip().startsWith(title + "Waiting for clips in " +
+                                        QString::fromStdString(settings.sourceFolder)))
+        << window.tip().toStdString();
+
+    const auto drop = [&](const char* clip, const char* name) {
+        const fs::path to = in / name;
+        fs::copy_file(test::testClip(clip), to);
+        fs::last_write_time(to, fs::file_time_type::clock::now() - std::chrono::minutes(1));
+        window.job().wakeUp();
+        return to.string();
+    };
+    // The first pass (of an empty folder) has ended, so the drop is seen by the next.
+    ASSERT_TRUE(window.job().waitForStatus([](const WatchJobStatus& s) { return s.passes > 0; },
+                                           std::chrono::seconds(60)));
+    drop("mpeg2_pcm.mxf", "clean.mxf");
+    ASSERT_TRUE(tipSays("\nLast: GOOD clean.mxf (5/5 OK)\nChecked 1, moved 0"))
+        << window.tip().toStdString();
+    EXPECT_TRUE(window.tip().startsWith(title));
+    EXPECT_EQ(notices.count(), 0);
+
+    const std::string damaged = drop("jump_video_highest.ts", "damaged.ts");
+    ASSERT_TRUE(tipSays("\nLast: BAD damaged.ts (1/5 Very BAD)")) << window.tip().toStdString();
+    ASSERT_EQ(notices.count(), 1);
+    EXPECT_EQ(notices.at(0).at(0).toString(), QString("BAD clip"));
+    EXPECT_EQ(notices.at(0).at(1).toString(), QString::fromStdString("1/5 Very BAD " + damaged));
+
+    // The next pass checks both again (nothing is moved) but reports nothing new.
+    const std::uint64_t passes = window.job().status().passes;
+    window.job().wakeUp();
+    ASSERT_TRUE(window.job().waitForStatus(
+        [&](const WatchJobStatus& s) { return s.passes > passes; }, std::chrono::seconds(60)));
+    QTest::qWait(1100);
+    EXPECT_EQ(notices.count(), 1);
+    EXPECT_TRUE(window.tip().contains("\nLast: BAD damaged.ts (1/5 Very BAD)"));
 }
 
 TEST_F(WatchWindowTest, ProgramMovesADroppedClipAndLogsItsExit)
