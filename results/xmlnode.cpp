@@ -2,17 +2,12 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
-#include <cerrno>
 #include <charconv>
 #include <climits>
 #include <limits>
 #include <utility>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
+#include "files/fileio.h"
 #include "results/qcissue.h"
 #include "results/textcase.h"
 #include "results/textcodec.h"
@@ -174,134 +169,6 @@ std::string hex(std::uint64_t value, bool plain, int width)
         digits.insert(0, static_cast<std::size_t>(width) - digits.size(), '0');
     }
     return digits;
-}
-
-// Reads a whole regular file of at most kMaxXmlFileBytes. O_NONBLOCK keeps a FIFO given
-// as the path from blocking the open; non-regular files are refused right after. The
-// cap is checked while reading too, since the file may grow meanwhile.
-bool readWholeFile(const std::string& path, std::string& bytes)
-{
-    bytes.clear();
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) {
-        return false;
-    }
-    struct stat st
-    {};
-    bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-              static_cast<std::uint64_t>(st.st_size) <= kMaxXmlFileBytes;
-    if (ok) {
-        bytes.reserve(static_cast<std::size_t>(st.st_size));
-        std::array<char, 65536> chunk{};
-        for (;;) {
-            const ssize_t got = ::read(fd, chunk.data(), chunk.size());
-            if (got < 0 && errno == EINTR) {
-                continue;
-            }
-            if (got < 0 || bytes.size() + static_cast<std::size_t>(got) > kMaxXmlFileBytes) {
-                ok = false;
-                break;
-            }
-            if (got == 0) {
-                break;
-            }
-            bytes.append(chunk.data(), static_cast<std::size_t>(got));
-        }
-    }
-    ::close(fd);
-    if (!ok) {
-        bytes.clear();
-    }
-    return ok;
-}
-
-// The file a write to path lands in: links are followed (a document written through a
-// link replaces the link's target, not the link), at most 40 deep, as the system does.
-std::string followLinks(std::string path)
-{
-    for (int depth = 0; depth < 40; ++depth) {
-        struct stat st
-        {};
-        if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) {
-            return path;
-        }
-        std::string target(PATH_MAX, '\0');
-        const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
-        if (length <= 0 || static_cast<std::size_t>(length) >= target.size()) {
-            return path;
-        }
-        target.resize(static_cast<std::size_t>(length));
-        const auto slash = path.rfind('/');
-        path = target.front() == '/' || slash == std::string::npos
-                   ? target
-                   : path.substr(0, slash + 1) + target;
-    }
-    return path;
-}
-
-// A temp name beside path whose last component fits the 255 bytes file systems allow, however
-// long the document's own name is.
-std::string tempNameBeside(const std::string& path)
-{
-    static std::atomic<unsigned> counter{0};
-    constexpr std::size_t kMaxNameBytes = 255;
-    const std::string suffix =
-        ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(counter.fetch_add(1));
-    const auto slash = path.rfind('/');
-    const std::size_t nameStart = slash == std::string::npos ? 0 : slash + 1;
-    const std::size_t keep = std::min(path.size() - nameStart, kMaxNameBytes - suffix.size());
-    return path.substr(0, nameStart + keep) + suffix;
-}
-
-// Writes the bytes to a temp file beside the target and renames it over the target, so that
-// a failed write (a full disk, a lost mount) leaves the earlier file whole instead of
-// truncated. The target is path with its links followed; an existing target must be a
-// regular file (a device, a FIFO or a folder is never replaced) and keeps its permission
-// bits, and its owner where the process may give it.
-bool writeWholeFile(const std::string& path, std::string_view bytes)
-{
-    const std::string target = followLinks(path);
-    struct stat existing
-    {};
-    const bool exists = ::stat(target.c_str(), &existing) == 0;
-    if (exists && !S_ISREG(existing.st_mode)) {
-        return false;
-    }
-    const std::string temp = tempNameBeside(target);
-    const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0) {
-        return false;
-    }
-    bool ok = true;
-    if (exists) {
-        // Only a privileged process may give the file away; for others the new file stays
-        // theirs, as any rewrite of a file they may write would leave it. The mode comes
-        // after the owner, whose change may clear it.
-        if ((existing.st_uid != ::geteuid() || existing.st_gid != ::getegid()) &&
-            ::fchown(fd, existing.st_uid, existing.st_gid) != 0) {
-            errno = 0;
-        }
-        ok = ::fchmod(fd, existing.st_mode & 07777) == 0;
-    }
-    std::size_t done = 0;
-    while (ok && done < bytes.size()) {
-        const ssize_t put = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (put < 0 && errno == EINTR) {
-            continue;
-        }
-        if (put <= 0) {
-            ok = false;
-            break;
-        }
-        done += static_cast<std::size_t>(put);
-    }
-    ok = ::fsync(fd) == 0 && ok;
-    ok = ::close(fd) == 0 && ok;
-    ok = ok && ::rename(temp.c_str(), target.c_str()) == 0;
-    if (!ok) {
-        ::unlink(temp.c_str());
-    }
-    return ok;
 }
 
 } // namespace
@@ -887,11 +754,11 @@ bool XmlNode::loadBytes(std::string_view fileBytes)
 bool XmlNode::Load(const std::string& path)
 {
     Clear();
-    std::string bytes;
-    if (!readWholeFile(path, bytes)) {
+    const FileBytes file = readWholeFile(path, kMaxXmlFileBytes);
+    if (file.status != FileBytes::Status::Ok) {
         return false;
     }
-    return loadBytes(bytes);
+    return loadBytes(file.bytes);
 }
 
 std::string XmlNode::saveText() const
@@ -963,7 +830,7 @@ std::string XmlNode::saveBytes() const
 
 bool XmlNode::Save(const std::string& path) const
 {
-    return writeWholeFile(path, saveBytes());
+    return replaceFile(path, saveBytes());
 }
 
 std::string XmlNode::DetectEncoding(std::string_view text)

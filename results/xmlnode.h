@@ -123,10 +123,11 @@ public:
     bool Parse(std::string_view text);
 
     // Writes the children of this node (the whole document when called on the document)
-    // as the file bytes, replacing any existing file through a temp file beside it. A
-    // link is followed (its target is replaced); an existing file keeps its permission
-    // bits (and its owner when the process may keep it); a path naming something other
-    // than a regular file is refused. False when the file could not be created or written. Texts
+    // as the file bytes through replaceFile (files/fileio.h): the earlier file stays whole
+    // until the new one and its folder are on disk; a link is followed (its target is
+    // replaced); an existing file keeps its permission bits (and its owner when the process
+    // may keep it); a path naming something other than a regular file is refused. False
+    // when the file could not be created or written. Texts
     // follow the format's own escaping: "&" stays bare and a leading space becomes "&nbsp;", so a
     // text with either is not well-formed for strict XML parsers (attribute values always are).
     bool Save(const std::string& path) const;
