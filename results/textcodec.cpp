@@ -1,6 +1,7 @@
 #include "results/textcodec.h"
 
 #include <array>
+#include <cstdio>
 
 namespace tarvoqc {
 
@@ -181,6 +182,31 @@ std::string utf8ToUtf16le(std::string_view text)
             appendUtf16le(out, static_cast<char16_t>(0xDC00 + (v & 0x3FF)));
         } else {
             appendUtf16le(out, static_cast<char16_t>(cp));
+        }
+    }
+    return out;
+}
+
+std::string escapeControl(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\\') {
+            out += "\\\\";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (byte < 0x20 || byte == 0x7F) {
+            char hex[5];
+            std::snprintf(hex, sizeof hex, "\\x%02X", byte);
+            out += hex;
+        } else {
+            out += c;
         }
     }
     return out;

@@ -16,4 +16,9 @@ std::string utf16leToUtf8(std::string_view bytes);
 std::string cp1252ToUtf8(std::string_view bytes);
 std::string utf8ToUtf16le(std::string_view text);
 
+// A path (or any text) for one line of terminal output, as every program prints paths:
+// control characters become "\n", "\r", "\t" or "\xHH", and a backslash "\\", so a name
+// can neither split a line nor pass for another name. Other bytes, UTF-8 or not, stay.
+std::string escapeControl(std::string_view text);
+
 } // namespace tarvoqc

@@ -6,6 +6,8 @@
 #include <ctime>
 #include <numeric>
 
+#include "results/textcodec.h"
+
 #include <nlohmann/json.hpp>
 
 namespace tarvoqc::report {
@@ -390,7 +392,7 @@ std::string summaryText(const ReportView& view, std::size_t worstShown)
             text += "Worst clips:\n";
         }
         std::snprintf(line, sizeof line, "  %-14s ", scoreText(clip.score).data());
-        text += line + clip.path + '\n';
+        text += line + escapeControl(clip.path) + '\n';
         if (!clip.issues.empty()) {
             std::string worst = clip.issues.front().longLine();
             while (!worst.empty() && (worst.back() == '\n' || worst.back() == '\r')) {
@@ -408,11 +410,12 @@ std::string summaryText(const ReportView& view, std::size_t worstShown)
         for (std::size_t i = 0; i < clips.size(); ++i) {
             if (cmp.changes[i] == ClipChange::Worse) {
                 text += "  worse    " + std::string(scoreText(*cmp.oldScores[i])) + " -> " +
-                        std::string(scoreText(clips[i].score)) + "  " + clips[i].path + '\n';
+                        std::string(scoreText(clips[i].score)) + "  " +
+                        escapeControl(clips[i].path) + '\n';
             }
         }
         for (const std::size_t i : cmp.missing) {
-            text += "  missing  " + view.baseline->clips()[i].path + '\n';
+            text += "  missing  " + escapeControl(view.baseline->clips()[i].path) + '\n';
         }
     }
 
