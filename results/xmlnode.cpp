@@ -20,13 +20,14 @@
 // - An attribute name runs from its first non-space character to "=" (spaces before the
 //   "=" stay in it); after the "=", the first quote of either kind opens the value, which
 //   runs to the same quote. A ">" met first ends the list; a name without "=" is ignored.
-//   Values decode &quot; &apos; &lt; &amp; only.
+//   Values decode &quot; &apos; &lt; &amp; and character references ("&#10;", "&#x1F3AC;"
+//   for any character but the zero character); other "&" sequences stay as written.
 // - An element whose last non-space character before ">" is "/" is empty and closed.
 //   "img", "hr" and "!--" elements have no content and are never closed.
 // - Text is what precedes the first child: leading spaces, tabs and line breaks are
 //   skipped; a CDATA section is kept as it stands (delimiters included); other text is
-//   decoded for &quot; &amp; &lt; &gt; &nbsp; (a space) &apos;. Text after a child is
-//   skipped.
+//   decoded for &quot; &amp; &lt; &gt; &nbsp; (a space) &apos; and character references.
+//   Text after a child is skipped.
 // - A closing tag of the element's own name (case-sensitive) ends it, closed when ">"
 //   follows (after optional spaces); a closing tag of another name adds an empty, closed
 //   child; a refused name skips its tag.
@@ -35,7 +36,7 @@ namespace tarvoqc {
 
 namespace {
 
-constexpr std::string_view kRefusedNameChars = " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~\t\r\n";
+constexpr std::string_view kRefusedNameChars = " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~";
 
 bool isSpace(char c)
 {
@@ -70,6 +71,50 @@ constexpr std::array<Entity, 6> kTextEntities = {{{"&quot;", '"'},
                                                   {"&nbsp;", ' '},
                                                   {"&apos;", '\''}}};
 
+// A character reference ("&#65;", "&#x41;") at the start of text: its length and its
+// character, or 0 when text does not start with one that names a character other than the
+// zero character.
+std::size_t characterReference(std::string_view text, char32_t& character)
+{
+    const bool hexadecimal = text.starts_with("&#x") || text.starts_with("&#X");
+    if (!hexadecimal && !text.starts_with("&#")) {
+        return 0;
+    }
+    const std::size_t start = hexadecimal ? 3 : 2;
+    const std::size_t end = text.find(';', start);
+    if (end == std::string_view::npos || end == start || end - start > 8) {
+        return 0;
+    }
+    std::uint32_t value = 0;
+    const auto [ptr, ec] =
+        std::from_chars(text.data() + start, text.data() + end, value, hexadecimal ? 16 : 10);
+    if (ec != std::errc{} || ptr != text.data() + end || value == 0 || value > 0x10FFFF ||
+        (value >= 0xD800 && value <= 0xDFFF)) {
+        return 0;
+    }
+    character = value;
+    return end + 1;
+}
+
+void appendUtf8(std::string& out, char32_t c)
+{
+    if (c < 0x80) {
+        out += static_cast<char>(c);
+    } else if (c < 0x800) {
+        out += static_cast<char>(0xC0 | (c >> 6));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+        out += static_cast<char>(0xE0 | (c >> 12));
+        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+        out += static_cast<char>(0xF0 | (c >> 18));
+        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    }
+}
+
 template <std::size_t N>
 std::string decodeEntities(std::string_view text, const std::array<Entity, N>& entities)
 {
@@ -89,16 +134,47 @@ std::string decodeEntities(std::string_view text, const std::array<Entity, N>& e
                 i += hit->code.size();
                 continue;
             }
+            char32_t character = 0;
+            if (const std::size_t length = characterReference(rest, character); length > 0) {
+                appendUtf8(out, character);
+                i += length;
+                continue;
+            }
         }
         out += text[i++];
     }
     return out;
 }
 
+// Characters that XML cannot carry at all, even as references: the C0 controls other than
+// tab, CR and LF, and U+FFFE and U+FFFF. A control is written as its picture from the
+// Unicode block Control Pictures (U+2400 + its code: ESC as U+241B), the two others as
+// U+FFFD, so every XML reader reads the same, well-formed name. Gives the length of such a
+// character at the start of text (0 for any other) and appends its replacement.
+std::size_t appendUnwritable(std::string& out, std::string_view text)
+{
+    const auto byte = static_cast<unsigned char>(text[0]);
+    if (byte < 0x20 && byte != '\t' && byte != '\r' && byte != '\n') {
+        appendUtf8(out, 0x2400 + byte);
+        return 1;
+    }
+    if (text.starts_with("\xEF\xBF\xBE") || text.starts_with("\xEF\xBF\xBF")) {
+        out += "\xEF\xBF\xBD";
+        return 3;
+    }
+    return 0;
+}
+
+// Tab, CR and LF are written as character references, which XML readers keep, where they
+// would turn the characters themselves into spaces.
 void appendAttributeValue(std::string& out, std::string_view value)
 {
-    for (const char c : value) {
-        switch (c) {
+    for (std::size_t i = 0; i < value.size();) {
+        if (const std::size_t used = appendUnwritable(out, value.substr(i)); used > 0) {
+            i += used;
+            continue;
+        }
+        switch (value[i]) {
         case '"':
             out += "&quot;";
             break;
@@ -111,21 +187,36 @@ void appendAttributeValue(std::string& out, std::string_view value)
         case '<':
             out += "&lt;";
             break;
+        case '\t':
+            out += "&#9;";
+            break;
+        case '\n':
+            out += "&#10;";
+            break;
+        case '\r':
+            out += "&#13;";
+            break;
         default:
-            out += c;
+            out += value[i];
         }
+        ++i;
     }
 }
 
-// The ampersand stays as it is in text, and only a leading space is protected: that is
-// the file format the readers of these documents expect.
+// Texts are written so that strict XML readers read them as they are: the ampersand as
+// "&amp;"; a leading space, which the reader skips, and a CR, which XML readers make a line
+// feed, as references.
 void appendText(std::string& out, std::string_view text)
 {
     if (text.starts_with("<![CDATA[")) {
         out += text;
         return;
     }
-    for (std::size_t i = 0; i < text.size(); ++i) {
+    for (std::size_t i = 0; i < text.size();) {
+        if (const std::size_t used = appendUnwritable(out, text.substr(i)); used > 0) {
+            i += used;
+            continue;
+        }
         switch (text[i]) {
         case '"':
             out += "&quot;";
@@ -139,12 +230,19 @@ void appendText(std::string& out, std::string_view text)
         case '\'':
             out += "&apos;";
             break;
+        case '&':
+            out += "&amp;";
+            break;
+        case '\r':
+            out += "&#13;";
+            break;
         case ' ':
-            out += i == 0 ? "&nbsp;" : " ";
+            out += i == 0 ? "&#32;" : " ";
             break;
         default:
             out += text[i];
         }
+        ++i;
     }
 }
 
@@ -494,7 +592,11 @@ bool isValidXmlName(std::string_view name)
     if (cut.empty() || cut[0] == '-' || cut[0] == '.' || (cut[0] >= '0' && cut[0] <= '9')) {
         return false;
     }
-    return cut.find_first_of(kRefusedNameChars) == std::string::npos;
+    // Control characters cannot be written in a name (and white space ends one when read).
+    return std::none_of(cut.begin(), cut.end(), [](char c) {
+        return static_cast<unsigned char>(c) < 0x20 ||
+               kRefusedNameChars.find(c) != std::string_view::npos;
+    });
 }
 
 XmlNode::XmlNode() = default;
