@@ -1,9 +1,10 @@
 #include <charconv>
 #include <cstdio>
-#include <fstream>
+#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,6 +13,8 @@
 
 #include "app/report/reportdata.h"
 #include "app/report/reportoutput.h"
+#include "files/fileio.h"
+#include "results/textcodec.h"
 #include "tarvoqc/version.h"
 
 using namespace tarvoqc;
@@ -167,7 +170,8 @@ bool readInputs(const std::vector<std::string>& inputs, ClipSet& clips)
 {
     bool allRead = true;
     const ProblemSink problems = [](const std::string& where, const std::string& why) {
-        std::fprintf(stderr, "tarvoqc-report: %s: skipped: %s\n", where.c_str(), why.c_str());
+        std::fprintf(stderr, "tarvoqc-report: %s: skipped: %s\n", escapeControl(where).c_str(),
+                     why.c_str());
     };
     for (const std::string& input : inputs) {
         std::string why;
@@ -176,19 +180,46 @@ bool readInputs(const std::vector<std::string>& inputs, ClipSet& clips)
             if (!clips.add(std::move(record))) {
                 std::fprintf(stderr,
                              "tarvoqc-report: %s: %s is listed again; the later result counts\n",
-                             input.c_str(), path.c_str());
+                             escapeControl(input).c_str(), escapeControl(path).c_str());
             }
         };
         if (!readReportInput(input, add, problems, why)) {
-            std::fprintf(stderr, "tarvoqc-report: cannot read '%s': %s\n", input.c_str(),
-                         why.c_str());
+            std::fprintf(stderr, "tarvoqc-report: cannot read '%s': %s\n",
+                         escapeControl(input).c_str(), why.c_str());
             allRead = false;
         }
     }
     return allRead;
 }
 
-// Writes one output file ("-": standard output) with write; false (named on standard
+// Why the report must not write an output to path, or empty when it may: never onto one of
+// its inputs or baselines (standard input included), whatever the name, never onto a device,
+// a FIFO or a folder, and never both outputs onto one file.
+std::string outputRefusal(const std::string& path, const ReportOptions& options)
+{
+    std::vector<std::string> inputs = options.baselines;
+    for (const std::string& input :
+         options.inputs.empty() ? std::vector<std::string>{"-"} : options.inputs) {
+        inputs.push_back(input == "-" ? "/dev/stdin" : input);
+    }
+    if (std::string why = tarvoqc::outputRefusal(path, inputs); !why.empty()) {
+        return why;
+    }
+    const bool both =
+        !options.csv.empty() && options.csv != "-" && !options.html.empty() && options.html != "-";
+    const auto canonical = [](const std::string& name) {
+        std::error_code ec;
+        return std::filesystem::weakly_canonical(name, ec);
+    };
+    if (both && (canonical(options.csv) == canonical(options.html) ||
+                 (fileIdOf(options.csv) && fileIdOf(options.csv) == fileIdOf(options.html)))) {
+        return "the CSV and the HTML page would be one file";
+    }
+    return {};
+}
+
+// Writes one output file ("-": standard output) with write. A file is replaced only once it
+// is complete; a file that cannot be written stays as it was. False (named on standard
 // error) when it could not be written completely.
 bool writeOutput(const std::string& path, const std::function<void(std::ostream&)>& write)
 {
@@ -197,14 +228,10 @@ bool writeOutput(const std::string& path, const std::function<void(std::ostream&
         std::cout.flush();
         return static_cast<bool>(std::cout);
     }
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (out) {
-        write(out);
-        out.close();
-    }
-    if (!out) {
-        std::fprintf(stderr, "tarvoqc-report: cannot write '%s'\n", path.c_str());
-        std::remove(path.c_str());
+    std::ostringstream out;
+    write(out);
+    if (!replaceFile(path, out.view())) {
+        std::fprintf(stderr, "tarvoqc-report: cannot write '%s'\n", escapeControl(path).c_str());
         return false;
     }
     return true;
@@ -231,6 +258,16 @@ int main(int argc, char** argv)
         return kExitPass;
     }
 
+    for (const std::string* output : {&options->csv, &options->html}) {
+        if (output->empty() || *output == "-") {
+            continue;
+        }
+        if (const std::string why = outputRefusal(*output, *options); !why.empty()) {
+            std::fprintf(stderr, "tarvoqc-report: will not write '%s': %s\n",
+                         escapeControl(*output).c_str(), why.c_str());
+            return kExitUsage;
+        }
+    }
     if (options->inputs.empty() && ::isatty(STDIN_FILENO) != 0) {
         std::fprintf(stderr, "tarvoqc-report: no input: give result files or pipe JSON lines in "
                              "(see --help)\n");

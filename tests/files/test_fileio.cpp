@@ -119,18 +119,26 @@ TEST(FileIo, ReplaceFileLeavesTheNewFileOrTheOldOneAndNothingElse)
     }
 }
 
-// A full disk (a file size limit), a folder the user may not write to and a replacement that
-// is never committed fail without touching the earlier file; the failing ones run as nobody
-// (root may write anywhere) in a child process.
+// A full disk (a file size limit), a folder or a file the user may not write to and a
+// replacement that is never committed fail without touching the earlier file; the failing
+// ones run as nobody (root may write anywhere) in a child process.
 TEST(FileIo, FailedReplacementsKeepTheEarlierFile)
 {
     const TempDir dir;
     ASSERT_EQ(::chmod(dir.path().c_str(), 0777), 0);
     const fs::path full = dir / "full";
     const fs::path locked = dir / "locked";
+    const fs::path readOnly = dir / "readonly";
     fs::create_directory(full);
     fs::create_directory(locked);
+    fs::create_directory(readOnly);
     ASSERT_EQ(::chmod(full.c_str(), 0777), 0);
+    ASSERT_EQ(::chmod(readOnly.c_str(), 0777), 0);
+    writeFile(readOnly / "out", "old");
+    ASSERT_EQ(::chmod((readOnly / "out").c_str(), 0444), 0);
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::chown((readOnly / "out").c_str(), 65534, 65534), 0);
+    }
     writeFile(full / "out", "old");
     writeFile(locked / "out", "old");
     ASSERT_EQ(::chmod((locked / "out").c_str(), 0666), 0);
@@ -149,12 +157,13 @@ TEST(FileIo, FailedReplacementsKeepTheEarlierFile)
     };
     EXPECT_EQ(child(full / "out", 4096), "failed");
     EXPECT_EQ(child(locked / "out", RLIM_INFINITY), "failed");
+    EXPECT_EQ(child(readOnly / "out", RLIM_INFINITY), "failed");
     {
         FileReplacement replacement((full / "out").string());
         ASSERT_TRUE(replacement.ok());
         EXPECT_TRUE(replacement.write("never committed"));
     }
-    for (const fs::path& folder : {full, locked}) {
+    for (const fs::path& folder : {full, locked, readOnly}) {
         SCOPED_TRACE(folder.string());
         EXPECT_EQ(readFile(folder / "out"), "old");
         EXPECT_EQ(entriesIn(folder), 1u);
