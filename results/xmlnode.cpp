@@ -863,7 +863,7 @@ bool XmlNode::Load(const std::string& path)
     return loadBytes(file.bytes);
 }
 
-std::string XmlNode::saveText() const
+std::string XmlNode::saveText(std::size_t level) const
 {
     std::string out;
     struct Frame
@@ -899,9 +899,8 @@ std::string XmlNode::saveText() const
         Frame& top = stack.back();
         if (top.next < top.node->m_children.size()) {
             const XmlNode& child = *top.node->m_children[top.next++];
-            // Level of the child: the node saved is the document and writes nothing itself.
-            const std::size_t level = stack.size() - 1;
-            if (open(child, level)) {
+            // Level of the child: the node saved writes nothing itself.
+            if (open(child, level + stack.size() - 1)) {
                 stack.push_back({&child, 0});
             }
             continue;
@@ -913,7 +912,7 @@ std::string XmlNode::saveText() const
         }
         appendText(out, node.m_text);
         if (!node.m_children.empty()) {
-            indent(stack.size() - 1);
+            indent(level + stack.size() - 1);
         }
         out += "</";
         out += node.m_name;

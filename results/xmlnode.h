@@ -137,8 +137,10 @@ public:
     bool Save(const std::string& path) const;
     // The exact bytes Save writes.
     std::string saveBytes() const;
-    // The same tree as UTF-8 text with CR LF line ends, without mark or terminator.
-    std::string saveText() const;
+    // The same tree as UTF-8 text with CR LF line ends, without mark or terminator. level:
+    // the indentation level of this node's children (two spaces each), so that a part of a
+    // document can be written on its own.
+    std::string saveText(std::size_t level = 0) const;
 
     // The "encoding" attribute of the leading "<?xml" declarations of text, or empty.
     static std::string DetectEncoding(std::string_view text);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "results/resultfile.h"
+#include "tests/support/testsupport.h"
 #include "tests/support/xmldump.h"
 
 namespace tarvoqc {
@@ -150,6 +151,27 @@ TEST(ResultFile, DocumentHoldsClipAndQCheckPairsInOrder)
               "</Tarvo_QC>\r\n");
     buildResultDocument(document, {});
     EXPECT_EQ(document.saveText(), "<Tarvo_QC/>\r\n");
+}
+
+// A long run's document is written clip by clip; its bytes are those of the whole tree.
+TEST(ResultFile, DocumentWrittenClipByClipHasTheBytesOfTheWholeTree)
+{
+    QcResult checked;
+    checked.facts.streams = {plainStream(StreamType::Video, kSec)};
+    checked.issues.add(QcIssueCategory::File, QcSeverity::High, QcStreamKind::None, -1, "y");
+    const test::TempDir dir;
+    const std::string path = (dir / "run.qcout").string();
+    for (const std::size_t count : {0, 1, 2, 255, 256, 257, 600}) {
+        SCOPED_TRACE(count);
+        std::vector<ResultDocumentEntry> entries;
+        for (std::size_t i = 0; i < count; ++i) {
+            entries.push_back({"/clip" + std::to_string(i), i % 3 == 1 ? nullptr : &checked});
+        }
+        XmlNode whole;
+        buildResultDocument(whole, entries);
+        ASSERT_TRUE(writeResultDocument(path, count, [&](std::size_t i) { return entries[i]; }));
+        EXPECT_EQ(test::readFile(path), whole.saveBytes());
+    }
 }
 
 } // namespace

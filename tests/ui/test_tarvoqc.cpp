@@ -1,10 +1,14 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <iostream>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
+
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -17,22 +21,57 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The window program as a process: offscreen, no display, its settings in a folder of the
-// test's own.
+// Where the window program shows its window: on Qt's offscreen platform, on no platform at
+// all and no display (it then chooses offscreen itself), or on a display of its own.
+enum class Screen { Offscreen, None, Display };
+
+// The window program as a process, its settings in a folder of the test's own and its
+// standard error in errors. display: the X display for Screen::Display.
 test::ChildProcess windowProcess(const std::vector<std::string>& args, const fs::path& home,
-                                 bool unsetPlatform)
+                                 Screen screen, const fs::path& errors = "/dev/null",
+                                 const std::string& display = {})
 {
-    std::vector<std::string> argv = {"env", "-u", "DISPLAY", "-u", "WAYLAND_DISPLAY"};
-    if (unsetPlatform) {
-        argv.insert(argv.end(), {"-u", "QT_QPA_PLATFORM"});
+    std::vector<std::string> argv = {"sh",  "-c", "exec \"$@\" 2>\"$0\"", errors.string(),
+                                     "env", "-u", "WAYLAND_DISPLAY"};
+    if (screen == Screen::Display) {
+        argv.insert(argv.end(), {"-u", "QT_QPA_PLATFORM", "DISPLAY=" + display});
     } else {
-        argv.push_back("QT_QPA_PLATFORM=offscreen");
+        argv.insert(argv.end(), {"-u", "DISPLAY"});
+        argv.push_back(screen == Screen::None ? "-uQT_QPA_PLATFORM" : "QT_QPA_PLATFORM=offscreen");
     }
     argv.push_back("TARVOQC_HOME=" + home.string());
     argv.push_back(TARVOQC_WINDOW_EXE);
     argv.insert(argv.end(), args.begin(), args.end());
     return test::ChildProcess(argv);
 }
+
+// An X server of the test's own (Xvfb), for a window that is really shown; its display name,
+// or empty when Xvfb is not installed.
+class VirtualDisplay
+{
+public:
+    VirtualDisplay()
+    {
+        const std::string number = std::to_string(100 + ::getpid() % 500);
+        std::string display(1, ':');
+        display += number;
+        const fs::path socket = "/tmp/.X11-unix/X" + number;
+        m_server.emplace(std::vector<std::string>{"Xvfb", display, "-nolisten", "tcp"});
+        for (int i = 0; i < 100 && !fs::exists(socket); ++i) {
+            if (m_server->waitFor(std::chrono::milliseconds(50))) {
+                return; // no Xvfb, or it could not start
+            }
+        }
+        if (fs::exists(socket)) {
+            m_name = display;
+        }
+    }
+    const std::string& name() const { return m_name; }
+
+private:
+    std::optional<test::ChildProcess> m_server;
+    std::string m_name;
+};
 
 // The result document read by Python's own XML parser: one line per element of the root,
 // "Clip <path> <Hash256>" or "QCheck <Result>"; "unreadable" when it does not parse.
@@ -78,8 +117,11 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
     test::writeFile(jobs / "second.qcin", job({truncated, ok}));
     test::writeFile(jobs / "empty.qcin", job({}));
     test::writeFile(jobs / "broken.qcin", "<Tarvo_QC><Clip File=\"" + ok.string() + "\"/>");
+    test::writeFile(jobs / "other.qcin", "<Other><Clip File=\"" + ok.string() + "\"/></Other>");
     test::writeFile(jobs / "hidden.qcin", job({ok}, true));
     test::writeFile(jobs / "hidden-empty.qcin", job({}, true));
+    test::writeFile(jobs / "own.qcin", job({ok, jobs / "own.qcout"}));
+    test::writeFile(jobs / "notes.qcin", job({ok}));
     test::writeFile(jobs / "x.qcin.bak", job({ok}));
     test::writeFile(jobs / ".qci", job({ok}));
 
@@ -89,21 +131,114 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
     const auto in = [&](const char* name) { return (jobs / name).string(); };
     const std::string all = clipLines + "Clip " + broken.string() + " -\nQCheck 0/5 ERROR\n";
     const std::string hidden = "Clip " + ok.string() + " " + hashOk + "\nQCheck 5/5 OK\n";
-    // arguments, whether it ends by itself (else it waits to be closed and gets SIGTERM), the
-    // document expected in the job folder (nullptr: none), what it holds, whether no
-    // platform is named at all
-    const std::tuple<std::vector<std::string>, bool, const char*, std::string, bool> rows[] = {
-        {{}, false, nullptr, "", false},               // interactive, no document
-        {{in("A.QCIN")}, true, "A.qcout", all, false}, // upper-case extension, path with spaces
-        {{in("A.QCIN"), ok.string()}, true, nullptr, "", false}, // a job then a clip: none
+    // A document of an earlier run, or a user's file under a document's name: never replaced
+    // by a run that cannot write its own.
+    const auto keptBytes = [](const std::string& name) {
+        return name == "notes.qcout"
+                   ? std::string("my notes\n")
+                   : "\xFF\xFE" +
+                         test::utf16("<Tarvo_QC>\r\n  <Clip File=\"/earlier.mxf\"/>\r\n"
+                                     "</Tarvo_QC>\r\n") +
+                         std::string(2, '\0');
+    };
+    struct Row
+    {
+        std::vector<std::string> args;
+        Screen screen;
+        bool waits;           // it waits to be closed (and then gets SIGTERM)
+        int status;           // its exit status
+        const char* document; // the document expected in the job folder (nullptr: none new)
+        std::string summary;  // what it holds
+        const char* kept;     // a file under a document's name that must stay as it was
+        std::string says;     // a text of its standard error
+    };
+    const Row rows[] = {
+        {{}, Screen::Offscreen, true, 0, nullptr, "", nullptr, ""}, // interactive: no document
+        // upper-case extension, path with spaces
+        {{in("A.QCIN")}, Screen::Offscreen, false, 0, "A.qcout", all, nullptr, ""},
+        {{in("A.QCIN"), ok.string()}, Screen::Offscreen, false, 0, nullptr, "", nullptr, ""},
         // two jobs: the second's document lists both
-        {{in("A.QCIN"), in("second.qcin")}, true, "second.qcout", all, false},
-        {{in("empty.qcin")}, false, "empty.qcout", "", false},      // stays open; closing writes it
-        {{in("broken.qcin")}, false, "broken.qcout", "", false},    // does not parse: adds nothing
-        {{in("x.qcin.bak"), in(".qci")}, true, nullptr, "", false}, // clips, not jobs
+        {{in("A.QCIN"), in("second.qcin")},
+         Screen::Offscreen,
+         false,
+         0,
+         "second.qcout",
+         all,
+         nullptr,
+         ""},
+        {{in("x.qcin.bak"), in(".qci")}, Screen::Offscreen, false, 0, nullptr, "", nullptr, ""},
         // Hide without a display; hidden and waiting, a close request still ends it
-        {{in("hidden.qcin")}, true, "hidden.qcout", hidden, true},
-        {{in("hidden-empty.qcin")}, false, "hidden-empty.qcout", "", true},
+        {{in("hidden.qcin")}, Screen::None, false, 0, "hidden.qcout", hidden, nullptr, ""},
+        // Nothing to check in a window nobody can close: it says so and ends.
+        {{in("empty.qcin")},
+         Screen::Offscreen,
+         false,
+         2,
+         nullptr,
+         "",
+         "empty.qcout",
+         "no clips to check"},
+        {{in("hidden-empty.qcin")},
+         Screen::None,
+         false,
+         2,
+         nullptr,
+         "",
+         "hidden-empty.qcout",
+         "no clips to check"},
+        // A job that cannot be read is named and never replaces its earlier document.
+        {{in("broken.qcin")},
+         Screen::Offscreen,
+         false,
+         2,
+         nullptr,
+         "",
+         "broken.qcout",
+         "job file '" + in("broken.qcin") + "' could not be read"},
+        {{in("other.qcin")},
+         Screen::Offscreen,
+         false,
+         2,
+         nullptr,
+         "",
+         "other.qcout",
+         "has no \"Tarvo_QC\" root element"},
+        {{ok.string(), in("broken.qcin")},
+         Screen::Offscreen,
+         false,
+         2,
+         nullptr,
+         "",
+         "broken.qcout",
+         "could not be read"},
+        // Refused before anything is checked, as tarvoqc-check refuses.
+        {{in("own.qcin")},
+         Screen::Offscreen,
+         false,
+         2,
+         nullptr,
+         "",
+         "own.qcout",
+         "it is one of the clips to check"},
+        {{in("notes.qcin")},
+         Screen::Offscreen,
+         false,
+         2,
+         nullptr,
+         "",
+         "notes.qcout",
+         "it exists and is not a result document"},
+        // A shown window keeps waiting for its user; closing writes the (empty) document, but
+        // never that of a job that could not be read.
+        {{in("empty.qcin")}, Screen::Display, true, 0, "empty.qcout", "", nullptr, ""},
+        {{in("broken.qcin")},
+         Screen::Display,
+         true,
+         2,
+         nullptr,
+         "",
+         "broken.qcout",
+         "could not be read"},
     };
     const auto documents = [&] {
         std::vector<std::string> names;
@@ -114,26 +249,40 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
         }
         return names;
     };
-    for (const auto& [args, endsByItself, document, summary, unsetPlatform] : rows) {
-        SCOPED_TRACE(testing::PrintToString(args));
+    VirtualDisplay display;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.args));
+        if (row.screen == Screen::Display && display.name().empty()) {
+            std::cout << "[ SKIPPED  ] a shown window: Xvfb is not installed\n";
+            continue;
+        }
         for (const std::string& name : documents()) {
             fs::remove(jobs / name);
         }
-        test::ChildProcess process = windowProcess(args, home, unsetPlatform);
-        if (endsByItself) {
-            EXPECT_EQ(process.waitFor(std::chrono::seconds(60)), 0);
-        } else {
+        if (row.kept != nullptr) {
+            test::writeFile(jobs / row.kept, keptBytes(row.kept));
+        }
+        test::ChildProcess process =
+            windowProcess(row.args, home, row.screen, dir / "errors", display.name());
+        if (row.waits) {
             // Bounded: the window must still be there after a while, waiting for its user.
             EXPECT_FALSE(process.waitFor(std::chrono::milliseconds(1500)));
             process.signal(SIGTERM);
-            EXPECT_EQ(process.waitFor(std::chrono::seconds(5)), 0);
+            EXPECT_EQ(process.waitFor(std::chrono::seconds(5)), row.status);
+        } else {
+            EXPECT_EQ(process.waitFor(std::chrono::seconds(60)), row.status);
         }
-        if (document == nullptr) {
-            EXPECT_TRUE(documents().empty());
+        EXPECT_NE(test::readFile(dir / "errors").find(row.says), std::string::npos)
+            << test::readFile(dir / "errors");
+        if (row.kept != nullptr) {
+            EXPECT_EQ(test::readFile(jobs / row.kept), keptBytes(row.kept));
+        }
+        if (row.document == nullptr) {
+            EXPECT_EQ(documents().size(), row.kept != nullptr ? 1u : 0u);
             continue;
         }
-        ASSERT_EQ(documents(), std::vector<std::string>{document});
-        EXPECT_EQ(documentSummary(jobs / document), summary);
+        ASSERT_EQ(documents(), std::vector<std::string>{row.document});
+        EXPECT_EQ(documentSummary(jobs / row.document), row.summary);
     }
 }
 
@@ -145,7 +294,7 @@ TEST(WindowProgram, TerminationDuringALongRunWritesTheDocument)
     // Clip tokens are listed however often they come: a run of many checks, then the job.
     std::vector<std::string> args(40, clip.string());
     args.push_back((dir / "long.qcin").string());
-    test::ChildProcess process = windowProcess(args, dir / "home", false);
+    test::ChildProcess process = windowProcess(args, dir / "home", Screen::Offscreen);
     EXPECT_FALSE(process.waitFor(std::chrono::milliseconds(700)));
     const auto asked = Clock::now();
     process.signal(SIGTERM);
