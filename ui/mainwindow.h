@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QTimer>
+#include <chrono>
 #include <memory>
 
 #include "batch/runcontroller.h"
@@ -47,6 +48,8 @@ inline constexpr int kGripMargin = 128;
 inline constexpr int kGripInitialTop = 230;
 inline constexpr int kClockPeriodMs = 1000; // timer 700
 inline constexpr int kRunnerPeriodMs = 100; // timer 701
+// How long the window waits after a harvest for the next check to end (see onRunnerTimer).
+inline constexpr std::chrono::milliseconds kQuickFollowWait{5};
 
 struct MainWindowOptions
 {
