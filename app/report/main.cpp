@@ -1,4 +1,3 @@
-#include <charconv>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
@@ -11,6 +10,7 @@
 
 #include <unistd.h>
 
+#include "app/common/commandline.h"
 #include "app/report/reportdata.h"
 #include "app/report/reportoutput.h"
 #include "files/fileio.h"
@@ -59,109 +59,24 @@ constexpr const char* kUsage =
     "exit status: 0 all clips at or above the threshold (and none worse than the\n"
     "baseline), 1 otherwise, 2 usage or I/O error\n";
 
-struct OptionRow
-{
-    std::string_view shortName;
-    std::string_view longName;
-    bool takesValue;
-    std::function<bool(ReportOptions&, std::string_view)> apply; // false: bad value
-};
-
-bool parseInt(std::string_view text, int low, int high, int& out)
-{
-    int value = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc{} || end != text.data() + text.size() || value < low || value > high) {
-        return false;
-    }
-    out = value;
-    return true;
-}
-
-const std::vector<OptionRow>& optionTable()
-{
-    const auto text = [](std::string ReportOptions::*field) {
-        return [field](ReportOptions& o, std::string_view v) {
-            o.*field = v;
-            return !v.empty();
-        };
-    };
-    const auto flag = [](bool ReportOptions::*field) {
-        return [field](ReportOptions& o, std::string_view) { return o.*field = true; };
-    };
-    static const std::vector<OptionRow> table = {
-        {"", "csv", true, text(&ReportOptions::csv)},
-        {"", "html", true, text(&ReportOptions::html)},
-        {"b", "baseline", true,
-         [](ReportOptions& o, std::string_view v) {
-             o.baselines.emplace_back(v);
-             return !v.empty();
-         }},
-        {"t", "threshold", true,
-         [](ReportOptions& o, std::string_view v) { return parseInt(v, 0, 5, o.threshold); }},
-        {"w", "worst", true,
-         [](ReportOptions& o, std::string_view v) { return parseInt(v, 0, 1000000, o.worst); }},
-        {"", "title", true, text(&ReportOptions::title)},
-        {"q", "quiet", false, flag(&ReportOptions::quiet)},
-        {"", "version", false, flag(&ReportOptions::version)},
-        {"h", "help", false, flag(&ReportOptions::help)},
-    };
-    return table;
-}
-
 std::optional<ReportOptions> parseOptions(const std::vector<std::string>& args, std::string& error)
 {
-    ReportOptions options;
-    bool onlyPaths = false;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string_view arg = args[i];
-        if (onlyPaths || arg == "-" || !arg.starts_with("-")) {
-            if (!arg.empty()) {
-                options.inputs.emplace_back(arg);
-            }
-            continue;
-        }
-        if (arg == "--") {
-            onlyPaths = true;
-            continue;
-        }
-        const bool isLong = arg.starts_with("--");
-        std::string_view name = arg.substr(isLong ? 2 : 1);
-        std::optional<std::string_view> value;
-        if (const auto eq = name.find('='); isLong && eq != std::string_view::npos) {
-            value = name.substr(eq + 1);
-            name = name.substr(0, eq);
-        } else if (!isLong && name.size() > 1) {
-            value = name.substr(1);
-            name = name.substr(0, 1);
-        }
-        const OptionRow* row = nullptr;
-        for (const OptionRow& candidate : optionTable()) {
-            if (name == (isLong ? candidate.longName : candidate.shortName) && !name.empty()) {
-                row = &candidate;
-            }
-        }
-        if (row == nullptr) {
-            error = "unknown option '" + std::string(arg) + "' (see --help)";
-            return std::nullopt;
-        }
-        if (!row->takesValue && value) {
-            error = "--" + std::string(row->longName) + " takes no value";
-            return std::nullopt;
-        }
-        if (row->takesValue && !value) {
-            if (i + 1 == args.size()) {
-                error = "--" + std::string(row->longName) + " needs a value";
-                return std::nullopt;
-            }
-            value = args[++i];
-        }
-        if (!row->apply(options, value.value_or(""))) {
-            error = "bad value '" + std::string(*value) + "' for --" + std::string(row->longName);
-            return std::nullopt;
-        }
+    ReportOptions o;
+    const std::vector<CommandLineOption> table = {
+        {"", "csv", true, setText(o.csv, "--csv", "a file name ('-': standard output)")},
+        {"", "html", true, setText(o.html, "--html", "a file name ('-': standard output)")},
+        {"b", "baseline", true, addText(o.baselines, "--baseline", "a file name")},
+        {"t", "threshold", true, setWholeNumber(o.threshold, 0, 5, "--threshold")},
+        {"w", "worst", true, setWholeNumber(o.worst, 0, 1000000, "--worst")},
+        {"", "title", true, setText(o.title, "--title", "a text")},
+        {"q", "quiet", false, setFlag(o.quiet)},
+        {"", "version", false, setFlag(o.version)},
+        {"h", "help", false, setFlag(o.help)},
+    };
+    if (!parseCommandLine(args, table, o.inputs, error)) {
+        return std::nullopt;
     }
-    return options;
+    return o;
 }
 
 // Reads every input into clips; names broken lines, replaced clips and unreadable inputs

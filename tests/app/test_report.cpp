@@ -154,7 +154,7 @@ TEST_F(ReportTest, BrokenInputLinesAreNamedAndSkipped)
         SCOPED_TRACE(line);
         const fs::path input = dir / "in.jsonl";
         test::writeFile(input, good + line + "\n" + good + line); // the last one unterminated
-        const test::CommandResult r = report({"-t0", "-q", input.string(), "--csv", "-"});
+        const test::CommandResult r = report({"-qt0", input.string(), "--csv", "-"});
         EXPECT_EQ(r.status, 0) << r.err;
         EXPECT_NE(r.err.find("in.jsonl:2: skipped"), std::string::npos) << r.err;
         EXPECT_NE(r.err.find("in.jsonl:4: skipped"), std::string::npos) << r.err;
