@@ -11,9 +11,9 @@
 #include <unistd.h>
 
 #include "app/common/commandline.h"
-#include "app/report/reportdata.h"
-#include "app/report/reportoutput.h"
 #include "files/fileio.h"
+#include "report/reportdata.h"
+#include "report/reportoutput.h"
 #include "results/textcodec.h"
 #include "tarvoqc/version.h"
 

@@ -1,7 +1,9 @@
-#include "app/report/reportdata.h"
+#include "report/reportdata.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -530,6 +532,28 @@ bool readReportInput(const std::string& path, const std::function<void(ClipRecor
         finishLine(); // a last line without its line end: often a cut-off write
     }
     return true;
+}
+
+ClipRecord recordOf(const QcResult& result)
+{
+    ClipRecord record;
+    record.path = result.path;
+    record.score = result.score();
+    record.size = result.facts.fileSize;
+    record.hash256 = result.facts.hash256;
+    if (result.facts.fkey != 0) {
+        char key[17];
+        std::snprintf(key, sizeof key, "%016" PRIX64, result.facts.fkey);
+        record.fkey = key;
+    }
+    if (result.facts.clipDuration != kNoTime) {
+        record.duration = hundredNsToSeconds(result.facts.clipDuration);
+    }
+    for (const QcIssue* issue : result.issues.ordered()) {
+        record.issues.push_back({issue->category, issue->severity, std::max(-1, issue->streamIndex),
+                                 issue->streamKind, issue->text});
+    }
+    return record;
 }
 
 bool ClipSet::add(ClipRecord&& record)
