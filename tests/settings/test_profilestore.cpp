@@ -76,7 +76,7 @@ TEST(ProfileStore, ValuesComeBackAsWrittenAndReadsCountCharacters)
     }
 }
 
-TEST(ProfileStore, ReadsHandEditedFilesLikeTheClassicFunctions)
+TEST(ProfileStore, ReadsHandEditedFilesForgivingly)
 {
     // file, key of "Job00", value read (nullptr: the default)
     const std::tuple<std::string, const char*, const char*> cases[] = {
