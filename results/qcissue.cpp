@@ -140,7 +140,7 @@ QcScore QcIssueList::score() const
 const QcIssue& QcIssueList::at(std::size_t index) const
 {
     if (index >= m_all.size()) {
-        throw std::out_of_range("invalid vector<T> subscript");
+        throw std::out_of_range("QcIssueList::at: index past the end");
     }
     return *m_all[index];
 }

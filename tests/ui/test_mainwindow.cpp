@@ -155,7 +155,7 @@ TEST_F(MainWindowTest, CheckAllShowsScoresColoursAndIssueGroups)
         {"text.mov", "0/5 ERROR", 0x000040, 0xC0C0C0, "File "}};
     MainWindow w;
     QAbstractItemModelTester tester(grid(w)->model(),
-                                    QAbstractItemModelTester::FailureReportingMode::Warning);
+                                    QAbstractItemModelTester::FailureReportingMode::Fatal);
     for (const auto& row : rows) {
         w.taskList().AppendFromCommandLine(test::testClip(std::get<0>(row)).string());
     }
