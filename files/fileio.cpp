@@ -260,9 +260,12 @@ std::string followLinks(std::string path)
         }
         target.resize(static_cast<std::size_t>(length));
         const auto slash = path.rfind('/');
-        path = target.front() == '/' || slash == std::string::npos
-                   ? target
-                   : path.substr(0, slash + 1) + target;
+        if (target.front() == '/' || slash == std::string::npos) {
+            path = std::move(target);
+        } else {
+            path.resize(slash + 1);
+            path += target;
+        }
     }
     return path;
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <system_error>
 
 #include "results/mediatime.h"
 #include "results/textcase.h"
@@ -455,7 +456,7 @@ bool readReportInput(const std::string& path, const std::function<void(ClipRecor
     if (!isStdin) {
         owned.reset(std::fopen(path.c_str(), "rb"));
         if (!owned) {
-            why = std::strerror(errno);
+            why = std::generic_category().message(errno);
             return false;
         }
     }
@@ -488,7 +489,7 @@ bool readReportInput(const std::string& path, const std::function<void(ClipRecor
         const std::size_t got = std::fread(chunk.data(), 1, chunk.size(), file);
         if (got == 0) {
             if (std::ferror(file) != 0) {
-                why = std::strerror(errno);
+                why = std::generic_category().message(errno);
                 return false;
             }
             break;

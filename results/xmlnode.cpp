@@ -5,6 +5,7 @@
 #include <charconv>
 #include <climits>
 #include <limits>
+#include <ranges>
 #include <utility>
 
 #include "files/fileio.h"
@@ -665,8 +666,8 @@ const XmlNode* XmlNode::FindDeep(std::string_view name) const
         if (equalsIgnoreCase(node->m_name, name)) {
             return node;
         }
-        for (auto it = node->m_children.rbegin(); it != node->m_children.rend(); ++it) {
-            pending.push_back(it->get());
+        for (const auto& child : std::views::reverse(node->m_children)) {
+            pending.push_back(child.get());
         }
     }
     return nullptr;

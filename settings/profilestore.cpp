@@ -337,7 +337,8 @@ std::string settingsFolderFor(const char* home, const std::string& programFolder
 
 std::string settingsFolder()
 {
-    const char* userHome = std::getenv("HOME");
+    // The environment is read, never changed, once threads run.
+    const char* userHome = std::getenv("HOME"); // NOLINT(concurrency-mt-unsafe)
     std::string passwdHome;
     if (userHome == nullptr || *userHome == '\0') {
         struct passwd entry
@@ -350,8 +351,10 @@ std::string settingsFolder()
         }
         userHome = passwdHome.c_str();
     }
-    return settingsFolderFor(std::getenv(kHomeVariable), programFolder(),
-                             std::getenv("XDG_CONFIG_HOME"), userHome);
+    return settingsFolderFor(std::getenv(kHomeVariable), // NOLINT(concurrency-mt-unsafe)
+                             programFolder(),
+                             std::getenv("XDG_CONFIG_HOME"), // NOLINT(concurrency-mt-unsafe)
+                             userHome);
 }
 
 std::string settingsPath()

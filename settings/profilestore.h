@@ -123,8 +123,8 @@ const SettingKey* findSettingKey(std::string_view section, std::string_view key)
 // longer than kMaxProfileLineBytes are skipped as if they were not there. A write that
 // would need more than either is refused, and a file longer than kMaxProfileBytes is never
 // rewritten (the write fails and the file stays as it is).
-inline constexpr std::size_t kMaxProfileBytes = 1024 * 1024;
-inline constexpr std::size_t kMaxProfileLineBytes = 64 * 1024;
+inline constexpr std::size_t kMaxProfileBytes = std::size_t{1} << 20;
+inline constexpr std::size_t kMaxProfileLineBytes = std::size_t{64} << 10;
 
 // The text of a settings file in memory: "[Section]" lines and "key=value" lines, UTF-8,
 // LF or CR LF line ends, an optional UTF-8 byte-order mark.

@@ -36,6 +36,9 @@ constexpr int kExitFailure = 2;
 std::string g_decimalPoint = ".";
 std::string g_thousandsSeparator;
 
+// Start-up code, run before any other thread exists: the locale and the environment are
+// set here and only read afterwards.
+// NOLINTBEGIN(concurrency-mt-unsafe)
 void takeLocale()
 {
     std::setlocale(LC_ALL, "");
@@ -47,6 +50,7 @@ void takeLocale()
     // user's locale.
     std::setlocale(LC_NUMERIC, "C");
 }
+// NOLINTEND(concurrency-mt-unsafe)
 
 // One command-line token as start-up will apply it.
 struct Token
@@ -92,13 +96,15 @@ int main(int argc, char** argv)
 {
     const std::vector<Token> tokens = readTokens(argc, argv);
     // A hidden job, or a machine without a display, runs on the offscreen platform so that
-    // a server can run job files.
+    // a server can run job files. No other thread exists yet.
+    // NOLINTBEGIN(concurrency-mt-unsafe)
     if (std::getenv("QT_QPA_PLATFORM") == nullptr && (anyHidden(tokens) || !haveDisplay())) {
         if (!haveDisplay() && !anyHidden(tokens)) {
             std::fprintf(stderr, "tarvoqc: no display; the window runs offscreen\n");
         }
         ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
     }
+    // NOLINTEND(concurrency-mt-unsafe)
     installStopSignals();
     QApplication app(argc, argv);
     takeLocale();

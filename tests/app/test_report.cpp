@@ -153,7 +153,9 @@ TEST_F(ReportTest, BrokenInputLinesAreNamedAndSkipped)
     for (const char* line : broken) {
         SCOPED_TRACE(line);
         const fs::path input = dir / "in.jsonl";
-        test::writeFile(input, good + line + "\n" + good + line); // the last one unterminated
+        std::string text = good;
+        text.append(line).append("\n").append(good).append(line); // the last one unterminated
+        test::writeFile(input, text);
         const test::CommandResult r = report({"-qt0", input.string(), "--csv", "-"});
         EXPECT_EQ(r.status, 0) << r.err;
         EXPECT_NE(r.err.find("in.jsonl:2: skipped"), std::string::npos) << r.err;
@@ -290,8 +292,8 @@ TEST_F(ReportTest, ParallelRecipeWithTwoSlotsGivesTheReportOfOneRun)
         SCOPED_TRACE(failOnce ? "a slot fails once" : "no failure");
         const fs::path out = dir / (failOnce ? "flaky" : "plain");
         const test::CommandResult r = test::runCommand(
-            {TARVOQC_SOURCE_DIR "/scripts/parallel-check.sh", "--sshlogin", "2/:", at("list.txt"),
-             out.string()},
+            {std::string(TARVOQC_SOURCE_DIR) + "/scripts/parallel-check.sh", "--sshlogin",
+             "2/:", at("list.txt"), out.string()},
             {"TARVOQC_CHECK=" + (failOnce ? flaky.string() : std::string(TARVOQC_CHECK_EXE)),
              "TARVOQC_REPORT=" TARVOQC_REPORT_EXE});
         EXPECT_EQ(r.status, 1) << r.out << r.err;
@@ -336,8 +338,8 @@ TEST(ReportHostile, NeverWritesOntoAnInputNorRemovesWhatItCannotWrite)
     const std::map<std::string, std::string> kept = {
         {"in.jsonl", line},
         {"old.jsonl", line},
-        {"doc.qcout", "<Tarvo_QC><Clip File=\"/in/c.ts\"/><QCheck Score=\"5\" Result=\"5/5 OK\" "
-                      "Issues=\"0\"/></Tarvo_QC>"},
+        {"doc.qcout", std::string("<Tarvo_QC><Clip File=\"/in/c.ts\"/>") +
+                          "<QCheck Score=\"5\" Result=\"5/5 OK\" Issues=\"0\"/></Tarvo_QC>"},
         {"notes.csv", "my notes\n"},
         {"ro/earlier.csv", "earlier report\n"},
         {"earlier.csv", "earlier report\n"},

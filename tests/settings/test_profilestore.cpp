@@ -366,6 +366,7 @@ TEST(ProfileStore, ConcurrentWritersLoseNoUpdate)
         }
     });
     std::vector<std::thread> writers;
+    writers.reserve(kThreads);
     for (int t = 0; t < kThreads; ++t) {
         writers.emplace_back([&, t] {
             for (int k = 0; k < kKeys; ++k) {

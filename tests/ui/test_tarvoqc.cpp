@@ -37,10 +37,11 @@ test::ChildProcess windowProcess(const std::vector<std::string>& args, const fs:
         argv.insert(argv.end(), {"-u", "QT_QPA_PLATFORM", "DISPLAY=" + display});
     } else {
         argv.insert(argv.end(), {"-u", "DISPLAY"});
-        argv.push_back(screen == Screen::None ? "-uQT_QPA_PLATFORM" : "QT_QPA_PLATFORM=offscreen");
+        argv.emplace_back(screen == Screen::None ? "-uQT_QPA_PLATFORM"
+                                                 : "QT_QPA_PLATFORM=offscreen");
     }
-    argv.push_back("TARVOQC_HOME=" + home.string());
-    argv.push_back(TARVOQC_WINDOW_EXE);
+    argv.emplace_back("TARVOQC_HOME=" + home.string());
+    argv.emplace_back(TARVOQC_WINDOW_EXE);
     argv.insert(argv.end(), args.begin(), args.end());
     return test::ChildProcess(argv);
 }
