@@ -5,7 +5,6 @@
 #include <charconv>
 #include <climits>
 #include <limits>
-#include <ranges>
 #include <utility>
 
 #include "files/fileio.h"
@@ -666,8 +665,9 @@ const XmlNode* XmlNode::FindDeep(std::string_view name) const
         if (equalsIgnoreCase(node->m_name, name)) {
             return node;
         }
-        for (const auto& child : std::views::reverse(node->m_children)) {
-            pending.push_back(child.get());
+        // Pushed last to first, so that the first child is looked at next.
+        for (std::size_t i = node->m_children.size(); i-- > 0;) {
+            pending.push_back(node->m_children[i].get());
         }
     }
     return nullptr;
