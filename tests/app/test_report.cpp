@@ -303,17 +303,10 @@ TEST_F(ReportTest, ParallelRecipeWithTwoSlotsGivesTheReportOfOneRun)
     }
 }
 
-// Runs the command as nobody when the tests run as root (root may write anywhere), else as
-// it is.
+// Runs the command as nobody when the tests run as root (root may write anywhere).
 test::CommandResult runAsNobody(const std::vector<std::string>& argv)
 {
-    if (::geteuid() != 0) {
-        return test::runCommand(argv);
-    }
-    const std::optional<std::string> out = test::runInChild([&]() -> std::optional<std::string> {
-        if (!test::dropToNobody()) {
-            return std::nullopt;
-        }
+    const std::optional<std::string> out = test::runUnprivileged([&] {
         const test::CommandResult r = test::runCommand(argv);
         return std::to_string(r.status) + '\n' + r.err;
     });

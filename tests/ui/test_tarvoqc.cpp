@@ -2,6 +2,7 @@
 #include <csignal>
 #include <filesystem>
 #include <iostream>
+#include <map>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -142,105 +143,35 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
                                      "</Tarvo_QC>\r\n") +
                          std::string(2, '\0');
     };
-    struct Row
-    {
-        std::vector<std::string> args;
-        Screen screen;
-        bool waits;           // it waits to be closed (and then gets SIGTERM)
-        int status;           // its exit status
-        const char* document; // the document expected in the job folder (nullptr: none new)
-        std::string summary;  // what it holds
-        const char* kept;     // a file under a document's name that must stay as it was
-        std::string says;     // a text of its standard error
-    };
+    // Arguments, screen, whether it waits to be closed (and then gets SIGTERM), its exit
+    // status, the document in the job folder afterwards ("" none; "=name": a file there before
+    // that stays as it was) and a text of its standard error.
+    constexpr Screen off = Screen::Offscreen, none = Screen::None, shown = Screen::Display;
+    using Row = std::tuple<std::vector<std::string>, Screen, bool, int, std::string, std::string>;
     const Row rows[] = {
-        {{}, Screen::Offscreen, true, 0, nullptr, "", nullptr, ""}, // interactive: no document
-        // upper-case extension, path with spaces
-        {{in("A.QCIN")}, Screen::Offscreen, false, 0, "A.qcout", all, nullptr, ""},
-        {{in("A.QCIN"), ok.string()}, Screen::Offscreen, false, 0, nullptr, "", nullptr, ""},
-        // two jobs: the second's document lists both
-        {{in("A.QCIN"), in("second.qcin")},
-         Screen::Offscreen,
-         false,
-         0,
-         "second.qcout",
-         all,
-         nullptr,
-         ""},
-        {{in("x.qcin.bak"), in(".qci")}, Screen::Offscreen, false, 0, nullptr, "", nullptr, ""},
-        // Hide without a display; hidden and waiting, a close request still ends it
-        {{in("hidden.qcin")}, Screen::None, false, 0, "hidden.qcout", hidden, nullptr, ""},
+        {{}, off, true, 0, "", ""},                           // interactive: no document
+        {{in("A.QCIN")}, off, false, 0, "A.qcout", ""},       // upper-case extension, spaces
+        {{in("A.QCIN"), ok.string()}, off, false, 0, "", ""}, // a clip after the job: none
+        {{in("A.QCIN"), in("second.qcin")}, off, false, 0, "second.qcout", ""}, // lists both
+        {{in("x.qcin.bak"), in(".qci")}, off, false, 0, "", ""},                // clips, not jobs
+        {{in("hidden.qcin")}, none, false, 0, "hidden.qcout", ""}, // Hide without a display
         // Nothing to check in a window nobody can close: it says so and ends.
-        {{in("empty.qcin")},
-         Screen::Offscreen,
-         false,
-         2,
-         nullptr,
-         "",
-         "empty.qcout",
-         "no clips to check"},
-        {{in("hidden-empty.qcin")},
-         Screen::None,
-         false,
-         2,
-         nullptr,
-         "",
-         "hidden-empty.qcout",
-         "no clips to check"},
+        {{in("empty.qcin")}, off, false, 2, "=empty.qcout", "no clips to check"},
+        {{in("hidden-empty.qcin")}, none, false, 2, "=hidden-empty.qcout", "no clips to check"},
         // A job that cannot be read is named and never replaces its earlier document.
-        {{in("broken.qcin")},
-         Screen::Offscreen,
-         false,
-         2,
-         nullptr,
-         "",
-         "broken.qcout",
-         "job file '" + in("broken.qcin") + "' could not be read"},
-        {{in("other.qcin")},
-         Screen::Offscreen,
-         false,
-         2,
-         nullptr,
-         "",
-         "other.qcout",
-         "has no \"Tarvo_QC\" root element"},
-        {{ok.string(), in("broken.qcin")},
-         Screen::Offscreen,
-         false,
-         2,
-         nullptr,
-         "",
-         "broken.qcout",
-         "could not be read"},
+        {{in("broken.qcin")}, off, false, 2, "=broken.qcout", "'" + in("broken.qcin") + "' could"},
+        {{in("other.qcin")}, off, false, 2, "=other.qcout", "has no \"Tarvo_QC\" root element"},
+        {{ok.string(), in("broken.qcin")}, off, false, 2, "=broken.qcout", "could not be read"},
         // Refused before anything is checked, as tarvoqc-check refuses.
-        {{in("own.qcin")},
-         Screen::Offscreen,
-         false,
-         2,
-         nullptr,
-         "",
-         "own.qcout",
-         "it is one of the clips to check"},
-        {{in("notes.qcin")},
-         Screen::Offscreen,
-         false,
-         2,
-         nullptr,
-         "",
-         "notes.qcout",
-         "it exists and is not a result document"},
+        {{in("own.qcin")}, off, false, 2, "=own.qcout", "it is one of the clips to check"},
+        {{in("notes.qcin")}, off, false, 2, "=notes.qcout", "it exists and is not a result"},
         // A shown window keeps waiting for its user; closing writes the (empty) document, but
         // never that of a job that could not be read.
-        {{in("empty.qcin")}, Screen::Display, true, 0, "empty.qcout", "", nullptr, ""},
-        {{in("broken.qcin")},
-         Screen::Display,
-         true,
-         2,
-         nullptr,
-         "",
-         "broken.qcout",
-         "could not be read"},
+        {{in("empty.qcin")}, shown, true, 0, "empty.qcout", ""},
+        {{in("broken.qcin")}, shown, true, 2, "=broken.qcout", "could not be read"},
     };
+    const std::map<std::string, std::string> summaries = {
+        {"A.qcout", all}, {"second.qcout", all}, {"hidden.qcout", hidden}, {"empty.qcout", ""}};
     const auto documents = [&] {
         std::vector<std::string> names;
         for (const auto& entry : fs::directory_iterator(jobs)) {
@@ -251,39 +182,38 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
         return names;
     };
     VirtualDisplay display;
-    for (const Row& row : rows) {
-        SCOPED_TRACE(testing::PrintToString(row.args));
-        if (row.screen == Screen::Display && display.name().empty()) {
+    for (const auto& [args, screen, waits, status, document, says] : rows) {
+        SCOPED_TRACE(testing::PrintToString(args));
+        if (screen == shown && display.name().empty()) {
             std::cout << "[ SKIPPED  ] a shown window: Xvfb is not installed\n";
             continue;
         }
         for (const std::string& name : documents()) {
             fs::remove(jobs / name);
         }
-        if (row.kept != nullptr) {
-            test::writeFile(jobs / row.kept, keptBytes(row.kept));
+        const bool kept = document.starts_with("=");
+        const std::string name = kept ? document.substr(1) : document;
+        if (kept) {
+            test::writeFile(jobs / name, keptBytes(name));
         }
         test::ChildProcess process =
-            windowProcess(row.args, home, row.screen, dir / "errors", display.name());
-        if (row.waits) {
+            windowProcess(args, home, screen, dir / "errors", display.name());
+        if (waits) {
             // Bounded: the window must still be there after a while, waiting for its user.
             EXPECT_FALSE(process.waitFor(std::chrono::milliseconds(1500)));
             process.signal(SIGTERM);
-            EXPECT_EQ(process.waitFor(std::chrono::seconds(5)), row.status);
+            EXPECT_EQ(process.waitFor(std::chrono::seconds(5)), status);
         } else {
-            EXPECT_EQ(process.waitFor(std::chrono::seconds(60)), row.status);
+            EXPECT_EQ(process.waitFor(std::chrono::seconds(60)), status);
         }
-        EXPECT_NE(test::readFile(dir / "errors").find(row.says), std::string::npos)
+        EXPECT_NE(test::readFile(dir / "errors").find(says), std::string::npos)
             << test::readFile(dir / "errors");
-        if (row.kept != nullptr) {
-            EXPECT_EQ(test::readFile(jobs / row.kept), keptBytes(row.kept));
+        EXPECT_EQ(documents(), name.empty() ? std::vector<std::string>{} : std::vector{name});
+        if (kept) {
+            EXPECT_EQ(test::readFile(jobs / name), keptBytes(name));
+        } else if (!name.empty()) {
+            EXPECT_EQ(documentSummary(jobs / name), summaries.at(name));
         }
-        if (row.document == nullptr) {
-            EXPECT_EQ(documents().size(), row.kept != nullptr ? 1u : 0u);
-            continue;
-        }
-        ASSERT_EQ(documents(), std::vector<std::string>{row.document});
-        EXPECT_EQ(documentSummary(jobs / row.document), row.summary);
     }
 }
 
