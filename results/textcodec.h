@@ -10,6 +10,8 @@ namespace tarvoqc {
 // stops a read or a write.
 
 bool isValidUtf8(std::string_view text);
+// Appends the UTF-8 form of a code point (up to U+10FFFF; no check for surrogates).
+void appendUtf8(std::string& out, char32_t cp);
 // text with every byte that does not start a well-formed sequence replaced by U+FFFD.
 std::string sanitizeUtf8(std::string_view text);
 std::string utf16leToUtf8(std::string_view bytes);

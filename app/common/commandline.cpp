@@ -20,6 +20,30 @@ const CommandLineOption* findOption(const std::vector<CommandLineOption>& option
     return nullptr;
 }
 
+bool nonEmpty(std::string_view value, std::string_view name, std::string_view what,
+              std::string& error)
+{
+    if (value.empty()) {
+        error = std::string(name) + " needs " + std::string(what);
+    }
+    return !value.empty();
+}
+
+// The whole text as a number from low to high (NaN is none), stored in field; false (field
+// untouched) otherwise.
+template <typename Number>
+bool numberIn(std::string_view value, Number low, Number high, Number& field)
+{
+    Number number{};
+    const auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), number);
+    if (ec != std::errc{} || end != value.data() + value.size() || !(number >= low) ||
+        !(number <= high)) {
+        return false;
+    }
+    field = number;
+    return true;
+}
+
 } // namespace
 
 bool parseCommandLine(const std::vector<std::string>& args,
@@ -108,15 +132,11 @@ OptionApply setFlag(bool& field)
 OptionApply setWholeNumber(int& field, int low, int high, std::string_view name)
 {
     return [&field, low, high, name](std::string_view value, std::string& error) {
-        int number = 0;
-        const auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), number);
-        if (ec != std::errc{} || end != value.data() + value.size() || number < low ||
-            number > high) {
+        if (!numberIn(value, low, high, field)) {
             error = std::string(name) + " needs a whole number from " + std::to_string(low) +
                     " to " + std::to_string(high) + ", not '" + std::string(value) + "'";
             return false;
         }
-        field = number;
         return true;
     };
 }
@@ -124,17 +144,13 @@ OptionApply setWholeNumber(int& field, int low, int high, std::string_view name)
 OptionApply setDecimal(double& field, double low, double high, std::string_view name)
 {
     return [&field, low, high, name](std::string_view value, std::string& error) {
-        double number = 0.0;
-        const auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), number);
-        if (ec != std::errc{} || end != value.data() + value.size() || !(number >= low) ||
-            !(number <= high)) {
+        if (!numberIn(value, low, high, field)) {
             char text[160];
             std::snprintf(text, sizeof text, "%s needs a number from %g to %g, not '",
                           std::string(name).c_str(), low, high);
             error = text + std::string(value) + "'";
             return false;
         }
-        field = number;
         return true;
     };
 }
@@ -142,24 +158,14 @@ OptionApply setDecimal(double& field, double low, double high, std::string_view 
 OptionApply setText(std::string& field, std::string_view name, std::string_view what)
 {
     return [&field, name, what](std::string_view value, std::string& error) {
-        if (value.empty()) {
-            error = std::string(name) + " needs " + std::string(what);
-            return false;
-        }
-        field = value;
-        return true;
+        return nonEmpty(value, name, what, error) && (field = value, true);
     };
 }
 
 OptionApply addText(std::vector<std::string>& field, std::string_view name, std::string_view what)
 {
     return [&field, name, what](std::string_view value, std::string& error) {
-        if (value.empty()) {
-            error = std::string(name) + " needs " + std::string(what);
-            return false;
-        }
-        field.emplace_back(value);
-        return true;
+        return nonEmpty(value, name, what, error) && (field.emplace_back(value), true);
     };
 }
 
