@@ -146,50 +146,30 @@ std::size_t appendUnwritable(std::string& out, std::string_view text)
     return 0;
 }
 
-// Tab, CR and LF are written as character references, which XML readers keep, where they
-// would turn the characters themselves into spaces.
-void appendAttributeValue(std::string& out, std::string_view value)
+// How the writer spells a character in an attribute value and in a text (nullptr: as it
+// is), so that every XML reader reads them as they are. Tab, CR and LF are references in
+// values, which XML readers would turn into spaces; in texts a CR, which they would make a
+// line feed, and ">" (so that "]]>" never appears).
+struct Spelling
 {
-    for (std::size_t i = 0; i < value.size();) {
-        if (const std::size_t used = appendUnwritable(out, value.substr(i)); used > 0) {
-            i += used;
-            continue;
-        }
-        switch (value[i]) {
-        case '"':
-            out += "&quot;";
-            break;
-        case '&':
-            out += "&amp;";
-            break;
-        case '\'':
-            out += "&apos;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        case '\t':
-            out += "&#9;";
-            break;
-        case '\n':
-            out += "&#10;";
-            break;
-        case '\r':
-            out += "&#13;";
-            break;
-        default:
-            out += value[i];
-        }
-        ++i;
-    }
-}
+    char character;
+    const char* inValue;
+    const char* inText;
+};
+constexpr std::array<Spelling, 8> kSpellings = {{{'"', "&quot;", "&quot;"},
+                                                 {'&', "&amp;", "&amp;"},
+                                                 {'\'', "&apos;", "&apos;"},
+                                                 {'<', "&lt;", "&lt;"},
+                                                 {'>', nullptr, "&gt;"},
+                                                 {'\t', "&#9;", nullptr},
+                                                 {'\n', "&#10;", nullptr},
+                                                 {'\r', "&#13;", "&#13;"}}};
 
-// Texts are written so that strict XML readers read them as they are: the ampersand as
-// "&amp;"; a leading space, which the reader skips, and a CR, which XML readers make a line
-// feed, as references.
-void appendText(std::string& out, std::string_view text)
+// A text's leading space, which the reader skips, is "&#32;"; a text that is a CDATA
+// section is written as it stands.
+void appendEscaped(std::string& out, std::string_view text, bool inText)
 {
-    if (text.starts_with("<![CDATA[")) {
+    if (inText && text.starts_with("<![CDATA[")) {
         out += text;
         return;
     }
@@ -198,30 +178,18 @@ void appendText(std::string& out, std::string_view text)
             i += used;
             continue;
         }
-        switch (text[i]) {
-        case '"':
-            out += "&quot;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        case '\'':
-            out += "&apos;";
-            break;
-        case '&':
-            out += "&amp;";
-            break;
-        case '\r':
-            out += "&#13;";
-            break;
-        case ' ':
-            out += i == 0 ? "&#32;" : " ";
-            break;
-        default:
-            out += text[i];
+        const char c = text[i];
+        const auto hit = std::find_if(kSpellings.begin(), kSpellings.end(),
+                                      [c](const Spelling& s) { return s.character == c; });
+        const char* spelled = hit == kSpellings.end() ? nullptr
+                              : inText                ? hit->inText
+                                                      : hit->inValue;
+        if (inText && i == 0 && c == ' ') {
+            out += "&#32;";
+        } else if (spelled != nullptr) {
+            out += spelled;
+        } else {
+            out += c;
         }
         ++i;
     }
@@ -863,7 +831,7 @@ std::string XmlNode::saveText(std::size_t level) const
             out += ' ';
             out += a.name;
             out += "=\"";
-            appendAttributeValue(out, a.value);
+            appendEscaped(out, a.value, false);
             out += '"';
         }
         if (node.m_children.empty() && node.m_text.empty()) {
@@ -892,7 +860,7 @@ std::string XmlNode::saveText(std::size_t level) const
         if (stack.empty()) {
             break; // the document node writes nothing of its own
         }
-        appendText(out, node.m_text);
+        appendEscaped(out, node.m_text, true);
         if (!node.m_children.empty()) {
             indent(level + stack.size() - 1);
         }
