@@ -95,7 +95,8 @@ QMenu* MainWindow::addMenu(CMkButton* button,
         }
         QAction* action = menu->addAction(QString::fromUtf8(text));
         const int buttonId = kitId(button);
-        connect(action, &QAction::triggered, this, [this, buttonId, id] { onMenu(buttonId, id); });
+        connect(action, &QAction::triggered, this,
+                [this, buttonId, entry = id] { onMenu(buttonId, entry); });
     }
     button->setMenu(menu);
     return menu;
@@ -402,6 +403,8 @@ void MainWindow::refreshIssues()
     if (result == nullptr) {
         return;
     }
+    // The tree owns the items made below (Qt's parent ownership), which the analyzer does not
+    // follow. NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks)
     for (int c = 0; c < kCategoryCount; ++c) {
         const auto category = static_cast<QcIssueCategory>(c);
         const std::vector<const QcIssue*> issues = result->issues.byCategory(category);
