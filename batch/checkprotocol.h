@@ -26,7 +26,7 @@ namespace tarvoqc {
 inline constexpr std::size_t kFrameHeaderBytes = 5;
 // Far above the largest real frame: a result holds at most 255 issues per category of at
 // most 1024 characters each (about 6 MiB in the worst case) and the facts of its streams.
-inline constexpr std::size_t kMaxFrameBytes = 64 * 1024 * 1024;
+inline constexpr std::size_t kMaxFrameBytes = std::size_t{64} << 20;
 
 enum class FrameType : std::uint8_t {
     // Program to worker.

@@ -260,21 +260,46 @@ std::string followLinks(std::string path)
         }
         target.resize(static_cast<std::size_t>(length));
         const auto slash = path.rfind('/');
-        path = target.front() == '/' || slash == std::string::npos
-                   ? target
-                   : path.substr(0, slash + 1) + target;
+        if (target.front() == '/' || slash == std::string::npos) {
+            path = std::move(target);
+        } else {
+            path.resize(slash + 1);
+            path += target;
+        }
     }
     return path;
 }
 
-bool sameFile(const std::string& a, const std::string& b)
+std::optional<FileId> fileIdOf(const std::string& path)
 {
-    struct stat first
+    struct stat st
     {};
-    struct stat second
+    if (::stat(path.c_str(), &st) != 0) {
+        return std::nullopt;
+    }
+    return FileId{st.st_dev, st.st_ino};
+}
+
+std::string outputRefusal(const std::string& path, const std::vector<std::string>& inputs)
+{
+    struct stat target
     {};
-    return ::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0 &&
-           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+    if (::stat(path.c_str(), &target) != 0) {
+        return {};
+    }
+    if (!S_ISREG(target.st_mode)) {
+        return "it is not a regular file";
+    }
+    if (::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0) {
+        return "it is read-only";
+    }
+    const FileId id{target.st_dev, target.st_ino};
+    for (const std::string& input : inputs) {
+        if (fileIdOf(input) == id) {
+            return "it is one of the inputs";
+        }
+    }
+    return {};
 }
 
 FileReplacement::FileReplacement(const std::string& path, bool makeFolders)
@@ -288,6 +313,11 @@ FileReplacement::FileReplacement(const std::string& path, bool makeFolders)
     const bool exists = ::stat(m_target.c_str(), &existing) == 0;
     if (exists && !S_ISREG(existing.st_mode)) {
         errno = EINVAL;
+        return;
+    }
+    // A file the process may not write keeps its content, though the folder would allow the
+    // rename that replaces it.
+    if (exists && ::faccessat(AT_FDCWD, m_target.c_str(), W_OK, AT_EACCESS) != 0) {
         return;
     }
     for (int attempt = 0; attempt < 100 && !m_file.valid(); ++attempt) {

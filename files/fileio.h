@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -99,9 +101,22 @@ bool makeFolders(const std::string& folder);
 // a link replaces the link's target (which a dangling link names too), never the link.
 std::string followLinks(std::string path);
 
-// True when a and b are paths to the same file (same device and inode, links followed),
-// whatever the names.
-bool sameFile(const std::string& a, const std::string& b);
+// What tells one file from another, whatever its names: device and inode.
+struct FileId
+{
+    dev_t device = 0;
+    ino_t inode = 0;
+    bool operator==(const FileId&) const = default;
+};
+// The identity of the file at path (links followed), or nullopt when nothing is there.
+std::optional<FileId> fileIdOf(const std::string& path);
+
+// Why a program must not write its output to path, or empty when it may: "it is not a
+// regular file" when something other than a regular file is there (links followed), "it is
+// read-only" when the process may not write it, "it is one of the inputs" when it is the same
+// file as one of inputs, whatever the names (links and hard links count). Nothing there, or
+// a dangling link, may be written.
+std::string outputRefusal(const std::string& path, const std::vector<std::string>& inputs);
 
 // Replaces (or creates) the file at a path as one step: the bytes go into a temp file beside
 // the target, which takes the target's name only when everything was written and flushed,
@@ -109,12 +124,12 @@ bool sameFile(const std::string& a, const std::string& b);
 // earlier file whole and no half-written file under the name.
 //
 // The target is the path with its links followed. An existing target must be a regular file
-// (a device, a FIFO or a folder is never replaced) and keeps its permission bits, and its
-// owner where the process may give it away; a new file gets 0666 less the umask. The temp
-// name is "." + the target's name + "." + a unique number + ".tmp", the name cut so that the
-// whole stays within the 255 bytes a file name may have. Commit flushes the file, renames it
-// over the target and flushes the folder. A replacement that is not committed removes its
-// temp file, the only file it ever removes.
+// (a device, a FIFO or a folder is never replaced) that the process may write; it keeps its
+// permission bits, and its owner where the process may give it away. A new file gets 0666
+// less the umask. The temp name is "." + the target's name + "." + a unique number + ".tmp",
+// the name cut so that the whole stays within the 255 bytes a file name may have. Commit
+// flushes the file, renames it over the target and flushes the folder. A replacement that
+// is not committed removes its temp file, the only file it ever removes.
 class FileReplacement
 {
 public:

@@ -1,11 +1,10 @@
 #include "results/dailylog.h"
 
-#include <cerrno>
 #include <cstdio>
 
 #include <fcntl.h>
-#include <unistd.h>
 
+#include "files/fileio.h"
 #include "results/textcodec.h"
 #include "tarvoqc/version.h"
 
@@ -94,24 +93,13 @@ int DailyLog::appendLocked(std::string_view text)
         return 0;
     }
     // Non-blocking only so that a FIFO in the file's place cannot hold the writer up.
-    int fd = ::open(m_path.c_str(),
-                    O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
-    if (fd < 0) {
+    const FileHandle file =
+        openFile(m_path, O_WRONLY | O_CREAT | O_APPEND | O_NOCTTY | O_NONBLOCK, 0666);
+    if (!file.valid()) {
         return 1;
     }
-    std::string bytes = utf8ToUtf16le(text);
-    std::string_view rest = bytes;
-    while (!rest.empty()) {
-        ssize_t done = ::write(fd, rest.data(), rest.size());
-        if (done < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            break;
-        }
-        rest.remove_prefix(static_cast<std::size_t>(done));
-    }
-    ::close(fd);
+    const std::string bytes = utf8ToUtf16le(text);
+    writeFull(file.get(), bytes.data(), bytes.size());
     return 1;
 }
 

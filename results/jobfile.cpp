@@ -55,15 +55,20 @@ std::string jobResultPath(std::string_view jobFilePath)
     return path;
 }
 
-bool readJobFile(const std::string& jobFilePath, Job& job)
+bool readJobFile(const std::string& jobFilePath, Job& job, std::string* why)
 {
     job.resultPath = jobResultPath(jobFilePath);
     XmlNode document;
+    const char* problem = nullptr;
     if (!document.Load(jobFilePath)) {
-        return false;
+        problem = "could not be read";
+    } else if (loadJob(document, job) == 0) {
+        problem = "has no \"Tarvo_QC\" root element";
     }
-    loadJob(document, job);
-    return true;
+    if (problem != nullptr && why != nullptr) {
+        *why = problem;
+    }
+    return problem == nullptr;
 }
 
 } // namespace tarvoqc

@@ -46,7 +46,9 @@ std::string jobResultPath(std::string_view jobFilePath);
 
 // The command-line handling of one job file: sets job.resultPath, loads the file and, when
 // it parses (every element closed), reads it with loadJob. False when the file could not
-// be read or parsed; the clips are then untouched.
-bool readJobFile(const std::string& jobFilePath, Job& job);
+// be read or parsed, or has no "Tarvo_QC" root; the clips are then untouched and why (when
+// given) says which, as the programs name it: "could not be read" or "has no \"Tarvo_QC\"
+// root element".
+bool readJobFile(const std::string& jobFilePath, Job& job, std::string* why = nullptr);
 
 } // namespace tarvoqc

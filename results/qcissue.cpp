@@ -97,21 +97,18 @@ void QcIssueList::add(QcIssueCategory category, QcSeverity severity, QcStreamKin
     if (sev >= kSeverityCount || cat >= kCategoryCount) {
         return;
     }
-    if (m_bySeverity[sev].size() >= kIssueCap || m_categoryCount[cat] >= kIssueCap) {
+    if (m_severityCount[sev] >= kIssueCap || m_categoryCount[cat] >= kIssueCap) {
         return;
     }
-    auto issue = std::make_unique<QcIssue>(
-        QcIssue{category, severity, streamKind, streamIndex, cutUtf8(text, kMaxIssueTextChars)});
-    m_bySeverity[sev].push_back(issue.get());
+    m_all.push_back(std::make_unique<QcIssue>(
+        QcIssue{category, severity, streamKind, streamIndex, cutUtf8(text, kMaxIssueTextChars)}));
+    ++m_severityCount[sev];
     ++m_categoryCount[cat];
-    m_all.push_back(std::move(issue));
 }
 
 void QcIssueList::clear()
 {
-    for (auto& list : m_bySeverity) {
-        list.clear();
-    }
+    m_severityCount = {};
     m_all.clear();
 }
 
@@ -133,7 +130,7 @@ void QcIssueList::assign(const QcIssueList& other)
 QcScore QcIssueList::score() const
 {
     for (int sev = kSeverityCount - 1; sev >= 0; --sev) {
-        if (!m_bySeverity[sev].empty()) {
+        if (m_severityCount[static_cast<std::size_t>(sev)] != 0) {
             return 4 - sev;
         }
     }
@@ -143,15 +140,20 @@ QcScore QcIssueList::score() const
 const QcIssue& QcIssueList::at(std::size_t index) const
 {
     if (index >= m_all.size()) {
-        throw std::out_of_range("invalid vector<T> subscript");
+        throw std::out_of_range("QcIssueList::at: index past the end");
     }
     return *m_all[index];
 }
 
 std::vector<const QcIssue*> QcIssueList::bySeverity(QcSeverity severity) const
 {
-    const auto sev = static_cast<std::size_t>(severity);
-    return sev < kSeverityCount ? m_bySeverity[sev] : std::vector<const QcIssue*>{};
+    std::vector<const QcIssue*> result;
+    for (const auto& issue : m_all) {
+        if (issue->severity == severity) {
+            result.push_back(issue.get());
+        }
+    }
+    return result;
 }
 
 std::vector<const QcIssue*> QcIssueList::byCategory(QcIssueCategory category) const
@@ -206,7 +208,11 @@ std::vector<const QcIssue*> QcIssueList::ordered() const
     std::vector<const QcIssue*> result;
     result.reserve(m_all.size());
     for (int sev = kSeverityCount - 1; sev >= 0; --sev) {
-        result.insert(result.end(), m_bySeverity[sev].begin(), m_bySeverity[sev].end());
+        for (const auto& issue : m_all) {
+            if (issue->severity == static_cast<QcSeverity>(sev)) {
+                result.push_back(issue.get());
+            }
+        }
     }
     return result;
 }

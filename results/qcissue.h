@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -114,9 +115,10 @@ public:
 
 private:
     std::vector<std::unique_ptr<QcIssue>> m_all;
-    std::vector<const QcIssue*> m_bySeverity[kSeverityCount];
-    // Only the counts of the category lists are ever read, so only they are kept.
-    std::size_t m_categoryCount[kCategoryCount] = {};
+    // Counts, not lists: a finished clip's record is kept for every clip of a long run, and
+    // the lists by severity or category are made from m_all when asked for.
+    std::array<std::uint16_t, kSeverityCount> m_severityCount = {};
+    std::array<std::uint16_t, kCategoryCount> m_categoryCount = {};
 };
 
 } // namespace tarvoqc

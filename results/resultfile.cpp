@@ -2,6 +2,9 @@
 
 #include <cstdio>
 
+#include "files/fileio.h"
+#include "results/textcodec.h"
+
 namespace tarvoqc {
 
 namespace {
@@ -141,19 +144,57 @@ void writeQcCheck(XmlNode& qcheck, const QcResult& result)
     }
 }
 
+namespace {
+
+// One entry of a result document under its root: "Clip" and, for a checked clip, "QCheck".
+void addEntry(XmlNode& root, const ResultDocumentEntry& entry)
+{
+    XmlNode* clip = root.AddChild("Clip");
+    clip->SetAttribute("File", entry.path);
+    if (entry.result == nullptr) {
+        return;
+    }
+    writeClipResult(*clip, *entry.result);
+    writeQcCheck(*root.AddChild("QCheck"), *entry.result);
+}
+
+} // namespace
+
 void buildResultDocument(XmlNode& document, const std::vector<ResultDocumentEntry>& entries)
 {
     document.Clear();
-    XmlNode* root = document.AddChild("Tarvo_QC");
+    XmlNode* root = document.AddChild(kResultRoot);
     for (const ResultDocumentEntry& entry : entries) {
-        XmlNode* clip = root->AddChild("Clip");
-        clip->SetAttribute("File", entry.path);
-        if (entry.result == nullptr) {
-            continue;
-        }
-        writeClipResult(*clip, *entry.result);
-        writeQcCheck(*root->AddChild("QCheck"), *entry.result);
+        addEntry(*root, entry);
     }
+}
+
+bool writeResultDocument(const std::string& path, std::size_t count,
+                         const std::function<ResultDocumentEntry(std::size_t)>& entryAt)
+{
+    // The tree of buildResultDocument, written a few hundred clips at a time: each batch is
+    // the root's children at level 1, between the root's own tags.
+    constexpr std::size_t kBatch = 256;
+    FileReplacement file(path);
+    file.write("\xFF\xFE");
+    const std::string rootName(kResultRoot);
+    if (count == 0) {
+        file.write(utf8ToUtf16le("<" + rootName + "/>\r\n"));
+    } else {
+        file.write(utf8ToUtf16le("<" + rootName + ">\r\n"));
+        XmlNode document;
+        XmlNode& root = *document.AddChild(kResultRoot);
+        for (std::size_t i = 0; i < count && file.ok(); ++i) {
+            addEntry(root, entryAt(i));
+            if (root.childCount() >= kBatch || i + 1 == count) {
+                file.write(utf8ToUtf16le(root.saveText(1)));
+                root.Clear();
+            }
+        }
+        file.write(utf8ToUtf16le("</" + rootName + ">\r\n"));
+    }
+    file.write(std::string_view("\0\0", 2));
+    return file.commit();
 }
 
 } // namespace tarvoqc

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,11 +41,22 @@ struct ResultDocumentEntry
     const QcResult* result = nullptr;
 };
 
+// The root element of job files and result documents.
+inline constexpr std::string_view kResultRoot = "Tarvo_QC";
+
 // Clears document and builds the result document of a run in it: the root "Tarvo_QC"
 // holds, per entry in order, a "Clip" with "File" = path and, for a checked clip, its
 // "File" and "Media" elements inside the "Clip" and a sibling "QCheck" right after it.
 // Every program that writes results uses this one shape. Save the document with
 // XmlNode::Save.
 void buildResultDocument(XmlNode& document, const std::vector<ResultDocumentEntry>& entries);
+
+// Writes the result document of count entries to path: the bytes XmlNode::Save writes for
+// buildResultDocument, through the same file rules, but built and written a few hundred
+// clips at a time, so that a run of many clips needs no memory for its document.
+// entryAt(i), for i < count in order, gives each entry. False when the file could not be
+// written; the earlier file then stays as it was.
+bool writeResultDocument(const std::string& path, std::size_t count,
+                         const std::function<ResultDocumentEntry(std::size_t)>& entryAt);
 
 } // namespace tarvoqc

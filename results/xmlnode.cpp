@@ -2,17 +2,12 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
-#include <cerrno>
 #include <charconv>
 #include <climits>
 #include <limits>
 #include <utility>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
+#include "files/fileio.h"
 #include "results/qcissue.h"
 #include "results/textcase.h"
 #include "results/textcodec.h"
@@ -25,13 +20,14 @@
 // - An attribute name runs from its first non-space character to "=" (spaces before the
 //   "=" stay in it); after the "=", the first quote of either kind opens the value, which
 //   runs to the same quote. A ">" met first ends the list; a name without "=" is ignored.
-//   Values decode &quot; &apos; &lt; &amp; only.
+//   Values decode &quot; &apos; &lt; &amp; and character references ("&#10;", "&#x1F3AC;"
+//   for any character but the zero character); other "&" sequences stay as written.
 // - An element whose last non-space character before ">" is "/" is empty and closed.
 //   "img", "hr" and "!--" elements have no content and are never closed.
 // - Text is what precedes the first child: leading spaces, tabs and line breaks are
 //   skipped; a CDATA section is kept as it stands (delimiters included); other text is
-//   decoded for &quot; &amp; &lt; &gt; &nbsp; (a space) &apos;. Text after a child is
-//   skipped.
+//   decoded for &quot; &amp; &lt; &gt; &nbsp; (a space) &apos; and character references.
+//   Text after a child is skipped.
 // - A closing tag of the element's own name (case-sensitive) ends it, closed when ">"
 //   follows (after optional spaces); a closing tag of another name adds an empty, closed
 //   child; a refused name skips its tag.
@@ -40,7 +36,7 @@ namespace tarvoqc {
 
 namespace {
 
-constexpr std::string_view kRefusedNameChars = " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~\t\r\n";
+constexpr std::string_view kRefusedNameChars = " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~";
 
 bool isSpace(char c)
 {
@@ -75,6 +71,31 @@ constexpr std::array<Entity, 6> kTextEntities = {{{"&quot;", '"'},
                                                   {"&nbsp;", ' '},
                                                   {"&apos;", '\''}}};
 
+// A character reference ("&#65;", "&#x41;") at the start of text: its length and its
+// character, or 0 when text does not start with one that names a character other than the
+// zero character.
+std::size_t characterReference(std::string_view text, char32_t& character)
+{
+    const bool hexadecimal = text.starts_with("&#x") || text.starts_with("&#X");
+    if (!hexadecimal && !text.starts_with("&#")) {
+        return 0;
+    }
+    const std::size_t start = hexadecimal ? 3 : 2;
+    const std::size_t end = text.find(';', start);
+    if (end == std::string_view::npos || end == start || end - start > 8) {
+        return 0;
+    }
+    std::uint32_t value = 0;
+    const auto [ptr, ec] =
+        std::from_chars(text.data() + start, text.data() + end, value, hexadecimal ? 16 : 10);
+    if (ec != std::errc{} || ptr != text.data() + end || value == 0 || value > 0x10FFFF ||
+        (value >= 0xD800 && value <= 0xDFFF)) {
+        return 0;
+    }
+    character = value;
+    return end + 1;
+}
+
 template <std::size_t N>
 std::string decodeEntities(std::string_view text, const std::array<Entity, N>& entities)
 {
@@ -94,62 +115,83 @@ std::string decodeEntities(std::string_view text, const std::array<Entity, N>& e
                 i += hit->code.size();
                 continue;
             }
+            char32_t character = 0;
+            if (const std::size_t length = characterReference(rest, character); length > 0) {
+                appendUtf8(out, character);
+                i += length;
+                continue;
+            }
         }
         out += text[i++];
     }
     return out;
 }
 
-void appendAttributeValue(std::string& out, std::string_view value)
+// Characters that XML cannot carry at all, even as references: the C0 controls other than
+// tab, CR and LF, and U+FFFE and U+FFFF. A control is written as its picture from the
+// Unicode block Control Pictures (U+2400 + its code: ESC as U+241B), the two others as
+// U+FFFD, so every XML reader reads the same, well-formed name. Gives the length of such a
+// character at the start of text (0 for any other) and appends its replacement.
+std::size_t appendUnwritable(std::string& out, std::string_view text)
 {
-    for (const char c : value) {
-        switch (c) {
-        case '"':
-            out += "&quot;";
-            break;
-        case '&':
-            out += "&amp;";
-            break;
-        case '\'':
-            out += "&apos;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        default:
-            out += c;
-        }
+    const auto byte = static_cast<unsigned char>(text[0]);
+    if (byte < 0x20 && byte != '\t' && byte != '\r' && byte != '\n') {
+        appendUtf8(out, 0x2400 + byte);
+        return 1;
     }
+    if (text.starts_with("\xEF\xBF\xBE") || text.starts_with("\xEF\xBF\xBF")) {
+        out += "\xEF\xBF\xBD";
+        return 3;
+    }
+    return 0;
 }
 
-// The ampersand stays as it is in text, and only a leading space is protected: that is
-// the file format the readers of these documents expect.
-void appendText(std::string& out, std::string_view text)
+// How the writer spells a character in an attribute value and in a text (nullptr: as it
+// is), so that every XML reader reads them as they are. Tab, CR and LF are references in
+// values, which XML readers would turn into spaces; in texts a CR, which they would make a
+// line feed, and ">" (so that "]]>" never appears).
+struct Spelling
 {
-    if (text.starts_with("<![CDATA[")) {
+    char character;
+    const char* inValue;
+    const char* inText;
+};
+constexpr std::array<Spelling, 8> kSpellings = {{{'"', "&quot;", "&quot;"},
+                                                 {'&', "&amp;", "&amp;"},
+                                                 {'\'', "&apos;", "&apos;"},
+                                                 {'<', "&lt;", "&lt;"},
+                                                 {'>', nullptr, "&gt;"},
+                                                 {'\t', "&#9;", nullptr},
+                                                 {'\n', "&#10;", nullptr},
+                                                 {'\r', "&#13;", "&#13;"}}};
+
+// A text's leading space, which the reader skips, is "&#32;"; a text that is a CDATA
+// section is written as it stands.
+void appendEscaped(std::string& out, std::string_view text, bool inText)
+{
+    if (inText && text.starts_with("<![CDATA[")) {
         out += text;
         return;
     }
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        switch (text[i]) {
-        case '"':
-            out += "&quot;";
-            break;
-        case '<':
-            out += "&lt;";
-            break;
-        case '>':
-            out += "&gt;";
-            break;
-        case '\'':
-            out += "&apos;";
-            break;
-        case ' ':
-            out += i == 0 ? "&nbsp;" : " ";
-            break;
-        default:
-            out += text[i];
+    for (std::size_t i = 0; i < text.size();) {
+        if (const std::size_t used = appendUnwritable(out, text.substr(i)); used > 0) {
+            i += used;
+            continue;
         }
+        const char c = text[i];
+        const auto hit = std::find_if(kSpellings.begin(), kSpellings.end(),
+                                      [c](const Spelling& s) { return s.character == c; });
+        const char* spelled = hit == kSpellings.end() ? nullptr
+                              : inText                ? hit->inText
+                                                      : hit->inValue;
+        if (inText && i == 0 && c == ' ') {
+            out += "&#32;";
+        } else if (spelled != nullptr) {
+            out += spelled;
+        } else {
+            out += c;
+        }
+        ++i;
     }
 }
 
@@ -174,134 +216,6 @@ std::string hex(std::uint64_t value, bool plain, int width)
         digits.insert(0, static_cast<std::size_t>(width) - digits.size(), '0');
     }
     return digits;
-}
-
-// Reads a whole regular file of at most kMaxXmlFileBytes. O_NONBLOCK keeps a FIFO given
-// as the path from blocking the open; non-regular files are refused right after. The
-// cap is checked while reading too, since the file may grow meanwhile.
-bool readWholeFile(const std::string& path, std::string& bytes)
-{
-    bytes.clear();
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) {
-        return false;
-    }
-    struct stat st
-    {};
-    bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-              static_cast<std::uint64_t>(st.st_size) <= kMaxXmlFileBytes;
-    if (ok) {
-        bytes.reserve(static_cast<std::size_t>(st.st_size));
-        std::array<char, 65536> chunk{};
-        for (;;) {
-            const ssize_t got = ::read(fd, chunk.data(), chunk.size());
-            if (got < 0 && errno == EINTR) {
-                continue;
-            }
-            if (got < 0 || bytes.size() + static_cast<std::size_t>(got) > kMaxXmlFileBytes) {
-                ok = false;
-                break;
-            }
-            if (got == 0) {
-                break;
-            }
-            bytes.append(chunk.data(), static_cast<std::size_t>(got));
-        }
-    }
-    ::close(fd);
-    if (!ok) {
-        bytes.clear();
-    }
-    return ok;
-}
-
-// The file a write to path lands in: links are followed (a document written through a
-// link replaces the link's target, not the link), at most 40 deep, as the system does.
-std::string followLinks(std::string path)
-{
-    for (int depth = 0; depth < 40; ++depth) {
-        struct stat st
-        {};
-        if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) {
-            return path;
-        }
-        std::string target(PATH_MAX, '\0');
-        const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
-        if (length <= 0 || static_cast<std::size_t>(length) >= target.size()) {
-            return path;
-        }
-        target.resize(static_cast<std::size_t>(length));
-        const auto slash = path.rfind('/');
-        path = target.front() == '/' || slash == std::string::npos
-                   ? target
-                   : path.substr(0, slash + 1) + target;
-    }
-    return path;
-}
-
-// A temp name beside path whose last component fits the 255 bytes file systems allow, however
-// long the document's own name is.
-std::string tempNameBeside(const std::string& path)
-{
-    static std::atomic<unsigned> counter{0};
-    constexpr std::size_t kMaxNameBytes = 255;
-    const std::string suffix =
-        ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(counter.fetch_add(1));
-    const auto slash = path.rfind('/');
-    const std::size_t nameStart = slash == std::string::npos ? 0 : slash + 1;
-    const std::size_t keep = std::min(path.size() - nameStart, kMaxNameBytes - suffix.size());
-    return path.substr(0, nameStart + keep) + suffix;
-}
-
-// Writes the bytes to a temp file beside the target and renames it over the target, so that
-// a failed write (a full disk, a lost mount) leaves the earlier file whole instead of
-// truncated. The target is path with its links followed; an existing target must be a
-// regular file (a device, a FIFO or a folder is never replaced) and keeps its permission
-// bits, and its owner where the process may give it.
-bool writeWholeFile(const std::string& path, std::string_view bytes)
-{
-    const std::string target = followLinks(path);
-    struct stat existing
-    {};
-    const bool exists = ::stat(target.c_str(), &existing) == 0;
-    if (exists && !S_ISREG(existing.st_mode)) {
-        return false;
-    }
-    const std::string temp = tempNameBeside(target);
-    const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0) {
-        return false;
-    }
-    bool ok = true;
-    if (exists) {
-        // Only a privileged process may give the file away; for others the new file stays
-        // theirs, as any rewrite of a file they may write would leave it. The mode comes
-        // after the owner, whose change may clear it.
-        if ((existing.st_uid != ::geteuid() || existing.st_gid != ::getegid()) &&
-            ::fchown(fd, existing.st_uid, existing.st_gid) != 0) {
-            errno = 0;
-        }
-        ok = ::fchmod(fd, existing.st_mode & 07777) == 0;
-    }
-    std::size_t done = 0;
-    while (ok && done < bytes.size()) {
-        const ssize_t put = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (put < 0 && errno == EINTR) {
-            continue;
-        }
-        if (put <= 0) {
-            ok = false;
-            break;
-        }
-        done += static_cast<std::size_t>(put);
-    }
-    ok = ::fsync(fd) == 0 && ok;
-    ok = ::close(fd) == 0 && ok;
-    ok = ok && ::rename(temp.c_str(), target.c_str()) == 0;
-    if (!ok) {
-        ::unlink(temp.c_str());
-    }
-    return ok;
 }
 
 } // namespace
@@ -627,7 +541,11 @@ bool isValidXmlName(std::string_view name)
     if (cut.empty() || cut[0] == '-' || cut[0] == '.' || (cut[0] >= '0' && cut[0] <= '9')) {
         return false;
     }
-    return cut.find_first_of(kRefusedNameChars) == std::string::npos;
+    // Control characters cannot be written in a name (and white space ends one when read).
+    return std::none_of(cut.begin(), cut.end(), [](char c) {
+        return static_cast<unsigned char>(c) < 0x20 ||
+               kRefusedNameChars.find(c) != std::string_view::npos;
+    });
 }
 
 XmlNode::XmlNode() = default;
@@ -696,8 +614,9 @@ const XmlNode* XmlNode::FindDeep(std::string_view name) const
         if (equalsIgnoreCase(node->m_name, name)) {
             return node;
         }
-        for (auto it = node->m_children.rbegin(); it != node->m_children.rend(); ++it) {
-            pending.push_back(it->get());
+        // Pushed last to first, so that the first child is looked at next.
+        for (std::size_t i = node->m_children.size(); i-- > 0;) {
+            pending.push_back(node->m_children[i].get());
         }
     }
     return nullptr;
@@ -887,14 +806,14 @@ bool XmlNode::loadBytes(std::string_view fileBytes)
 bool XmlNode::Load(const std::string& path)
 {
     Clear();
-    std::string bytes;
-    if (!readWholeFile(path, bytes)) {
+    const FileBytes file = readWholeFile(path, kMaxXmlFileBytes);
+    if (file.status != FileBytes::Status::Ok) {
         return false;
     }
-    return loadBytes(bytes);
+    return loadBytes(file.bytes);
 }
 
-std::string XmlNode::saveText() const
+std::string XmlNode::saveText(std::size_t level) const
 {
     std::string out;
     struct Frame
@@ -912,7 +831,7 @@ std::string XmlNode::saveText() const
             out += ' ';
             out += a.name;
             out += "=\"";
-            appendAttributeValue(out, a.value);
+            appendEscaped(out, a.value, false);
             out += '"';
         }
         if (node.m_children.empty() && node.m_text.empty()) {
@@ -930,9 +849,8 @@ std::string XmlNode::saveText() const
         Frame& top = stack.back();
         if (top.next < top.node->m_children.size()) {
             const XmlNode& child = *top.node->m_children[top.next++];
-            // Level of the child: the node saved is the document and writes nothing itself.
-            const std::size_t level = stack.size() - 1;
-            if (open(child, level)) {
+            // Level of the child: the node saved writes nothing itself.
+            if (open(child, level + stack.size() - 1)) {
                 stack.push_back({&child, 0});
             }
             continue;
@@ -942,9 +860,9 @@ std::string XmlNode::saveText() const
         if (stack.empty()) {
             break; // the document node writes nothing of its own
         }
-        appendText(out, node.m_text);
+        appendEscaped(out, node.m_text, true);
         if (!node.m_children.empty()) {
-            indent(stack.size() - 1);
+            indent(level + stack.size() - 1);
         }
         out += "</";
         out += node.m_name;
@@ -963,7 +881,7 @@ std::string XmlNode::saveBytes() const
 
 bool XmlNode::Save(const std::string& path) const
 {
-    return writeWholeFile(path, saveBytes());
+    return replaceFile(path, saveBytes());
 }
 
 std::string XmlNode::DetectEncoding(std::string_view text)

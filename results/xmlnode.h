@@ -36,7 +36,12 @@ inline constexpr std::size_t kMaxXmlItems = 1u << 21;  // elements + attributes 
 // Text is UTF-8 everywhere. A text, name or value ends at its first zero character, as
 // in the file format, where the zero character ends the document. Saved files are
 // UTF-16LE with the byte-order mark FF FE, CR LF line ends and a terminating zero
-// character, without an XML declaration; invalid UTF-8 is written as U+FFFD.
+// character, without an XML declaration; invalid UTF-8 is written as U+FFFD. Attribute
+// values are written so that every XML reader reads them as they are: tab, CR and LF as
+// the references "&#9;", "&#13;" and "&#10;" (in texts only CR). What no XML document can
+// hold is written as a visible stand-in, which every reader, this one included, then reads:
+// a C0 control other than tab, CR and LF as its picture of the Unicode block Control
+// Pictures, U+2400 + its code (ESC as U+241B), and U+FFFE and U+FFFF as U+FFFD.
 //
 // Ownership: a node owns its children and strings; destroying a node destroys its
 // subtree (without recursion, so any depth is safe). Nodes are neither copied nor moved,
@@ -52,9 +57,9 @@ public:
 
     // Appends a new child and returns it (owned by this node), or nullptr when the name is
     // refused: empty, first character "-", "." or a digit, or holding any of
-    // " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~", tab, CR or LF (white space ends a name when read,
-    // so such a name could not be read back). The name is cut to kMaxXmlNameChars characters before
-    // the test.
+    // " !\"#$%&'()*+,/;<=>?@[\\]^`{|}~" or a control character (tab, CR and LF end a name
+    // when read, and no other control character can be written in one). The name is cut to
+    // kMaxXmlNameChars characters before the test.
     XmlNode* AddChild(std::string_view name);
 
     // First direct child whose name equals name, ignoring ASCII case; nullptr when none.
@@ -123,17 +128,19 @@ public:
     bool Parse(std::string_view text);
 
     // Writes the children of this node (the whole document when called on the document)
-    // as the file bytes, replacing any existing file through a temp file beside it. A
-    // link is followed (its target is replaced); an existing file keeps its permission
-    // bits (and its owner when the process may keep it); a path naming something other
-    // than a regular file is refused. False when the file could not be created or written. Texts
-    // follow the format's own escaping: "&" stays bare and a leading space becomes "&nbsp;", so a
-    // text with either is not well-formed for strict XML parsers (attribute values always are).
+    // as the file bytes through replaceFile (files/fileio.h): the earlier file stays whole
+    // until the new one and its folder are on disk; a link is followed (its target is
+    // replaced); an existing file keeps its permission bits (and its owner when the process
+    // may keep it); a path naming something other than a regular file is refused. False
+    // when the file could not be created or written. The file is well-formed XML (after its
+    // terminating zero character, which some XML readers refuse).
     bool Save(const std::string& path) const;
     // The exact bytes Save writes.
     std::string saveBytes() const;
-    // The same tree as UTF-8 text with CR LF line ends, without mark or terminator.
-    std::string saveText() const;
+    // The same tree as UTF-8 text with CR LF line ends, without mark or terminator. level:
+    // the indentation level of this node's children (two spaces each), so that a part of a
+    // document can be written on its own.
+    std::string saveText(std::size_t level = 0) const;
 
     // The "encoding" attribute of the leading "<?xml" declarations of text, or empty.
     static std::string DetectEncoding(std::string_view text);

@@ -6,7 +6,8 @@ set -euo pipefail
 kind=${1:-release}
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build="$root/build/$kind"
-common=(-DTARVOQC_TEST_MEDIA_DIR="$root/build/testmedia" -DTARVOQC_BUILD_UI="${TARVOQC_BUILD_UI:-ON}")
+common=(-DTARVOQC_TEST_MEDIA_DIR="$root/build/testmedia" -DTARVOQC_BUILD_UI="${TARVOQC_BUILD_UI:-ON}"
+        -DCMAKE_EXPORT_COMPILE_COMMANDS=ON)
 
 case "$kind" in
     release) args=(-DCMAKE_BUILD_TYPE=Release) ;;

@@ -8,7 +8,7 @@ packages=(
     libavformat-dev libavcodec-dev libavutil-dev libavfilter-dev libswscale-dev libswresample-dev
     nlohmann-json3-dev libseccomp-dev libgtest-dev ffmpeg
     qt6-base-dev xvfb xauth
-    clang clang-format libclang-rt-14-dev
+    clang clang-format clang-tidy libclang-rt-14-dev
     parallel chromium
 )
 

@@ -11,10 +11,10 @@
 #include <mutex>
 #include <vector>
 
-#include <fcntl.h>
 #include <pwd.h>
-#include <sys/stat.h>
 #include <unistd.h>
+
+#include "files/fileio.h"
 
 namespace tarvoqc {
 
@@ -198,198 +198,33 @@ std::mutex& fileMutex()
     return mutex;
 }
 
-enum class LoadStatus { Ok, Missing, Failed };
-
-struct Loaded
+// The settings file as read for a change: the read limit is kMaxProfileBytes.
+FileBytes loadFile(const std::string& path)
 {
-    LoadStatus status = LoadStatus::Missing;
-    std::string bytes;
-    bool tooLong = false; // more than kMaxProfileBytes; bytes holds only the first part
-    mode_t mode = 0;
-};
-
-class Fd
-{
-public:
-    explicit Fd(int fd) : m_fd(fd) {}
-    ~Fd()
-    {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return m_fd; }
-    int release()
-    {
-        int fd = m_fd;
-        m_fd = -1;
-        return fd;
-    }
-
-private:
-    int m_fd;
-};
-
-Loaded loadFile(const std::string& path)
-{
-    Loaded loaded;
-    // Non-blocking, so that a FIFO put in the file's place cannot hang the reader.
-    Fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    if (fd.get() < 0) {
-        loaded.status =
-            (errno == ENOENT || errno == ENOTDIR) ? LoadStatus::Missing : LoadStatus::Failed;
-        return loaded;
-    }
-    struct stat st
-    {};
-    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        loaded.status = LoadStatus::Failed;
-        return loaded;
-    }
-    loaded.mode = st.st_mode & 07777;
-    std::size_t want = kMaxProfileBytes + 1;
-    if (st.st_size >= 0 && static_cast<std::uint64_t>(st.st_size) < want) {
-        loaded.bytes.reserve(static_cast<std::size_t>(st.st_size));
-    }
-    char buffer[65536];
-    while (loaded.bytes.size() < want) {
-        std::size_t chunk = std::min(sizeof buffer, want - loaded.bytes.size());
-        ssize_t got = ::read(fd.get(), buffer, chunk);
-        if (got < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            loaded.status = LoadStatus::Failed;
-            return loaded;
-        }
-        if (got == 0) {
-            break;
-        }
-        loaded.bytes.append(buffer, static_cast<std::size_t>(got));
-    }
-    if (loaded.bytes.size() > kMaxProfileBytes) {
-        loaded.tooLong = true;
-        loaded.bytes.resize(kMaxProfileBytes);
-    }
-    loaded.status = LoadStatus::Ok;
-    return loaded;
+    return readWholeFile(path, kMaxProfileBytes);
 }
 
 // The text that reads see: a missing or unreadable file is empty, a cut-off last line of a
 // too long file is dropped rather than read as a shorter value.
 ProfileDocument documentForReading(const std::string& path)
 {
-    Loaded loaded = loadFile(path);
-    if (loaded.status != LoadStatus::Ok) {
-        return {};
-    }
-    if (loaded.tooLong) {
+    FileBytes loaded = loadFile(path);
+    if (loaded.status == FileBytes::Status::TooLong) {
         std::size_t lastLf = loaded.bytes.rfind('\n');
         loaded.bytes.resize(lastLf == std::string::npos ? 0 : lastLf + 1);
+    } else if (loaded.status != FileBytes::Status::Ok) {
+        return {};
     }
     return ProfileDocument(std::move(loaded.bytes));
-}
-
-bool writeAll(int fd, std::string_view bytes)
-{
-    while (!bytes.empty()) {
-        ssize_t done = ::write(fd, bytes.data(), bytes.size());
-        if (done < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(done));
-    }
-    return true;
-}
-
-std::string folderOf(const std::string& path)
-{
-    std::size_t slash = path.rfind('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-bool makeFolders(const std::string& folder)
-{
-    struct stat st
-    {};
-    if (::stat(folder.c_str(), &st) == 0) {
-        return S_ISDIR(st.st_mode);
-    }
-    std::string parent = folderOf(folder);
-    if (parent != folder && parent != "." && parent != "/" && !makeFolders(parent)) {
-        return false;
-    }
-    return ::mkdir(folder.c_str(), 0777) == 0 || errno == EEXIST;
-}
-
-// Replaces the file at path by bytes without a moment in which a half-written file exists.
-// keepMode: the old file's permission bits, or 0 for a new file (0666 less the umask).
-bool replaceFile(const std::string& path, std::string_view bytes, mode_t keepMode)
-{
-    static std::atomic<unsigned> counter{0};
-    std::string folder = folderOf(path);
-    if (!makeFolders(folder)) {
-        return false;
-    }
-    std::string base = path.substr(path.rfind('/') == std::string::npos ? 0 : path.rfind('/') + 1);
-    std::string temp;
-    int raw = -1;
-    for (int attempt = 0; attempt < 100 && raw < 0; ++attempt) {
-        temp = folder + "/." + base + "." + std::to_string(::getpid()) + "." +
-               std::to_string(counter.fetch_add(1)) + ".tmp";
-        raw = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, 0666);
-        if (raw < 0 && errno != EEXIST) {
-            return false;
-        }
-    }
-    if (raw < 0) {
-        return false;
-    }
-    Fd fd(raw);
-    bool ok = writeAll(fd.get(), bytes) && (keepMode == 0 || ::fchmod(fd.get(), keepMode) == 0) &&
-              ::fsync(fd.get()) == 0;
-    ok = (::close(fd.release()) == 0) && ok;
-    if (!ok || ::rename(temp.c_str(), path.c_str()) != 0) {
-        ::unlink(temp.c_str());
-        return false;
-    }
-    // The rename itself reaches the disk only with the folder.
-    Fd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir.get() >= 0) {
-        ::fsync(dir.get());
-    }
-    return true;
-}
-
-// A symbolic link is written through, so that a settings file kept elsewhere stays there.
-std::string resolvedForWriting(const std::string& path)
-{
-    struct stat st
-    {};
-    if (::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
-        if (char* real = ::realpath(path.c_str(), nullptr)) {
-            std::string target = real;
-            std::free(real);
-            return target;
-        }
-    }
-    return path;
 }
 
 template <typename Change> bool changeFile(const std::string& path, Change change)
 {
     std::lock_guard lock(fileMutex());
-    std::string target = resolvedForWriting(path);
-    Loaded loaded = loadFile(target);
-    if (loaded.status == LoadStatus::Failed || loaded.tooLong) {
+    // A link is written through, so that a settings file kept elsewhere stays there.
+    const std::string target = followLinks(path);
+    FileBytes loaded = loadFile(target);
+    if (loaded.status == FileBytes::Status::Failed || loaded.status == FileBytes::Status::TooLong) {
         return false;
     }
     std::string before = loaded.bytes;
@@ -397,11 +232,10 @@ template <typename Change> bool changeFile(const std::string& path, Change chang
     if (!change(document)) {
         return false;
     }
-    if (loaded.status == LoadStatus::Ok && document.bytes() == before) {
+    if (loaded.status == FileBytes::Status::Ok && document.bytes() == before) {
         return true;
     }
-    return replaceFile(target, document.bytes(),
-                       loaded.status == LoadStatus::Ok ? loaded.mode : mode_t{0});
+    return replaceFile(target, document.bytes(), true);
 }
 
 // ---- Numbers --------------------------------------------------------------------------
@@ -503,7 +337,8 @@ std::string settingsFolderFor(const char* home, const std::string& programFolder
 
 std::string settingsFolder()
 {
-    const char* userHome = std::getenv("HOME");
+    // The environment is read, never changed, once threads run.
+    const char* userHome = std::getenv("HOME"); // NOLINT(concurrency-mt-unsafe)
     std::string passwdHome;
     if (userHome == nullptr || *userHome == '\0') {
         struct passwd entry
@@ -516,8 +351,10 @@ std::string settingsFolder()
         }
         userHome = passwdHome.c_str();
     }
-    return settingsFolderFor(std::getenv(kHomeVariable), programFolder(),
-                             std::getenv("XDG_CONFIG_HOME"), userHome);
+    return settingsFolderFor(std::getenv(kHomeVariable), // NOLINT(concurrency-mt-unsafe)
+                             programFolder(),
+                             std::getenv("XDG_CONFIG_HOME"), // NOLINT(concurrency-mt-unsafe)
+                             userHome);
 }
 
 std::string settingsPath()

@@ -123,13 +123,13 @@ const SettingKey* findSettingKey(std::string_view section, std::string_view key)
 // longer than kMaxProfileLineBytes are skipped as if they were not there. A write that
 // would need more than either is refused, and a file longer than kMaxProfileBytes is never
 // rewritten (the write fails and the file stays as it is).
-inline constexpr std::size_t kMaxProfileBytes = 1024 * 1024;
-inline constexpr std::size_t kMaxProfileLineBytes = 64 * 1024;
+inline constexpr std::size_t kMaxProfileBytes = std::size_t{1} << 20;
+inline constexpr std::size_t kMaxProfileLineBytes = std::size_t{64} << 10;
 
 // The text of a settings file in memory: "[Section]" lines and "key=value" lines, UTF-8,
 // LF or CR LF line ends, an optional UTF-8 byte-order mark.
 //
-// Reading is forgiving, as the classic profile functions are: section and key names are
+// Reading is forgiving, so that hand-edited files read as meant: section and key names are
 // compared without regard to ASCII case and to blanks around them; the first of duplicate
 // keys wins, and a section name that appears twice is one section whose keys are searched
 // in file order; lines without "=", keys before the first section, lines starting with ";"
@@ -170,9 +170,9 @@ private:
     std::string m_bytes;
 };
 
-// The classic profile-integer conversions of a value text. Leading blanks, an optional
-// sign, then decimal digits up to the first other character; no digit gives 0. Values
-// beyond the type's range saturate at its limits.
+// The integer conversions of a value text, forgiving as reading is. Leading blanks, an
+// optional sign, then decimal digits up to the first other character; no digit gives 0.
+// Values beyond the type's range saturate at its limits.
 std::int64_t profileTextToInt64(std::string_view text);
 int profileTextToInt(std::string_view text);
 
@@ -195,7 +195,7 @@ class ProfileBackend
 public:
     virtual ~ProfileBackend() = default;
 
-    // The classic profile read: out = the value, or def when the key is absent, cut to at
+    // A read into a buffer: out = the value, or def when the key is absent, cut to at
     // most size - 1 characters (never inside a UTF-8 sequence; size 0 gives nothing).
     // True when at least one character came out: a present empty value counts as absent.
     virtual bool ReadString(std::string_view section, std::string_view key, std::string& out,
@@ -268,8 +268,8 @@ public:
     // Reads with an empty default into a buffer of kReadBufferChars characters; true only
     // when the value has at least one character. An empty or missing value leaves out empty.
     bool ReadString(std::string_view section, std::string_view key, std::string& out) const;
-    // The same with the caller's buffer size (characters, terminator included, as the
-    // classic call counts) and default: a missing key gives def, and true when out is not
+    // The same with the caller's buffer size (characters, the terminator counted, as a
+    // C buffer holds them) and default: a missing key gives def, and true when out is not
     // empty.
     bool ReadString(std::string_view section, std::string_view key, std::string& out,
                     std::size_t size, std::string_view def) const;
@@ -315,8 +315,8 @@ std::int64_t readProfileInt64(const std::string& path, std::string_view section,
 bool writeProfileInt64(const std::string& path, std::string_view section, std::string_view key,
                        std::int64_t value);
 
-// The classic profile-integer read (flags and small numbers): a missing or empty value
-// gives def, any other text profileTextToInt.
+// The integer read of flags and small numbers: a missing or empty value gives def, any
+// other text profileTextToInt.
 int readProfileInt(const std::string& path, std::string_view section, std::string_view key,
                    int def);
 

@@ -121,7 +121,8 @@ QMenu* MainWindow::addMenu(CMkButton* button,
         QAction* action = menu->addAction(QString::fromUtf8(text));
         action->setData(id);
         const int buttonId = kitId(button);
-        connect(action, &QAction::triggered, this, [this, buttonId, id] { onMenu(buttonId, id); });
+        connect(action, &QAction::triggered, this,
+                [this, buttonId, entry = id] { onMenu(buttonId, entry); });
     }
     button->setMenu(menu);
     return menu;
@@ -584,6 +585,16 @@ void MainWindow::onRunnerTimer()
     }
     updateChecking();
     refreshCommands();
+    // A check that ends moments after it began (a missing file, say) is followed at once:
+    // after a harvest the window sleeps a few milliseconds for the check just started and,
+    // when it has ended by then, ticks again without the 100 ms wait. A job of many such
+    // clips is so not held to ten clips a second, and a longer check costs the window
+    // thread one short wait.
+    const bool quick = !report.harvestedRows.empty() && m_controller->busy();
+    if (quick) {
+        m_controller->waitForRunnerEnd(kQuickFollowWait);
+    }
+    m_runnerTimer.setInterval(quick ? 0 : kRunnerPeriodMs);
     if (report.allDone && m_options.commandLineMode) {
         done(QDialog::Accepted);
     }

@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QTimer>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <unordered_map>
@@ -68,6 +69,8 @@ inline constexpr int kGripMargin = 128;
 inline constexpr int kGripInitialTop = 230;
 inline constexpr int kClockPeriodMs = 1000; // timer 700
 inline constexpr int kRunnerPeriodMs = 100; // timer 701
+// How long the window waits after a harvest for the next check to end (see onRunnerTimer).
+inline constexpr std::chrono::milliseconds kQuickFollowWait{5};
 
 // The status cell's text after the operator stopped a run.
 inline constexpr std::string_view kStatusStopped = "Stopped";

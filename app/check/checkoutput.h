@@ -4,15 +4,14 @@
 #include <string_view>
 
 #include "results/qcresult.h"
+#include "results/textcodec.h"
 
 #include <nlohmann/json.hpp>
 
 namespace tarvoqc::check {
 
-// A path (or any text) for one line of human-readable output: control characters become
-// "\n", "\r", "\t" or "\xHH", and a backslash "\\", so a name can neither split a line
-// nor pass for another name. Other bytes, UTF-8 or not, stay as they are.
-std::string escapeControl(std::string_view text);
+// Paths are printed as every program prints them (results/textcodec.h).
+using tarvoqc::escapeControl;
 
 // Human output of one clip: a line with the score text and the path (escaped), then,
 // unless brief, each issue as its long line, worst first.

@@ -6,18 +6,15 @@
 #include <thread>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "app/check/checkoptions.h"
 #include "app/check/checkoutput.h"
+#include "batch/resultdocument.h"
 #include "batch/runcontroller.h"
 #include "batch/tasklist.h"
 #include "results/jobfile.h"
 #include "results/qcissue.h"
-#include "results/resultfile.h"
-#include "results/xmlnode.h"
 #include "tarvoqc/version.h"
 
 using namespace tarvoqc;
@@ -42,17 +39,10 @@ bool fillTaskList(const std::vector<std::string>& paths, TaskList& list)
     for (const std::string& path : paths) {
         std::error_code ec;
         if (isJobFile(path)) {
-            XmlNode document;
             Job job;
-            const char* problem = nullptr;
-            if (!document.Load(path)) {
-                problem = "could not be read";
-            } else if (loadJob(document, job) == 0) {
-                problem = "has no \"Tarvo_QC\" root element";
-            }
-            if (problem != nullptr) {
+            if (std::string why; !readJobFile(path, job, &why)) {
                 std::fprintf(stderr, "tarvoqc-check: job file '%s' %s; its clips are skipped\n",
-                             check::escapeControl(path).c_str(), problem);
+                             check::escapeControl(path).c_str(), why.c_str());
                 ok = false;
             }
             for (const JobClip& clip : job.clips) {
@@ -79,72 +69,6 @@ bool fillTaskList(const std::vector<std::string>& paths, TaskList& list)
         }
     }
     return ok;
-}
-
-// Whether an existing file may be replaced by a result document: one written before (it
-// begins as this program writes them: the UTF-16 mark, then the root "Tarvo_QC" without
-// attributes, which job files may carry; and it is not named like a job file), or an
-// empty file (made by mktemp, say). Only the first bytes are read, so a document of any
-// size is recognised at once.
-bool replaceableDocument(const std::string& path, const struct stat& st)
-{
-    if (st.st_size == 0) {
-        return true;
-    }
-    if (isJobFile(path)) {
-        return false;
-    }
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0) {
-        return false;
-    }
-    std::string head(32, '\0');
-    const ssize_t got = ::read(fd, head.data(), head.size());
-    ::close(fd);
-    head.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-    const auto utf16 = [](std::string_view ascii) {
-        std::string bytes = "\xFF\xFE";
-        for (const char c : ascii) {
-            bytes += c;
-            bytes += '\0';
-        }
-        return bytes;
-    };
-    return head.starts_with(utf16("<Tarvo_QC>")) || head.starts_with(utf16("<Tarvo_QC/>"));
-}
-
-// Why the result document must not be written to path, or empty when it may. The checker
-// never destroys a file: not one of its inputs (same device and inode, whatever the
-// name), not a device or a folder, not a file that holds anything but an earlier result.
-std::string documentRefusal(const std::string& path, const TaskList& list,
-                            const std::vector<std::string>& inputs)
-{
-    struct stat target = {};
-    if (::stat(path.c_str(), &target) != 0) {
-        return {}; // a new file (or a link to one)
-    }
-    if (!S_ISREG(target.st_mode)) {
-        return "it is not a regular file";
-    }
-    const auto sameFile = [&target](const std::string& other) {
-        struct stat st = {};
-        return ::stat(other.c_str(), &st) == 0 && st.st_dev == target.st_dev &&
-               st.st_ino == target.st_ino;
-    };
-    for (const std::string& input : inputs) {
-        if (sameFile(input)) {
-            return "it is one of the inputs";
-        }
-    }
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        if (sameFile(list.item(i).path())) {
-            return "it is one of the clips to check";
-        }
-    }
-    if (!replaceableDocument(path, target)) {
-        return "it exists and is not a result document";
-    }
-    return {};
 }
 
 // Where the result document goes: --output when given; otherwise, as in the window
@@ -249,7 +173,7 @@ int main(int argc, char** argv)
         return kExitUsage;
     }
     if (!documentPath.empty()) {
-        if (const std::string why = documentRefusal(documentPath, list, options->paths);
+        if (const std::string why = resultDocumentRefusal(documentPath, options->paths, list);
             !why.empty()) {
             std::fprintf(stderr, "tarvoqc-check: will not write the result document to '%s': %s\n",
                          check::escapeControl(documentPath).c_str(), why.c_str());
@@ -323,13 +247,7 @@ int main(int argc, char** argv)
 
     bool ioError = !inputsRead;
     if (!documentPath.empty()) {
-        std::vector<ResultDocumentEntry> entries;
-        for (std::size_t i = 0; i < list.size(); ++i) {
-            entries.push_back({list.item(i).path(), list.item(i).result()});
-        }
-        XmlNode document;
-        buildResultDocument(document, entries);
-        if (!document.Save(documentPath)) {
+        if (!saveResultDocument(documentPath, list)) {
             std::fprintf(stderr, "tarvoqc-check: cannot write the result document '%s'\n",
                          check::escapeControl(documentPath).c_str());
             ioError = true;

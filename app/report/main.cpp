@@ -1,17 +1,20 @@
-#include <charconv>
 #include <cstdio>
-#include <fstream>
+#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include <unistd.h>
 
-#include "app/report/reportdata.h"
-#include "app/report/reportoutput.h"
+#include "app/common/commandline.h"
+#include "files/fileio.h"
+#include "report/reportdata.h"
+#include "report/reportoutput.h"
+#include "results/textcodec.h"
 #include "tarvoqc/version.h"
 
 using namespace tarvoqc;
@@ -56,109 +59,24 @@ constexpr const char* kUsage =
     "exit status: 0 all clips at or above the threshold (and none worse than the\n"
     "baseline), 1 otherwise, 2 usage or I/O error\n";
 
-struct OptionRow
-{
-    std::string_view shortName;
-    std::string_view longName;
-    bool takesValue;
-    std::function<bool(ReportOptions&, std::string_view)> apply; // false: bad value
-};
-
-bool parseInt(std::string_view text, int low, int high, int& out)
-{
-    int value = 0;
-    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc{} || end != text.data() + text.size() || value < low || value > high) {
-        return false;
-    }
-    out = value;
-    return true;
-}
-
-const std::vector<OptionRow>& optionTable()
-{
-    const auto text = [](std::string ReportOptions::*field) {
-        return [field](ReportOptions& o, std::string_view v) {
-            o.*field = v;
-            return !v.empty();
-        };
-    };
-    const auto flag = [](bool ReportOptions::*field) {
-        return [field](ReportOptions& o, std::string_view) { return o.*field = true; };
-    };
-    static const std::vector<OptionRow> table = {
-        {"", "csv", true, text(&ReportOptions::csv)},
-        {"", "html", true, text(&ReportOptions::html)},
-        {"b", "baseline", true,
-         [](ReportOptions& o, std::string_view v) {
-             o.baselines.emplace_back(v);
-             return !v.empty();
-         }},
-        {"t", "threshold", true,
-         [](ReportOptions& o, std::string_view v) { return parseInt(v, 0, 5, o.threshold); }},
-        {"w", "worst", true,
-         [](ReportOptions& o, std::string_view v) { return parseInt(v, 0, 1000000, o.worst); }},
-        {"", "title", true, text(&ReportOptions::title)},
-        {"q", "quiet", false, flag(&ReportOptions::quiet)},
-        {"", "version", false, flag(&ReportOptions::version)},
-        {"h", "help", false, flag(&ReportOptions::help)},
-    };
-    return table;
-}
-
 std::optional<ReportOptions> parseOptions(const std::vector<std::string>& args, std::string& error)
 {
-    ReportOptions options;
-    bool onlyPaths = false;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string_view arg = args[i];
-        if (onlyPaths || arg == "-" || !arg.starts_with("-")) {
-            if (!arg.empty()) {
-                options.inputs.emplace_back(arg);
-            }
-            continue;
-        }
-        if (arg == "--") {
-            onlyPaths = true;
-            continue;
-        }
-        const bool isLong = arg.starts_with("--");
-        std::string_view name = arg.substr(isLong ? 2 : 1);
-        std::optional<std::string_view> value;
-        if (const auto eq = name.find('='); isLong && eq != std::string_view::npos) {
-            value = name.substr(eq + 1);
-            name = name.substr(0, eq);
-        } else if (!isLong && name.size() > 1) {
-            value = name.substr(1);
-            name = name.substr(0, 1);
-        }
-        const OptionRow* row = nullptr;
-        for (const OptionRow& candidate : optionTable()) {
-            if (name == (isLong ? candidate.longName : candidate.shortName) && !name.empty()) {
-                row = &candidate;
-            }
-        }
-        if (row == nullptr) {
-            error = "unknown option '" + std::string(arg) + "' (see --help)";
-            return std::nullopt;
-        }
-        if (!row->takesValue && value) {
-            error = "--" + std::string(row->longName) + " takes no value";
-            return std::nullopt;
-        }
-        if (row->takesValue && !value) {
-            if (i + 1 == args.size()) {
-                error = "--" + std::string(row->longName) + " needs a value";
-                return std::nullopt;
-            }
-            value = args[++i];
-        }
-        if (!row->apply(options, value.value_or(""))) {
-            error = "bad value '" + std::string(*value) + "' for --" + std::string(row->longName);
-            return std::nullopt;
-        }
+    ReportOptions o;
+    const std::vector<CommandLineOption> table = {
+        {"", "csv", true, setText(o.csv, "--csv", "a file name ('-': standard output)")},
+        {"", "html", true, setText(o.html, "--html", "a file name ('-': standard output)")},
+        {"b", "baseline", true, addText(o.baselines, "--baseline", "a file name")},
+        {"t", "threshold", true, setWholeNumber(o.threshold, 0, 5, "--threshold")},
+        {"w", "worst", true, setWholeNumber(o.worst, 0, 1000000, "--worst")},
+        {"", "title", true, setText(o.title, "--title", "a text")},
+        {"q", "quiet", false, setFlag(o.quiet)},
+        {"", "version", false, setFlag(o.version)},
+        {"h", "help", false, setFlag(o.help)},
+    };
+    if (!parseCommandLine(args, table, o.inputs, error)) {
+        return std::nullopt;
     }
-    return options;
+    return o;
 }
 
 // Reads every input into clips; names broken lines, replaced clips and unreadable inputs
@@ -167,7 +85,8 @@ bool readInputs(const std::vector<std::string>& inputs, ClipSet& clips)
 {
     bool allRead = true;
     const ProblemSink problems = [](const std::string& where, const std::string& why) {
-        std::fprintf(stderr, "tarvoqc-report: %s: skipped: %s\n", where.c_str(), why.c_str());
+        std::fprintf(stderr, "tarvoqc-report: %s: skipped: %s\n", escapeControl(where).c_str(),
+                     why.c_str());
     };
     for (const std::string& input : inputs) {
         std::string why;
@@ -176,19 +95,46 @@ bool readInputs(const std::vector<std::string>& inputs, ClipSet& clips)
             if (!clips.add(std::move(record))) {
                 std::fprintf(stderr,
                              "tarvoqc-report: %s: %s is listed again; the later result counts\n",
-                             input.c_str(), path.c_str());
+                             escapeControl(input).c_str(), escapeControl(path).c_str());
             }
         };
         if (!readReportInput(input, add, problems, why)) {
-            std::fprintf(stderr, "tarvoqc-report: cannot read '%s': %s\n", input.c_str(),
-                         why.c_str());
+            std::fprintf(stderr, "tarvoqc-report: cannot read '%s': %s\n",
+                         escapeControl(input).c_str(), why.c_str());
             allRead = false;
         }
     }
     return allRead;
 }
 
-// Writes one output file ("-": standard output) with write; false (named on standard
+// Why the report must not write an output to path, or empty when it may: never onto one of
+// its inputs or baselines (standard input included), whatever the name, never onto a device,
+// a FIFO or a folder, and never both outputs onto one file.
+std::string outputRefusal(const std::string& path, const ReportOptions& options)
+{
+    std::vector<std::string> inputs = options.baselines;
+    for (const std::string& input :
+         options.inputs.empty() ? std::vector<std::string>{"-"} : options.inputs) {
+        inputs.push_back(input == "-" ? "/dev/stdin" : input);
+    }
+    if (std::string why = tarvoqc::outputRefusal(path, inputs); !why.empty()) {
+        return why;
+    }
+    const bool both =
+        !options.csv.empty() && options.csv != "-" && !options.html.empty() && options.html != "-";
+    const auto canonical = [](const std::string& name) {
+        std::error_code ec;
+        return std::filesystem::weakly_canonical(name, ec);
+    };
+    if (both && (canonical(options.csv) == canonical(options.html) ||
+                 (fileIdOf(options.csv) && fileIdOf(options.csv) == fileIdOf(options.html)))) {
+        return "the CSV and the HTML page would be one file";
+    }
+    return {};
+}
+
+// Writes one output file ("-": standard output) with write. A file is replaced only once it
+// is complete; a file that cannot be written stays as it was. False (named on standard
 // error) when it could not be written completely.
 bool writeOutput(const std::string& path, const std::function<void(std::ostream&)>& write)
 {
@@ -197,14 +143,10 @@ bool writeOutput(const std::string& path, const std::function<void(std::ostream&
         std::cout.flush();
         return static_cast<bool>(std::cout);
     }
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (out) {
-        write(out);
-        out.close();
-    }
-    if (!out) {
-        std::fprintf(stderr, "tarvoqc-report: cannot write '%s'\n", path.c_str());
-        std::remove(path.c_str());
+    std::ostringstream out;
+    write(out);
+    if (!replaceFile(path, out.view())) {
+        std::fprintf(stderr, "tarvoqc-report: cannot write '%s'\n", escapeControl(path).c_str());
         return false;
     }
     return true;
@@ -231,6 +173,16 @@ int main(int argc, char** argv)
         return kExitPass;
     }
 
+    for (const std::string* output : {&options->csv, &options->html}) {
+        if (output->empty() || *output == "-") {
+            continue;
+        }
+        if (const std::string why = outputRefusal(*output, *options); !why.empty()) {
+            std::fprintf(stderr, "tarvoqc-report: will not write '%s': %s\n",
+                         escapeControl(*output).c_str(), why.c_str());
+            return kExitUsage;
+        }
+    }
     if (options->inputs.empty() && ::isatty(STDIN_FILENO) != 0) {
         std::fprintf(stderr, "tarvoqc-report: no input: give result files or pipe JSON lines in "
                              "(see --help)\n");

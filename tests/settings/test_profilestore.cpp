@@ -76,7 +76,7 @@ TEST(ProfileStore, ValuesComeBackAsWrittenAndReadsCountCharacters)
     }
 }
 
-TEST(ProfileStore, ReadsHandEditedFilesLikeTheClassicFunctions)
+TEST(ProfileStore, ReadsHandEditedFilesForgivingly)
 {
     // file, key of "Job00", value read (nullptr: the default)
     const std::tuple<std::string, const char*, const char*> cases[] = {
@@ -153,30 +153,6 @@ TEST(ProfileStore, WritingKeepsEveryOtherByteAndRefusesWhatTheFileCannotHold)
         EXPECT_FALSE(store.WriteString(section, key, value));
         EXPECT_EQ(readFile(path), original);
     }
-}
-
-TEST(ProfileStore, WriteReplacesTheFileSafely)
-{
-    TempDir dir;
-    // The folder is made on the first write.
-    const std::string nested = (dir / "a" / "b" / "TarvoQC.ini").string();
-    ASSERT_TRUE(writeProfileString(nested, "S", "k", "v"));
-    EXPECT_EQ(readFile(nested), "[S]\nk=v\n");
-
-    // Permission bits stay, a link is written through, no temporary file is left.
-    const std::string real = (dir / "real.ini").string();
-    writeFile(real, "[S]\nk=old\n");
-    ASSERT_EQ(::chmod(real.c_str(), 0640), 0);
-    fs::create_symlink(real, dir / "link.ini");
-    ASSERT_TRUE(writeProfileString((dir / "link.ini").string(), "S", "k", "new"));
-    EXPECT_TRUE(fs::is_symlink(dir / "link.ini"));
-    EXPECT_EQ(readFile(real), "[S]\nk=new\n");
-    struct stat st
-    {};
-    ASSERT_EQ(::stat(real.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
-    // a/, real.ini, link.ini
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 3);
 }
 
 TEST(ProfileStore, TypedValuesAndSettingKeysWithTheirTableDefaults)
@@ -366,6 +342,7 @@ TEST(ProfileStore, ConcurrentWritersLoseNoUpdate)
         }
     });
     std::vector<std::thread> writers;
+    writers.reserve(kThreads);
     for (int t = 0; t < kThreads; ++t) {
         writers.emplace_back([&, t] {
             for (int k = 0; k < kKeys; ++k) {

@@ -207,7 +207,7 @@ TEST_F(MainWindowTest, CheckAllShowsScoresIssuesFactsViewsAndTheReport)
                   {"text.mov", "0/5 ERROR", 0x000040, 0xC0C0C0, "File ", false}};
     MainWindow w;
     QAbstractItemModelTester tester(grid(w)->model(),
-                                    QAbstractItemModelTester::FailureReportingMode::Warning);
+                                    QAbstractItemModelTester::FailureReportingMode::Fatal);
     for (const auto& row : rows) {
         w.taskList().AppendFromCommandLine(test::testClip(std::get<0>(row)).string());
     }
@@ -221,7 +221,8 @@ TEST_F(MainWindowTest, CheckAllShowsScoresIssuesFactsViewsAndTheReport)
         << statusCell(w).toStdString();
 
     const auto colour = [](std::uint32_t bgr) {
-        return QColor(bgr & 0xFF, (bgr >> 8) & 0xFF, (bgr >> 16) & 0xFF);
+        return QColor(static_cast<int>(bgr & 0xFF), static_cast<int>((bgr >> 8) & 0xFF),
+                      static_cast<int>((bgr >> 16) & 0xFF));
     };
     std::string report;
     for (int i = 0; i < static_cast<int>(std::size(rows)); ++i) {
@@ -706,7 +707,8 @@ TEST_F(MainWindowTest, AClipThatCrashesItsCheckCostsThatRowOnly)
     const std::string crashing = (dir / "crash-me.mp4").string();
     fs::copy_file(test::testClip("h264_aac.mp4"), crashing);
     closeIdleWorkers(); // the next workers start with the fault rule
-    ::setenv("TARVOQC_WORKER_FAULT", "segv:crash-me", 1);
+    // Set while no worker runs; the workers started next read it.
+    ::setenv("TARVOQC_WORKER_FAULT", "segv:crash-me", 1); // NOLINT(concurrency-mt-unsafe)
     MainWindow w;
     for (const std::string& clip : {test::testClip("h264_aac.mp4").string(), crashing,
                                     test::testClip("mpeg2_mp2.ts").string()}) {
@@ -715,7 +717,7 @@ TEST_F(MainWindowTest, AClipThatCrashesItsCheckCostsThatRowOnly)
     w.start();
     w.command(kIdCheckAll);
     ASSERT_TRUE(QTest::qWaitFor([&] { return statusCell(w) == QString("Finished"); }, 60000));
-    ::unsetenv("TARVOQC_WORKER_FAULT");
+    ::unsetenv("TARVOQC_WORKER_FAULT"); // NOLINT(concurrency-mt-unsafe)
     ASSERT_EQ(w.taskList().size(), 3u);
     const char* expected[] = {"5/5 OK", "0/5 ERROR", "4/5 Good"};
     for (int i = 0; i < 3; ++i) {

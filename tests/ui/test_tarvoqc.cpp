@@ -1,10 +1,15 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <iostream>
+#include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
+
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -18,21 +23,75 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The window program as a process: offscreen, no display, its settings in a folder of the
-// test's own.
+// Where the window program shows its window: on Qt's offscreen platform, on no platform at
+// all and no display (it then chooses offscreen itself), or on a display of its own.
+enum class Screen { Offscreen, None, Display };
+
+// The window program as a process, its settings in a folder of the test's own and its
+// standard error in errors. display: the X display for Screen::Display.
 test::ChildProcess windowProcess(const std::vector<std::string>& args, const fs::path& home,
-                                 bool unsetPlatform)
+                                 Screen screen, const fs::path& errors = "/dev/null",
+                                 const std::string& display = {})
 {
-    std::vector<std::string> argv = {"env", "-u", "DISPLAY", "-u", "WAYLAND_DISPLAY"};
-    if (unsetPlatform) {
-        argv.insert(argv.end(), {"-u", "QT_QPA_PLATFORM"});
+    std::vector<std::string> argv = {"sh",  "-c", "exec \"$@\" 2>\"$0\"", errors.string(),
+                                     "env", "-u", "WAYLAND_DISPLAY"};
+    if (screen == Screen::Display) {
+        argv.insert(argv.end(), {"-u", "QT_QPA_PLATFORM", "DISPLAY=" + display});
     } else {
-        argv.push_back("QT_QPA_PLATFORM=offscreen");
+        argv.insert(argv.end(), {"-u", "DISPLAY"});
+        argv.emplace_back(screen == Screen::None ? "-uQT_QPA_PLATFORM"
+                                                 : "QT_QPA_PLATFORM=offscreen");
     }
-    argv.push_back("TARVOQC_HOME=" + home.string());
-    argv.push_back(TARVOQC_WINDOW_EXE);
+    argv.emplace_back("TARVOQC_HOME=" + home.string());
+    argv.emplace_back(TARVOQC_WINDOW_EXE);
     argv.insert(argv.end(), args.begin(), args.end());
     return test::ChildProcess(argv);
+}
+
+// An X server of the test's own (Xvfb), for a window that is really shown; its display name,
+// or empty when Xvfb is not installed.
+class VirtualDisplay
+{
+public:
+    VirtualDisplay()
+    {
+        const std::string number = std::to_string(100 + ::getpid() % 500);
+        std::string display(1, ':');
+        display += number;
+        const fs::path socket = "/tmp/.X11-unix/X" + number;
+        m_server.emplace(std::vector<std::string>{"Xvfb", display, "-nolisten", "tcp"});
+        for (int i = 0; i < 100 && !fs::exists(socket); ++i) {
+            if (m_server->waitFor(std::chrono::milliseconds(50))) {
+                return; // no Xvfb, or it could not start
+            }
+        }
+        if (fs::exists(socket)) {
+            m_name = display;
+        }
+    }
+    const std::string& name() const { return m_name; }
+
+private:
+    std::optional<test::ChildProcess> m_server;
+    std::string m_name;
+};
+
+// The result document read by Python's own XML parser: one line per element of the root,
+// "Clip <path> <Hash256>" or "QCheck <Result>"; "unreadable" when it does not parse.
+std::string documentSummary(const fs::path& document)
+{
+    const char* script =
+        "import sys, xml.etree.ElementTree as ET\n"
+        "text = open(sys.argv[1], "
+        "'rb').read().decode('utf-16-le').lstrip('\\ufeff').rstrip('\\x00')\n"
+        "for e in ET.fromstring(text):\n"
+        "    if e.tag == 'Clip':\n"
+        "        f = e.find('File')\n"
+        "        print('Clip', e.get('File'), f.get('Hash256', '-') if f is not None else '-')\n"
+        "    else:\n"
+        "        print(e.tag, e.get('Result'))\n";
+    const test::CommandResult r = test::runCommand({"python3", "-c", script, document.string()});
+    return r.status == 0 ? r.out : "unreadable";
 }
 
 std::string job(const std::vector<fs::path>& clips, bool hide = false)
@@ -61,8 +120,12 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
     test::writeFile(jobs / "second.qcin", job({truncated, ok}));
     test::writeFile(jobs / "empty.qcin", job({}));
     test::writeFile(jobs / "broken.qcin", "<Tarvo_QC><Clip File=\"" + ok.string() + "\"/>");
+    test::writeFile(jobs / "other.qcin", "<Other><Clip File=\"" + ok.string() + "\"/></Other>");
     test::writeFile(jobs / "hidden.qcin", job({ok}, true));
+    test::writeFile(jobs / "qt.qcin", job({ok}, true));
     test::writeFile(jobs / "hidden-empty.qcin", job({}, true));
+    test::writeFile(jobs / "own.qcin", job({ok, jobs / "own.qcout"}));
+    test::writeFile(jobs / "notes.qcin", job({ok}));
     test::writeFile(jobs / "x.qcin.bak", job({ok}));
     test::writeFile(jobs / ".qci", job({ok}));
 
@@ -72,28 +135,52 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
     const auto in = [&](const char* name) { return (jobs / name).string(); };
     const std::string all = clipLines + "Clip " + broken.string() + " -\nQCheck 0/5 ERROR\n";
     const std::string hidden = "Clip " + ok.string() + " " + hashOk + "\nQCheck 5/5 OK\n";
-    // arguments, whether it ends by itself (else it waits to be closed and gets SIGTERM), the
-    // document expected in the job folder (nullptr: none), what it holds, whether no
-    // platform is named at all
-    const std::tuple<std::vector<std::string>, bool, const char*, std::string, bool> rows[] = {
-        {{}, false, nullptr, "", false},               // interactive, no document
-        {{in("A.QCIN")}, true, "A.qcout", all, false}, // upper-case extension, path with spaces
-        {{in("A.QCIN"), ok.string()}, true, nullptr, "", false}, // a job then a clip: none
-        // two jobs: the second's document lists both
-        {{in("A.QCIN"), in("second.qcin")}, true, "second.qcout", all, false},
-        {{in("empty.qcin")}, false, "empty.qcout", "", false},      // stays open; closing writes it
-        {{in("broken.qcin")}, false, "broken.qcout", "", false},    // does not parse: adds nothing
-        {{in("x.qcin.bak"), in(".qci")}, true, nullptr, "", false}, // clips, not jobs
-        // Qt's own options are clips too: Qt never sees them
-        {{"-platform", "nosuchplatform", in("hidden.qcin")},
-         true,
-         "hidden.qcout",
-         "Clip -platform -\nQCheck 0/5 ERROR\nClip nosuchplatform -\nQCheck 0/5 ERROR\n" + hidden,
-         false},
-        // Hide without a display; hidden and waiting, a close request still ends it
-        {{in("hidden.qcin")}, true, "hidden.qcout", hidden, true},
-        {{in("hidden-empty.qcin")}, false, "hidden-empty.qcout", "", true},
+    // A document of an earlier run, or a user's file under a document's name: never replaced
+    // by a run that cannot write its own.
+    const auto keptBytes = [](const std::string& name) {
+        return name == "notes.qcout"
+                   ? std::string("my notes\n")
+                   : "\xFF\xFE" +
+                         test::utf16("<Tarvo_QC>\r\n  <Clip File=\"/earlier.mxf\"/>\r\n"
+                                     "</Tarvo_QC>\r\n") +
+                         std::string(2, '\0');
     };
+    // Arguments, screen, whether it waits to be closed (and then gets SIGTERM), its exit
+    // status, the document in the job folder afterwards ("" none; "=name": a file there before
+    // that stays as it was) and a text of its standard error.
+    constexpr Screen off = Screen::Offscreen, none = Screen::None, shown = Screen::Display;
+    using Row = std::tuple<std::vector<std::string>, Screen, bool, int, std::string, std::string>;
+    const Row rows[] = {
+        {{}, off, true, 0, "", ""},                           // interactive: no document
+        {{in("A.QCIN")}, off, false, 0, "A.qcout", ""},       // upper-case extension, spaces
+        {{in("A.QCIN"), ok.string()}, off, false, 0, "", ""}, // a clip after the job: none
+        {{in("A.QCIN"), in("second.qcin")}, off, false, 0, "second.qcout", ""}, // lists both
+        {{in("x.qcin.bak"), in(".qci")}, off, false, 0, "", ""},                // clips, not jobs
+        {{in("hidden.qcin")}, none, false, 0, "hidden.qcout", ""}, // Hide without a display
+        // Qt's own options are clips too: Qt never sees them.
+        {{"-platform", "nosuchplatform", in("qt.qcin")}, none, false, 0, "qt.qcout", ""},
+        // Nothing to check in a window nobody can close: it says so and ends.
+        {{in("empty.qcin")}, off, false, 2, "=empty.qcout", "no clips to check"},
+        {{in("hidden-empty.qcin")}, none, false, 2, "=hidden-empty.qcout", "no clips to check"},
+        // A job that cannot be read is named and never replaces its earlier document.
+        {{in("broken.qcin")}, off, false, 2, "=broken.qcout", "'" + in("broken.qcin") + "' could"},
+        {{in("other.qcin")}, off, false, 2, "=other.qcout", "has no \"Tarvo_QC\" root element"},
+        {{ok.string(), in("broken.qcin")}, off, false, 2, "=broken.qcout", "could not be read"},
+        // Refused before anything is checked, as tarvoqc-check refuses.
+        {{in("own.qcin")}, off, false, 2, "=own.qcout", "it is one of the clips to check"},
+        {{in("notes.qcin")}, off, false, 2, "=notes.qcout", "it exists and is not a result"},
+        // A shown window keeps waiting for its user; closing writes the (empty) document, but
+        // never that of a job that could not be read.
+        {{in("empty.qcin")}, shown, true, 0, "empty.qcout", ""},
+        {{in("broken.qcin")}, shown, true, 2, "=broken.qcout", "could not be read"},
+    };
+    const std::map<std::string, std::string> summaries = {
+        {"A.qcout", all},
+        {"second.qcout", all},
+        {"hidden.qcout", hidden},
+        {"qt.qcout",
+         "Clip -platform -\nQCheck 0/5 ERROR\nClip nosuchplatform -\nQCheck 0/5 ERROR\n" + hidden},
+        {"empty.qcout", ""}};
     const auto documents = [&] {
         std::vector<std::string> names;
         for (const auto& entry : fs::directory_iterator(jobs)) {
@@ -103,26 +190,39 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
         }
         return names;
     };
-    for (const auto& [args, endsByItself, document, summary, unsetPlatform] : rows) {
+    VirtualDisplay display;
+    for (const auto& [args, screen, waits, status, document, says] : rows) {
         SCOPED_TRACE(testing::PrintToString(args));
+        if (screen == shown && display.name().empty()) {
+            std::cout << "[ SKIPPED  ] a shown window: Xvfb is not installed\n";
+            continue;
+        }
         for (const std::string& name : documents()) {
             fs::remove(jobs / name);
         }
-        test::ChildProcess process = windowProcess(args, home, unsetPlatform);
-        if (endsByItself) {
-            EXPECT_EQ(process.waitFor(std::chrono::seconds(60)), 0);
-        } else {
+        const bool kept = document.starts_with("=");
+        const std::string name = kept ? document.substr(1) : document;
+        if (kept) {
+            test::writeFile(jobs / name, keptBytes(name));
+        }
+        test::ChildProcess process =
+            windowProcess(args, home, screen, dir / "errors", display.name());
+        if (waits) {
             // Bounded: the window must still be there after a while, waiting for its user.
             EXPECT_FALSE(process.waitFor(std::chrono::milliseconds(1500)));
             process.signal(SIGTERM);
-            EXPECT_EQ(process.waitFor(std::chrono::seconds(5)), 0);
+            EXPECT_EQ(process.waitFor(std::chrono::seconds(5)), status);
+        } else {
+            EXPECT_EQ(process.waitFor(std::chrono::seconds(60)), status);
         }
-        if (document == nullptr) {
-            EXPECT_TRUE(documents().empty());
-            continue;
+        EXPECT_NE(test::readFile(dir / "errors").find(says), std::string::npos)
+            << test::readFile(dir / "errors");
+        EXPECT_EQ(documents(), name.empty() ? std::vector<std::string>{} : std::vector{name});
+        if (kept) {
+            EXPECT_EQ(test::readFile(jobs / name), keptBytes(name));
+        } else if (!name.empty()) {
+            EXPECT_EQ(documentSummary(jobs / name), summaries.at(name));
         }
-        ASSERT_EQ(documents(), std::vector<std::string>{document});
-        EXPECT_EQ(test::documentSummary(jobs / document), summary);
     }
 }
 
@@ -134,7 +234,7 @@ TEST(WindowProgram, TerminationDuringALongRunWritesTheDocument)
     // Clip tokens are listed however often they come: a run of many checks, then the job.
     std::vector<std::string> args(40, clip.string());
     args.push_back((dir / "long.qcin").string());
-    test::ChildProcess process = windowProcess(args, dir / "home", false);
+    test::ChildProcess process = windowProcess(args, dir / "home", Screen::Offscreen);
     EXPECT_FALSE(process.waitFor(std::chrono::milliseconds(700)));
     const auto asked = Clock::now();
     process.signal(SIGTERM);

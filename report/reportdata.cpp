@@ -1,10 +1,13 @@
-#include "app/report/reportdata.h"
+#include "report/reportdata.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <system_error>
 
 #include "results/mediatime.h"
 #include "results/textcase.h"
@@ -453,7 +456,7 @@ bool readReportInput(const std::string& path, const std::function<void(ClipRecor
     if (!isStdin) {
         owned.reset(std::fopen(path.c_str(), "rb"));
         if (!owned) {
-            why = std::strerror(errno);
+            why = std::generic_category().message(errno);
             return false;
         }
     }
@@ -486,7 +489,7 @@ bool readReportInput(const std::string& path, const std::function<void(ClipRecor
         const std::size_t got = std::fread(chunk.data(), 1, chunk.size(), file);
         if (got == 0) {
             if (std::ferror(file) != 0) {
-                why = std::strerror(errno);
+                why = std::generic_category().message(errno);
                 return false;
             }
             break;
@@ -530,6 +533,28 @@ bool readReportInput(const std::string& path, const std::function<void(ClipRecor
         finishLine(); // a last line without its line end: often a cut-off write
     }
     return true;
+}
+
+ClipRecord recordOf(const QcResult& result)
+{
+    ClipRecord record;
+    record.path = result.path;
+    record.score = result.score();
+    record.size = result.facts.fileSize;
+    record.hash256 = result.facts.hash256;
+    if (result.facts.fkey != 0) {
+        char key[17];
+        std::snprintf(key, sizeof key, "%016" PRIX64, result.facts.fkey);
+        record.fkey = key;
+    }
+    if (result.facts.clipDuration != kNoTime) {
+        record.duration = hundredNsToSeconds(result.facts.clipDuration);
+    }
+    for (const QcIssue* issue : result.issues.ordered()) {
+        record.issues.push_back({issue->category, issue->severity, std::max(-1, issue->streamIndex),
+                                 issue->streamKind, issue->text});
+    }
+    return record;
 }
 
 bool ClipSet::add(ClipRecord&& record)

@@ -4,7 +4,7 @@
 #include <ostream>
 #include <string>
 
-#include "app/report/reportdata.h"
+#include "report/reportdata.h"
 #include "results/scorecolours.h"
 
 namespace tarvoqc::report {

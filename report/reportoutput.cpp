@@ -1,10 +1,13 @@
-#include "app/report/reportoutput.h"
+#include "report/reportoutput.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <ctime>
 #include <numeric>
+
+#include "report/reportassets.h"
+#include "results/textcodec.h"
 
 #include <nlohmann/json.hpp>
 
@@ -146,215 +149,6 @@ nlohmann::json htmlRow(const ClipRecord& clip, ClipChange change, std::optional<
          oldScore ? nlohmann::json(*oldScore) : nlohmann::json(nullptr)});
 }
 
-constexpr const char* kStyle = R"CSS(
-body{font:13px/1.35 system-ui,sans-serif;margin:16px;color:#111;background:#fff}
-h1{font-size:18px;margin:0 0 4px}
-.meta{color:#444;margin:0 0 8px}
-.counts span{display:inline-block;padding:2px 8px;margin:0 4px 4px 0;border-radius:3px}
-.controls{margin:8px 0;display:flex;flex-wrap:wrap;gap:6px 18px;align-items:center}
-.pager{margin:6px 0}
-table{border-collapse:collapse;width:100%}
-th,td{border:1px solid #c8c8c8;padding:2px 6px;text-align:left;vertical-align:top}
-th{background:#eee;position:sticky;top:0}
-th button{all:unset;cursor:pointer;font-weight:bold}
-th[aria-sort=ascending] button::after{content:" \25B2"}
-th[aria-sort=descending] button::after{content:" \25BC"}
-td.n{text-align:right;font-variant-numeric:tabular-nums}
-td.path{word-break:break-all}
-td.key{font-family:monospace;font-size:11px;word-break:break-all}
-td.score{white-space:nowrap}
-tr.issues td{padding:0 6px 4px 24px;border-top:none;color:#333}
-tr.issues ul{margin:0;padding-left:16px}
-tr.worse td.change{background:#f4c7c3}
-tr.better td.change{background:#c8e6c9}
-tr.new td.change,tr.missing td.change{background:#fff3c4}
-@media print{
- .controls,.pager,noscript{display:none}
- body{margin:0;font-size:8pt}
- th{position:static}
- thead{display:table-header-group}
- tr{break-inside:avoid}
- *{-webkit-print-color-adjust:exact;print-color-adjust:exact}
-}
-)CSS";
-
-constexpr const char* kScript = R"JS(
-"use strict";
-(function () {
-  var meta = JSON.parse(document.getElementById("meta").textContent);
-  var rows = JSON.parse(document.getElementById("clips").textContent);
-  var cols = [
-    {key: "path", title: "Path", cls: "path", v: function (r) { return r[0]; }},
-    {key: "score", title: "Score", cls: "score", v: function (r) { return r[1]; }},
-    {key: "worst", title: "Worst severity", v: function (r) { return r[2]; },
-     show: function (r) { return r[2] < 0 ? "" : meta.severities[r[2]]; }}
-  ];
-  meta.categories.forEach(function (name, i) {
-    cols.push({key: name, title: name, cls: "n", v: function (r) { return r[3][i]; }});
-  });
-  cols.push({key: "duration", title: "Duration (s)", cls: "n", v: function (r) { return r[4]; },
-             show: function (r) { return r[4] === null ? "" : r[4].toFixed(3); }});
-  cols.push({key: "size", title: "Size", cls: "n", v: function (r) { return r[5]; }});
-  cols.push({key: "hash", title: "Hash256", cls: "key", v: function (r) { return r[6]; }});
-  cols.push({key: "fkey", title: "FKey", cls: "key", v: function (r) { return r[7]; }});
-  if (meta.baseline) {
-    cols.push({key: "change", title: "Change", cls: "change", v: function (r) { return r[9]; },
-               show: function (r) {
-                 return r[10] === null || r[9] === "" ? r[9]
-                        : r[9] + " (was " + meta.scores[r[10]] + ")"; }});
-  }
-  var state = {sort: "", desc: false, scores: [true, true, true, true, true, true],
-               q: "", change: "", page: 1, size: 100};
-  var order = null, shown = [];
-  var body = document.querySelector("#table tbody");
-
-  function esc(s) {
-    return String(s).replace(/[&<>"]/g, function (c) {
-      return {"&": "&amp;", "<": "&lt;", ">": "&gt;", "\"": "&quot;"}[c];
-    });
-  }
-  function column(key) {
-    for (var i = 0; i < cols.length; i++) if (cols[i].key === key) return cols[i];
-    return null;
-  }
-  function readHash() {
-    location.hash.replace(/^#/, "").split("&").forEach(function (part) {
-      var eq = part.indexOf("="); if (eq < 0) return;
-      var k = part.slice(0, eq), v = decodeURIComponent(part.slice(eq + 1));
-      if (k === "sort") { state.desc = v.charAt(0) === "-"; state.sort = v.replace(/^-/, ""); }
-      else if (k === "score") {
-        var on = v.split(",");
-        state.scores = state.scores.map(function (x, s) { return on.indexOf(String(s)) >= 0; });
-      }
-      else if (k === "q") state.q = v;
-      else if (k === "change") state.change = v;
-      else if (k === "page") state.page = Math.max(1, parseInt(v, 10) || 1);
-      else if (k === "size") state.size = Math.max(1, parseInt(v, 10) || 100);
-    });
-    if (!column(state.sort)) state.sort = "";
-  }
-  function writeHash() {
-    var parts = [];
-    if (state.sort) parts.push("sort=" + (state.desc ? "-" : "") + state.sort);
-    if (state.scores.indexOf(false) >= 0)
-      parts.push("score=" + state.scores.map(function (on, s) { return on ? s : -1; })
-                                        .filter(function (s) { return s >= 0; }).join(","));
-    if (state.q) parts.push("q=" + encodeURIComponent(state.q));
-    if (state.change) parts.push("change=" + state.change);
-    if (state.page > 1) parts.push("page=" + state.page);
-    if (state.size !== 100) parts.push("size=" + state.size);
-    history.replaceState(null, "", parts.length ? "#" + parts.join("&") : location.pathname);
-  }
-  function sortOrder() {
-    order = rows.map(function (r, i) { return i; });
-    var c = column(state.sort);
-    if (!c) return;
-    var dir = state.desc ? -1 : 1;
-    order.sort(function (a, b) {
-      var x = c.v(rows[a]), y = c.v(rows[b]);
-      if (x === null || y === null) {
-        if (x !== y) return x === null ? 1 : -1;
-      } else if (x < y) return -dir;
-      else if (x > y) return dir;
-      return a - b;
-    });
-  }
-  function filter() {
-    var q = state.q.toLowerCase();
-    shown = order.filter(function (i) {
-      var r = rows[i];
-      return state.scores[r[1]] && (!q || r[0].toLowerCase().indexOf(q) >= 0) &&
-             (!state.change || r[9] === state.change);
-    });
-  }
-  function rowHtml(r) {
-    var html = "<tr class=\"clip" + (r[9] ? " " + r[9] : "") + "\" data-score=\"" + r[1] + "\">";
-    cols.forEach(function (c) {
-      var text = c.show ? c.show(r) : c.v(r);
-      var style = c.key === "score"
-        ? " style=\"background:" + meta.background[r[1]] + ";color:" + meta.text[r[1]] + "\"" : "";
-      html += "<td" + (c.cls ? " class=\"" + c.cls + "\"" : "") + style + ">" +
-              (c.key === "score" ? meta.scores[r[1]] : esc(text === null ? "" : text)) + "</td>";
-    });
-    html += "</tr>";
-    if (r[8].length)
-      html += "<tr class=\"issues\"><td colspan=\"" + cols.length + "\"><ul><li>" +
-              r[8].map(esc).join("</li><li>") + "</li></ul></td></tr>";
-    return html;
-  }
-  function render(everything) {
-    var pages = Math.max(1, Math.ceil(shown.length / state.size));
-    state.page = Math.min(state.page, pages);
-    var from = everything ? 0 : (state.page - 1) * state.size;
-    var to = everything ? shown.length : Math.min(shown.length, from + state.size);
-    var html = [];
-    for (var i = from; i < to; i++) html.push(rowHtml(rows[shown[i]]));
-    body.innerHTML = html.join("");
-    document.getElementById("pageinfo").textContent = shown.length
-      ? "Clips " + (from + 1) + "\u2013" + to + " of " + shown.length +
-        (shown.length < rows.length ? " (of " + rows.length + " in all)" : "") +
-        ", page " + state.page + " of " + pages
-      : "No clip matches";
-    document.getElementById("prev").disabled = state.page <= 1;
-    document.getElementById("next").disabled = state.page >= pages;
-    document.querySelectorAll("#table th").forEach(function (th) {
-      th.setAttribute("aria-sort", th.dataset.key !== state.sort ? "none"
-                                   : state.desc ? "descending" : "ascending");
-    });
-  }
-  function update(resort) {
-    if (resort || !order) sortOrder();
-    filter();
-    render(false);
-    writeHash();
-  }
-
-  var head = document.querySelector("#table thead tr");
-  cols.forEach(function (c) {
-    var th = document.createElement("th");
-    th.dataset.key = c.key;
-    var button = document.createElement("button");
-    button.type = "button";
-    button.textContent = c.title;
-    button.addEventListener("click", function () {
-      state.desc = state.sort === c.key ? !state.desc : false;
-      state.sort = c.key;
-      state.page = 1;
-      update(true);
-    });
-    th.appendChild(button);
-    head.appendChild(th);
-  });
-  readHash();
-  document.querySelectorAll("input[data-score]").forEach(function (box) {
-    var s = parseInt(box.dataset.score, 10);
-    box.checked = state.scores[s];
-    box.addEventListener("change", function () { state.scores[s] = box.checked; state.page = 1; update(false); });
-  });
-  var q = document.getElementById("q");
-  q.value = state.q;
-  q.addEventListener("input", function () { state.q = q.value; state.page = 1; update(false); });
-  var change = document.getElementById("change");
-  if (change) {
-    change.value = state.change;
-    change.addEventListener("change", function () { state.change = change.value; state.page = 1; update(false); });
-  }
-  var size = document.getElementById("size");
-  if (!Array.prototype.some.call(size.options, function (o) { return o.value === String(state.size); }))
-    size.add(new Option(String(state.size), String(state.size)));
-  size.value = String(state.size);
-  size.addEventListener("change", function () { state.size = parseInt(size.value, 10); state.page = 1; update(false); });
-  document.getElementById("prev").addEventListener("click", function () { state.page--; update(false); });
-  document.getElementById("next").addEventListener("click", function () { state.page++; update(false); });
-  // Printing shows every clip that passes the filter, not only the page on screen.
-  window.addEventListener("beforeprint", function () { render(true); });
-  window.addEventListener("afterprint", function () { render(false); });
-  update(true);
-  // When the first page was on screen, in ms since the page began to load.
-  document.body.setAttribute("data-shown-ms", String(Math.round(performance.now())));
-})();
-)JS";
-
 } // namespace
 
 std::string cssColour(std::uint32_t bgr)
@@ -390,7 +184,7 @@ std::string summaryText(const ReportView& view, std::size_t worstShown)
             text += "Worst clips:\n";
         }
         std::snprintf(line, sizeof line, "  %-14s ", scoreText(clip.score).data());
-        text += line + clip.path + '\n';
+        text += line + escapeControl(clip.path) + '\n';
         if (!clip.issues.empty()) {
             std::string worst = clip.issues.front().longLine();
             while (!worst.empty() && (worst.back() == '\n' || worst.back() == '\r')) {
@@ -408,11 +202,12 @@ std::string summaryText(const ReportView& view, std::size_t worstShown)
         for (std::size_t i = 0; i < clips.size(); ++i) {
             if (cmp.changes[i] == ClipChange::Worse) {
                 text += "  worse    " + std::string(scoreText(*cmp.oldScores[i])) + " -> " +
-                        std::string(scoreText(clips[i].score)) + "  " + clips[i].path + '\n';
+                        std::string(scoreText(clips[i].score)) + "  " +
+                        escapeControl(clips[i].path) + '\n';
             }
         }
         for (const std::size_t i : cmp.missing) {
-            text += "  missing  " + view.baseline->clips()[i].path + '\n';
+            text += "  missing  " + escapeControl(view.baseline->clips()[i].path) + '\n';
         }
     }
 
@@ -484,7 +279,8 @@ void writeHtml(std::ostream& out, const ReportView& view, const std::string& tit
 
     out << "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
         << "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
-        << "<title>" << escapeHtml(title) << "</title>\n<style>" << kStyle << "</style>\n"
+        << "<title>" << escapeHtml(title) << "</title>\n<style>" << reportStyleSheet()
+        << "</style>\n"
         << "</head>\n<body>\n<h1>" << escapeHtml(title) << "</h1>\n<p class=\"meta\">"
         << clips.size() << (clips.size() == 1 ? " clip" : " clips") << ", made " << when << "; "
         << clips.size() - below << " at or above &quot;" << scoreText(view.threshold) << "&quot;, "
@@ -542,7 +338,7 @@ void writeHtml(std::ostream& out, const ReportView& view, const std::string& tit
             first = false;
         }
     }
-    out << "]</script>\n<script>" << kScript << "</script>\n</body>\n</html>\n";
+    out << "]</script>\n<script>" << reportScript() << "</script>\n</body>\n</html>\n";
 }
 
 } // namespace tarvoqc::report

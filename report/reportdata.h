@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "results/qcissue.h"
+#include "results/qcresult.h"
 
 namespace tarvoqc::report {
 
@@ -24,6 +25,8 @@ struct ReportIssue
 
     // "Frames:[Low] Stream 0 (Video) Gap in TC of 0.30 at 4.00", as the checker prints it.
     std::string longLine() const;
+
+    bool operator==(const ReportIssue&) const = default;
 };
 
 // What a report keeps of one checked clip: enough for the summary, the CSV row and the
@@ -42,7 +45,13 @@ struct ClipRecord
     std::optional<QcSeverity> worstSeverity() const;
     // Issues per category, indexed by QcIssueCategory.
     std::array<int, kCategoryCount> categoryCounts() const;
+
+    bool operator==(const ClipRecord&) const = default;
 };
+
+// What a report keeps of a check's result: the record that its result document gives back,
+// so that a program holding the results (the window) writes the same reports.
+ClipRecord recordOf(const QcResult& result);
 
 // Told of every input line or element that was skipped: where ("file:line") and why.
 using ProblemSink = std::function<void(const std::string& where, const std::string& why)>;
