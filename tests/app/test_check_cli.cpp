@@ -110,10 +110,10 @@ TEST(CheckCli, AClipThatBreaksItsCheckCostsThatClipOnly)
             fs::copy_file(clip("h264_aac.mp4"), folder / name);
         }
         const std::string document = (folder / "run.qcout").string();
-        const test::CommandResult r =
-            test::runCommand({TARVOQC_CHECK_EXE, "--hang-timeout", "1", "--max-memory", "256", "-o",
-                              document, "-j2", folder.string()},
-                             {std::string("TARVOQC_WORKER_FAULT=") + fault + ":break-me"});
+        const test::CommandResult r = test::runCommand(
+            {TARVOQC_CHECK_EXE, "--hang-timeout", std::string_view(fault) == "hang" ? "1" : "30",
+             "--max-memory", "256", "-o", document, "-j2", folder.string()},
+            {std::string("TARVOQC_WORKER_FAULT=") + fault + ":break-me"});
         EXPECT_EQ(r.status, 1) << r.out << r.err;
         EXPECT_NE(r.out.find("0/5 ERROR    " + (folder / "3-break-me.mp4").string() +
                              "\n    File:[Critical] " + issue),
