@@ -1,5 +1,6 @@
 #include "engine/clipchecker.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
@@ -193,7 +194,7 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
     EngineTrace(kTraceNormal, ".Open %s\n", path.c_str());
     Close();
     m_path = path;
-    m_level = level;
+    m_level = std::clamp(level, kLowestCheckLevel, kHighestCheckLevel);
     m_decoderThreadOption = decoderThreadOption;
     m_opened = false;
     m_work = MediaFacts{};
@@ -350,9 +351,9 @@ void ClipChecker::checkHeader(ClipStream& stream)
         return;
     }
     const ClipTicks s = tickDifference(facts.headerStart, c0);
-    if (saturatingAbs(s) >= kReportableDifference) {
-        report(Cat::MediaTime, severityOfDifference(s), index,
-               "Header: Start time is off from clip by %s sec", formatMediaTime100ns(s).c_str());
+    if (const auto severity = severityOfDifference(s)) {
+        report(Cat::MediaTime, *severity, index, "Header: Start time is off from clip by %s sec",
+               formatMediaTime100ns(s).c_str());
     }
     if (facts.headerDuration == kNoTime || facts.headerDuration <= 0) {
         report(Cat::MediaTime, facts.type == StreamType::Audio ? Sev::Warning : Sev::High, index,
@@ -360,13 +361,13 @@ void ClipChecker::checkHeader(ClipStream& stream)
         return;
     }
     const ClipTicks e = clampDifference(saturatingSub(saturatingAdd(s, facts.headerDuration), cd));
-    if (saturatingAbs(e) >= kReportableDifference) {
+    if (const auto severity = severityOfDifference(e)) {
         if (e < 0) {
-            report(Cat::MediaTime, severityOfDifference(e), index,
+            report(Cat::MediaTime, *severity, index,
                    "Header: Stream is shorter than clip duration by %s sec",
                    formatMediaTime100ns(-e).c_str());
         } else {
-            report(Cat::MediaTime, severityOfDifference(e), index,
+            report(Cat::MediaTime, *severity, index,
                    "Header: Stream is longer than clip duration by %s sec",
                    formatMediaTime100ns(e).c_str());
         }
@@ -383,24 +384,24 @@ void ClipChecker::checkDecoded(ClipStream& stream)
         report(Cat::MediaTime, Sev::Highest, index, "Decoded data have no start timecode");
     } else {
         const ClipTicks s = tickDifference(facts.decodedStart, c0);
-        if (saturatingAbs(s) >= kReportableDifference) {
-            report(Cat::MediaTime, severityOfDifference(s), index,
+        if (const auto severity = severityOfDifference(s)) {
+            report(Cat::MediaTime, *severity, index,
                    "Decoded start difference from clip start of %s",
                    formatMediaTime100ns(s).c_str());
         }
         const ClipTicks decodedLength = tickDifference(facts.decodedEnd, facts.decodedStart);
         if (facts.decodedEnd != kNoTime && facts.headerDuration != kNoTime) {
             const ClipTicks e = tickDifference(decodedLength, facts.headerDuration);
-            if (saturatingAbs(e) >= kReportableDifference) {
+            if (const auto severity = severityOfDifference(e)) {
                 if (e < 0) {
-                    report(Cat::MediaTime, severityOfDifference(e), index,
+                    report(Cat::MediaTime, *severity, index,
                            "Decoded duration %s sec under the one reported from header. Last "
                            "position %s",
                            formatMediaTime100ns(-e).c_str(),
                            formatMediaTime100ns(tickDifference(facts.decodedEnd, facts.headerStart))
                                .c_str());
                 } else {
-                    report(Cat::MediaTime, severityOfDifference(e), index,
+                    report(Cat::MediaTime, *severity, index,
                            "Decoded duration %s sec over the one reported from header. %s vs %s",
                            formatMediaTime100ns(e).c_str(),
                            formatMediaTime100ns(decodedLength).c_str(),
@@ -410,16 +411,16 @@ void ClipChecker::checkDecoded(ClipStream& stream)
         }
         if (cd != kNoTime && facts.decodedEnd != kNoTime) {
             const ClipTicks g = tickDifference(decodedLength, cd);
-            if (saturatingAbs(g) >= kReportableDifference) {
+            if (const auto severity = severityOfDifference(g)) {
                 if (g < 0) {
-                    report(Cat::MediaTime, severityOfDifference(g), index,
+                    report(Cat::MediaTime, *severity, index,
                            "Gap at end: last decoded is %s sec before clip end. Last position %s",
                            formatMediaTime100ns(-g).c_str(),
                            formatMediaTime100ns(tickDifference(facts.decodedEnd, c0)).c_str());
                 } else {
                     // The pair shows the stream's header duration, not the clip duration g
                     // was measured against: operators read it as "decoded vs declared".
-                    report(Cat::MediaTime, severityOfDifference(g), index,
+                    report(Cat::MediaTime, *severity, index,
                            "Later end: last decoded %s sec over the clip end. %s vs %s",
                            formatMediaTime100ns(g).c_str(),
                            formatMediaTime100ns(decodedLength).c_str(),

@@ -52,7 +52,8 @@ public:
     const ClipCheckOptions& options() const { return m_options; }
 
     // Opens and probes the clip at path (UTF-8). level is the CheckLevel (see
-    // results/qcresult.h); decoderThreadOption below 0 makes decoding single-threaded,
+    // results/qcresult.h); one outside 1..4 is taken as the nearest of them, and the
+    // result names the level that ran. decoderThreadOption below 0 makes decoding single-threaded,
     // otherwise the library picks (unless the options name a thread count). True when the
     // streams were built. A false result leaves the reason in the issue list (attributes or
     // open failed; a path that names no regular file, such as a FIFO, a device or a folder,

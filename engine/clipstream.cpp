@@ -58,15 +58,15 @@ ClipStream::ClipStream(ClipChecker& owner, int index) : m_owner(owner), m_index(
 
 ClipStream::~ClipStream() = default;
 
-int ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
+void ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
 {
     m_stream = stream;
     if (stream == nullptr) {
-        return -1;
+        return;
     }
     const AVCodecParameters* params = stream->codecpar;
     if (params == nullptr) {
-        return -2;
+        return;
     }
     m_checkLevel = checkLevel;
     m_timeBase = {stream->time_base.num, stream->time_base.den};
@@ -99,7 +99,7 @@ int ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
             m_frameDuration = frameDurationOf(stream->time_base, rate);
             if (m_frameDuration <= 0) {
                 m_owner.report(Cat::MediaTime, Sev::Critical, m_index, "Cannot obtain frame rate");
-                return -3;
+                return;
             }
         }
     }
@@ -117,19 +117,19 @@ int ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
     if (m_decoder == nullptr) {
         if (isVideoOrAudio()) {
             m_owner.report(Cat::Codec, Sev::Critical, m_index, "Cannot decode");
-            return -4;
+            return;
         }
-        return 0;
+        return;
     }
     if (checkLevel <= 2) {
-        return 0;
+        return;
     }
 
     m_context.reset(avcodec_alloc_context3(m_decoder));
     if (!m_context || avcodec_parameters_to_context(m_context.get(), params) < 0) {
         m_context.reset();
         m_owner.report(Cat::Codec, Sev::Critical, m_index, "Cannot setup decoder");
-        return -7;
+        return;
     }
     EngineTrace(kTraceNormal, "..Stream %d [%s]- %s\n", m_index, m_decoder->name,
                 m_decoder->long_name != nullptr ? m_decoder->long_name : "");
@@ -156,19 +156,18 @@ int ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
                        m_decoder->name);
         m_context.reset();
         m_decoder = nullptr;
-        return -10;
+        return;
     }
     m_frame.reset(av_frame_alloc());
     if (!m_frame) {
         m_context.reset();
-        return -10;
+        return;
     }
     if (checkLevel >= 4 && isVideoOrAudio()) {
         m_content = std::make_unique<ContentChecks>(m_owner, m_index, *m_context, stream->time_base,
                                                     m_streamStart, m_owner.m_options, threads,
                                                     m_owner.m_session->detectors.get());
     }
-    return 0;
 }
 
 ClipTicks ClipStream::ticksBetween(std::int64_t a, std::int64_t b) const
@@ -211,14 +210,14 @@ void ClipStream::checkPacketTime(const AVPacket& packet)
     }
     if (m_nextPacketTime != kNoTime) {
         const ClipTicks d = ticksBetween(packet.dts, m_nextPacketTime);
-        if (d < -kReportableDifference) {
-            m_owner.report(Cat::Frames, severityOfDifference(d), m_index,
-                           "Wrong packet TC of %s at %s", formatMediaTime100ns(d).c_str(),
-                           positionText(packet.dts).c_str());
-        } else if (d >= kReportableDifference) {
-            m_owner.report(Cat::Frames, severityOfDifference(d), m_index,
-                           "Gap in stream TC of %s at %s", formatMediaTime100ns(d).c_str(),
-                           positionText(packet.dts).c_str());
+        const std::optional<QcSeverity> severity = severityOfDifference(d);
+        // A step back counts from beyond 0.01 s, a gap from 0.01 s on.
+        if (severity && d < -kReportableDifference) {
+            m_owner.report(Cat::Frames, *severity, m_index, "Wrong packet TC of %s at %s",
+                           formatMediaTime100ns(d).c_str(), positionText(packet.dts).c_str());
+        } else if (severity && d > 0) {
+            m_owner.report(Cat::Frames, *severity, m_index, "Gap in stream TC of %s at %s",
+                           formatMediaTime100ns(d).c_str(), positionText(packet.dts).c_str());
         }
     }
     m_nextPacketTime = saturatingAdd(packet.dts, packet.duration);
@@ -339,11 +338,12 @@ void ClipStream::checkFrame(std::int64_t time, std::int64_t duration)
     }
     if (m_nextFrameTime != kNoTime) {
         const ClipTicks d = ticksBetween(time, m_nextFrameTime);
-        if (d < -kReportableDifference) {
-            m_owner.report(Cat::Frames, severityOfDifference(d), m_index, "Wrong TC of %s at %s",
+        const std::optional<QcSeverity> severity = severityOfDifference(d);
+        if (severity && d < -kReportableDifference) {
+            m_owner.report(Cat::Frames, *severity, m_index, "Wrong TC of %s at %s",
                            formatMediaTime100ns(d).c_str(), positionText(time).c_str());
-        } else if (d >= kReportableDifference) {
-            m_owner.report(Cat::Frames, severityOfDifference(d), m_index, "Gap in TC of %s at %s",
+        } else if (severity && d > 0) {
+            m_owner.report(Cat::Frames, *severity, m_index, "Gap in TC of %s at %s",
                            formatMediaTime100ns(d).c_str(), positionText(time).c_str());
         }
     }

@@ -24,10 +24,10 @@ public:
     ClipStream& operator=(const ClipStream&) = delete;
 
     // Keeps the container stream, stores its facts and, when checkLevel is above 2, opens
-    // its decoder. Returns 0, or -1 (no stream), -2 (no codec parameters), -3 (frame
-    // duration not positive), -4 (no decoder for video/audio), -7 (parameters not copied),
-    // -10 (decoder did not open). Issues go to the owner.
-    int setUp(AVStream* stream, int checkLevel, int decoderThreadOption);
+    // its decoder. What stands in the way (no codec parameters, no frame duration, no
+    // decoder, a decoder that does not open) becomes an issue of the owner, and the stream
+    // is then checked without a decoder.
+    void setUp(AVStream* stream, int checkLevel, int decoderThreadOption);
 
     // The read pass: one packet, or the end-of-file flush when packet is null.
     void handlePacket(const AVPacket* packet);

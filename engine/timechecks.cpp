@@ -15,15 +15,16 @@ constexpr std::array<ClipTicks, kSeverityCount> kSeverityThresholds = {
 
 } // namespace
 
-QcSeverity severityOfDifference(ClipTicks d)
+std::optional<QcSeverity> severityOfDifference(ClipTicks d)
 {
+    static_assert(kSeverityThresholds[0] == kReportableDifference);
     const ClipTicks magnitude = saturatingAbs(d);
     for (int row = kSeverityCount - 1; row >= 0; --row) {
         if (kSeverityThresholds[static_cast<std::size_t>(row)] <= magnitude) {
             return static_cast<QcSeverity>(row);
         }
     }
-    return QcSeverity::Critical;
+    return std::nullopt;
 }
 
 ClipTicks clampDifference(std::int64_t d)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "results/mediatime.h"
 #include "results/qcissue.h"
@@ -11,10 +12,11 @@ namespace tarvoqc {
 inline constexpr ClipTicks kReportableDifference = 100'000;
 
 // Severity of a time difference d (ClipTicks, either sign): the highest row of the
-// thresholds 0.01 s Warning, 0.25 s Low, 2 s High, 10 s Highest that |d| reaches. The
-// Critical row lies at the largest 64-bit value, which no difference reaches: differences
-// are clamped below it (see clampDifference).
-QcSeverity severityOfDifference(ClipTicks d);
+// thresholds 0.01 s Warning, 0.25 s Low, 2 s High, 10 s Highest that |d| reaches; none
+// below 0.01 s, which is too small to report. The Critical row lies at the largest 64-bit
+// value, which no difference reaches: differences are clamped below it (see
+// clampDifference).
+std::optional<QcSeverity> severityOfDifference(ClipTicks d);
 
 // Keeps a difference of time values away from the 64-bit limits, so that it stays a
 // known, very large value: |d| at most INT64_MAX - 1.

@@ -28,6 +28,8 @@ std::string_view streamTypeText(StreamType type);
 // checks and the keys; 3 also decoding with frame checks and the decoded checks; 4 also
 // full decoding with the picture and sound checks (categories Video and Audio).
 using CheckLevel = int;
+inline constexpr CheckLevel kLowestCheckLevel = 1;
+inline constexpr CheckLevel kHighestCheckLevel = 4;
 
 // What the engine found out about one container stream. Times are ClipTicks (100 ns) or
 // kNoTime.

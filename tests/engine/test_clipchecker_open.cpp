@@ -1,3 +1,4 @@
+#include <atomic>
 #include <filesystem>
 #include <string>
 #include <tuple>
@@ -143,6 +144,25 @@ TEST(ClipCheckerOpen, ReopeningForgetsTheEarlierClip)
     EXPECT_EQ(checker.mediaFacts().streams.size(), 2U);
     EXPECT_TRUE(checker.issues().empty());
     EXPECT_TRUE(checker.result().opened);
+}
+
+// A level from a hand-written job or a foreign caller is brought to the nearest level there
+// is, and the result says which level ran.
+TEST(ClipCheckerOpen, ALevelOutsideOneToFourRunsTheNearestLevel)
+{
+    const std::pair<CheckLevel, CheckLevel> cases[] = {{-7, 1}, {0, 1}, {4, 4}, {5, 4}, {99, 4}};
+    for (const auto& [asked, ran] : cases) {
+        SCOPED_TRACE(asked);
+        const std::atomic<std::int32_t> stop{0};
+        ClipChecker checker;
+        ASSERT_TRUE(checker.Open(test::testClip("h264_aac.mp4").string(), asked, -1));
+        EXPECT_EQ(checker.Run(&stop), 1);
+        checker.Close();
+        EXPECT_EQ(checker.result().checkLevel, ran);
+        EXPECT_EQ(checker.result().score(), 5);
+        EXPECT_EQ(checker.result().facts.hash256.size(), ran >= 2 ? 64U : 0U)
+            << "levels from 2 on read and hash the file";
+    }
 }
 
 } // namespace
