@@ -43,7 +43,7 @@ std::uint64_t nextRequestId()
 } // namespace
 
 CheckRunner::CheckRunner(const TaskItem& item, CheckLevel level, int decoderThreadOption,
-                         const WorkerSpec& worker, const ClipCheckOptions& options)
+                         const WorkerLimits& worker, const ClipCheckOptions& options)
     : m_itemId(item.id()), m_path(item.path()),
       m_check(CheckRequest{nextRequestId(), item.path(), level, decoderThreadOption, options},
               worker)

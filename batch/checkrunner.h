@@ -31,7 +31,7 @@ struct CheckSettings
 {
     CheckLevel level = 3;
     ClipCheckOptions options;
-    WorkerSpec worker;
+    WorkerLimits worker;
 };
 CheckSettings loadCheckSettings(const std::string& settingsPath);
 
@@ -69,7 +69,7 @@ public:
     // worker: the check process's priority (idle for the window) and limits.
     // options: the limits of level 4 and the decoder threads (see ClipCheckOptions).
     CheckRunner(const TaskItem& item, CheckLevel level, int decoderThreadOption,
-                const WorkerSpec& worker = {}, const ClipCheckOptions& options = {});
+                const WorkerLimits& worker = {}, const ClipCheckOptions& options = {});
     // Stops the check: the stop flag, up to 2 s, then the forced abort, which kills the
     // check process. Returns within a few milliseconds of that.
     ~CheckRunner() override;

@@ -50,7 +50,8 @@ bool RunController::CheckSelected(std::int64_t row)
 
 void RunController::startRunner(TaskItem& item)
 {
-    const WorkerSpec worker{m_options.priority, m_options.memoryLimitBytes, m_options.hangTimeout};
+    const WorkerLimits worker{m_options.priority, m_options.memoryLimitBytes,
+                              m_options.hangTimeout};
     auto runner = std::make_unique<CheckRunner>(
         item, m_options.level, m_options.decoderThreadOption, worker, m_options.check);
     runner->setEndSignal(m_endSignal);

@@ -33,8 +33,8 @@ struct RunControllerOptions
     // Level 4's limits and the decoder threads of each check.
     ClipCheckOptions check{};
     // The limits of each check's process (batch/workerprocess.h).
-    std::uint64_t memoryLimitBytes = WorkerSpec{}.memoryLimitBytes;
-    std::chrono::milliseconds hangTimeout = WorkerSpec{}.hangTimeout;
+    std::uint64_t memoryLimitBytes = WorkerLimits{}.memoryLimitBytes;
+    std::chrono::milliseconds hangTimeout = WorkerLimits{}.hangTimeout;
 };
 
 // What one tick did, for the window (or the command line) to show.

@@ -264,8 +264,8 @@ WatchJobSettings loadWatchJobSettings(const std::string& path)
     settings.moveGood = readSettingNumber(path, kJobGoodMoveEnable) != 0;
     settings.moveBad = readSettingNumber(path, kJobBadMoveEnable) != 0;
     settings.settleSeconds = std::clamp(readSettingNumber(path, kJobSettleTime), 0, 24 * 3600);
-    // The classic integer read turns text into 0, "Any clip", which would let every clip
-    // into the GOOD folder; text without a number is out of range instead.
+    // A plain integer read would turn text into 0, "Any clip", and let every clip into the
+    // GOOD folder; text without a number is out of range instead.
     const std::string threshold =
         readProfileString(path, kJobGoodThreshold.section, kJobGoodThreshold.key, "");
     std::size_t digit = threshold.find_first_not_of(" \t");

@@ -47,7 +47,7 @@ struct WatchJobSettings
     CheckLevel checkLevel = 3;
     ClipCheckOptions check{};
     // The check processes: the job's own priority, and the limits of the settings.
-    WorkerSpec worker{kThreadPriorityNormal};
+    WorkerLimits worker{kThreadPriorityNormal};
     // "Settle.Time": the seconds a clip must stand unchanged before it is checked.
     int settleSeconds = 5;
 
@@ -68,7 +68,7 @@ bool isGoodClip(QcScore score, int goodThreshold);
 // Reads the seven "Job00" keys of the settings file at path; a missing file, section or
 // key gives the defaults above. Flags are on for any non-zero number. A threshold value
 // without a number in it (text) reads as -1, out of range, rather than as 0 "Any clip"
-// as the classic integer read would have it.
+// as a plain integer read would have it.
 WatchJobSettings loadWatchJobSettings(const std::string& path);
 // Writes the seven keys, in the order "Enabled", "Source.Folder", "Good.QCTsh",
 // "Good.Move.Enable", "Good.Move.Folder", "Bad.Move.Enable", "Bad.Move.Folder"; flags as

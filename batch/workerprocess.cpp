@@ -173,14 +173,15 @@ private:
 class WorkerProcess
 {
 public:
-    WorkerProcess(pid_t pid, int fd, WorkerSpec spec) : m_pid(pid), m_fd(fd), m_spec(spec) {}
+    WorkerProcess(pid_t pid, int fd, WorkerLimits limits) : m_pid(pid), m_fd(fd), m_limits(limits)
+    {}
     ~WorkerProcess() { ::close(m_fd); }
     WorkerProcess(const WorkerProcess&) = delete;
     WorkerProcess& operator=(const WorkerProcess&) = delete;
 
     pid_t pid() const { return m_pid; }
     int fd() const { return m_fd; }
-    const WorkerSpec& spec() const { return m_spec; }
+    const WorkerLimits& limits() const { return m_limits; }
     FrameReader& reader() { return m_reader; }
     bool checkedBefore = false;
 
@@ -233,7 +234,7 @@ public:
 private:
     const pid_t m_pid;
     const int m_fd;
-    const WorkerSpec m_spec;
+    const WorkerLimits m_limits;
     FrameReader m_reader;
 };
 
@@ -250,8 +251,8 @@ public:
         return *pool;
     }
 
-    // An idle worker of that spec, or a new one (waiting for its Ready, abortable).
-    std::unique_ptr<WorkerProcess> take(const WorkerSpec& spec, const std::atomic<bool>& abort,
+    // An idle worker under those limits, or a new one (waiting for its Ready, abortable).
+    std::unique_ptr<WorkerProcess> take(const WorkerLimits& limits, const std::atomic<bool>& abort,
                                         std::string& error)
     {
         {
@@ -259,8 +260,8 @@ public:
             reapSome();
             for (auto it = m_idle.begin(); it != m_idle.end();) {
                 // The hang timeout is the program's own watch; the process does not know it.
-                if ((*it)->spec().priority != spec.priority ||
-                    (*it)->spec().memoryLimitBytes != spec.memoryLimitBytes) {
+                if ((*it)->limits().priority != limits.priority ||
+                    (*it)->limits().memoryLimitBytes != limits.memoryLimitBytes) {
                     ++it;
                     continue;
                 }
@@ -273,7 +274,7 @@ public:
                 endLocked(std::move(worker));
             }
         }
-        return start(spec, abort, error);
+        return start(limits, abort, error);
     }
 
     // A worker whose check ended normally: kept for the next check.
@@ -354,7 +355,7 @@ public:
     }
 
 private:
-    std::unique_ptr<WorkerProcess> start(const WorkerSpec& spec, const std::atomic<bool>& abort,
+    std::unique_ptr<WorkerProcess> start(const WorkerLimits& limits, const std::atomic<bool>& abort,
                                          std::string& error)
     {
         const std::string program = workerExecutable();
@@ -374,8 +375,8 @@ private:
             ::close(fds[1]);
             fds[1] = moved;
         }
-        const std::string memory = std::to_string(spec.memoryLimitBytes);
-        const std::string priority = std::to_string(spec.priority);
+        const std::string memory = std::to_string(limits.memoryLimitBytes);
+        const std::string priority = std::to_string(limits.priority);
         const std::string fd = std::to_string(kWorkerFd);
         const std::string parent = std::to_string(::getpid());
         const char* argv[] = {program.c_str(),  "--fd",     fd.c_str(),     "--parent",
@@ -412,7 +413,7 @@ private:
             error = program + ": " + std::strerror(rc);
             return nullptr;
         }
-        auto worker = std::make_unique<WorkerProcess>(pid, fds[0], spec);
+        auto worker = std::make_unique<WorkerProcess>(pid, fds[0], limits);
         {
             const std::lock_guard lock(m_lock);
             ++m_stats.started;
@@ -487,8 +488,8 @@ std::string workerExecutable()
     return {};
 }
 
-IsolatedCheck::IsolatedCheck(CheckRequest request, WorkerSpec spec)
-    : m_request(std::move(request)), m_spec(spec)
+IsolatedCheck::IsolatedCheck(CheckRequest request, WorkerLimits limits)
+    : m_request(std::move(request)), m_limits(limits)
 {
     m_snapshot.path = m_request.path;
     m_snapshot.checkLevel = m_request.level;
@@ -541,7 +542,7 @@ CheckOutcome IsolatedCheck::run(const std::atomic<std::int32_t>* stop)
 {
     std::string error;
     std::unique_ptr<WorkerProcess> worker =
-        m_abort.load() ? nullptr : WorkerPool::shared().take(m_spec, m_abort, error);
+        m_abort.load() ? nullptr : WorkerPool::shared().take(m_limits, m_abort, error);
     if (worker == nullptr && !m_abort.load()) {
         return fail(nullptr, "Check process could not be started: " + error, CheckEnd::NotStarted);
     }
@@ -639,13 +640,13 @@ CheckOutcome IsolatedCheck::relay(WorkerProcess& worker, const std::atomic<std::
                 m_snapshot.issues.add(QcIssueCategory::File, QcSeverity::Critical,
                                       QcStreamKind::None, -1,
                                       status < 0 ? "Check process ended unexpectedly"
-                                                 : endText(status, m_spec.memoryLimitBytes));
+                                                 : endText(status, m_limits.memoryLimitBytes));
                 return {CheckEnd::Failed, 0, m_snapshot};
             }
         }
-        if (m_spec.hangTimeout.count() > 0 && stall.stalled() >= m_spec.hangTimeout) {
+        if (m_limits.hangTimeout.count() > 0 && stall.stalled() >= m_limits.hangTimeout) {
             const auto seconds =
-                std::chrono::duration_cast<std::chrono::seconds>(m_spec.hangTimeout);
+                std::chrono::duration_cast<std::chrono::seconds>(m_limits.hangTimeout);
             return fail(std::move(owned), "Check process hung: no activity for " +
                                               std::to_string(seconds.count()) + " s");
         }

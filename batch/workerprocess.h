@@ -20,13 +20,13 @@ namespace tarvoqc {
 // it. Workers are long lived (one clip after another), shared through a pool, and replaced
 // when one dies.
 
-// The defaults of WorkerSpec: 4 GiB of memory per worker, far above what decoding any real
+// The defaults of WorkerLimits: 4 GiB of memory per worker, far above what decoding any real
 // clip takes (an 8K picture is 200 MB), and 120 s without activity for a hang.
 inline constexpr std::uint64_t kDefaultWorkerMemoryMiB = 4096;
 inline constexpr std::chrono::seconds kDefaultHangTimeout{120};
 
 // How the workers of a check run.
-struct WorkerSpec
+struct WorkerLimits
 {
     // The worker process's priority (kThreadPriority...): idle for the window and the watch
     // job, normal for the command line.
@@ -37,7 +37,7 @@ struct WorkerSpec
     // the worker spent waiting for a processor, is ended as hung; zero: never.
     std::chrono::milliseconds hangTimeout{kDefaultHangTimeout};
 
-    bool operator==(const WorkerSpec&) const = default;
+    bool operator==(const WorkerLimits&) const = default;
 };
 
 // The worker program: $TARVOQC_WORKER when set, else "tarvoqc-worker" beside the running
@@ -80,7 +80,7 @@ struct CheckOutcome
 class IsolatedCheck
 {
 public:
-    IsolatedCheck(CheckRequest request, WorkerSpec spec);
+    IsolatedCheck(CheckRequest request, WorkerLimits limits);
     // Must not be destroyed while run() runs.
     ~IsolatedCheck();
     IsolatedCheck(const IsolatedCheck&) = delete;
@@ -117,7 +117,7 @@ private:
                        std::unique_ptr<WorkerProcess>& owned);
 
     const CheckRequest m_request;
-    const WorkerSpec m_spec;
+    const WorkerLimits m_limits;
     std::atomic<std::int32_t> m_progress{0};
     std::atomic<bool> m_abort{false};
 

@@ -201,7 +201,7 @@ void MainWindow::createGrid()
     m_grid->setTextElideMode(Qt::ElideMiddle);
     QHeaderView* header = m_grid->header();
     header->setSectionResizeMode(TaskListModel::PathColumn, QHeaderView::Stretch);
-    // At least the described 80 pixels, and wide enough for every status text.
+    // At least 80 pixels, and wide enough for every status text.
     const QFontMetrics metrics = m_grid->fontMetrics();
     header->resizeSection(TaskListModel::StatusColumn,
                           std::max({80, metrics.horizontalAdvance(QStringLiteral("1/5 Very BAD")),
@@ -634,7 +634,7 @@ void MainWindow::stopRun()
     if (controllerIdle()) {
         return;
     }
-    // The described stop of the runner, then its forced abort; a new controller starts
+    // The runner's stop, then its forced abort; a new controller starts
     // from Idle. The clip being checked keeps no result.
     m_controller.reset();
     m_controller = makeController();

@@ -81,7 +81,7 @@ struct MainWindowOptions
     bool hide = false;            // never shown
     CheckLevel level = 3;
     ClipCheckOptions check{}; // level 4's limits; the decoder threads stay the window's option
-    WorkerSpec worker{};      // the check processes' limits; they run at idle priority
+    WorkerLimits worker{};    // the check processes' limits; they run at idle priority
 };
 
 // The program's working window: the task grid over the TaskList, the issues and facts of

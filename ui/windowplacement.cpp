@@ -18,7 +18,8 @@ constexpr std::size_t kMaxPlacementNumbers = 8;
 
 QRect centredOn(const QRect& area, const QSize& size)
 {
-    // Truncating divisions as the classic rule has them, never left of or above 0.
+    // Truncating divisions, so that a placement saved before lands on the same pixel;
+    // never left of or above 0.
     const int x = (area.left() + area.left() + area.width()) / 2 - size.width() / 2;
     const int y = (area.top() + area.top() + area.height()) / 2 - size.height() / 2;
     return {std::max(0, x), std::max(0, y), size.width(), size.height()};

@@ -31,7 +31,7 @@ template <typename T> bool parseNumber(const char* text, T& value)
 int probe()
 {
     WorkerConfig config;
-    config.memoryLimitBytes = WorkerSpec{}.memoryLimitBytes;
+    config.memoryLimitBytes = WorkerLimits{}.memoryLimitBytes;
     const WorkerReady ready = restrictWorker(config);
     std::printf("memory limit: %s\nno new privileges: %s\nsystem-call filter: %s\n",
                 ready.memoryLimited ? "on" : "off", ready.noNewPrivileges ? "on" : "off",

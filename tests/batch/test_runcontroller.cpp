@@ -207,7 +207,7 @@ TEST(CheckRunner, DestroyedAtRandomMomentsOfARealCheck)
         SCOPED_TRACE(delay);
         const auto start = Clock::now();
         {
-            CheckRunner runner(list.item(0), 3, -1, WorkerSpec{kThreadPriorityNormal});
+            CheckRunner runner(list.item(0), 3, -1, WorkerLimits{kThreadPriorityNormal});
             runner.StartCheck();
             std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         }

@@ -218,7 +218,7 @@ TEST(IsolatedCheck, GivesExactlyTheResultOfACheckInTheProgramsOwnProcess)
             checker.Close();
 
             IsolatedCheck isolated({++id, clip.string(), level, -1, {}},
-                                   WorkerSpec{kThreadPriorityNormal});
+                                   WorkerLimits{kThreadPriorityNormal});
             const CheckOutcome outcome = isolated.run(&stop);
             ASSERT_EQ(outcome.end, CheckEnd::Done);
             EXPECT_EQ(outcome.runCode, runCode);
@@ -259,9 +259,9 @@ TEST(IsolatedCheck, AWorkerThatFailsCostsOneClip)
         // One second of silence is a hang only where a hang is what the case is about: a
         // sanitizer's own work at a worker's end must not be mistaken for one.
         const bool hang = std::string_view(marker) == "hang-here";
-        const WorkerSpec spec{kThreadPriorityNormal, 256ULL << 20, hang ? 1s : 30s};
+        const WorkerLimits limits{kThreadPriorityNormal, 256ULL << 20, hang ? 1s : 30s};
         const auto start = Clock::now();
-        IsolatedCheck failing({++id, clip, 3, -1, {}}, spec);
+        IsolatedCheck failing({++id, clip, 3, -1, {}}, limits);
         const CheckOutcome outcome = failing.run(nullptr);
         EXPECT_LT(secondsSince(start), seconds);
         EXPECT_EQ(outcome.end, CheckEnd::Failed);
@@ -272,7 +272,7 @@ TEST(IsolatedCheck, AWorkerThatFailsCostsOneClip)
         EXPECT_EQ(outcome.result.path, clip);
 
         const std::uint64_t startedBefore = workerPoolStats().started;
-        IsolatedCheck next({++id, good, 3, -1, {}}, spec);
+        IsolatedCheck next({++id, good, 3, -1, {}}, limits);
         const CheckOutcome after = next.run(nullptr);
         EXPECT_EQ(after.end, CheckEnd::Done);
         EXPECT_EQ(after.result.score(), 5);
@@ -286,10 +286,10 @@ TEST(IsolatedCheck, AWorkerThatFailsCostsOneClip)
 TEST(IsolatedCheck, StopEndsTheCheckAndAbortKillsItsWorker)
 {
     const std::string clip = test::testClip("long.ts").string();
-    const WorkerSpec spec{kThreadPriorityNormal};
+    const WorkerLimits limits{kThreadPriorityNormal};
 
     std::atomic<std::int32_t> stop{0};
-    IsolatedCheck stopped({1, clip, 4, -1, {}}, spec);
+    IsolatedCheck stopped({1, clip, 4, -1, {}}, limits);
     std::thread stopper([&] {
         while (stopped.progress() == 0) {
             std::this_thread::sleep_for(1ms);
@@ -302,7 +302,7 @@ TEST(IsolatedCheck, StopEndsTheCheckAndAbortKillsItsWorker)
     EXPECT_EQ(outcome.runCode, 1);
     EXPECT_EQ(outcome.result.facts.hash256.size(), 64U) << "the file is still hashed";
 
-    IsolatedCheck aborted({2, clip, 4, -1, {}}, spec);
+    IsolatedCheck aborted({2, clip, 4, -1, {}}, limits);
     pid_t pid = 0;
     std::thread aborter([&] {
         while ((pid = aborted.workerPid()) == 0 || aborted.progress() == 0) {
@@ -327,7 +327,7 @@ TEST(IsolatedCheck, StopEndsTheCheckAndAbortKillsItsWorker)
     }
     EXPECT_TRUE(gone()) << "the worker is killed";
 
-    IsolatedCheck never({3, clip, 4, -1, {}}, spec);
+    IsolatedCheck never({3, clip, 4, -1, {}}, limits);
     never.abort();
     EXPECT_EQ(never.run(nullptr).end, CheckEnd::Aborted);
 }
@@ -345,7 +345,7 @@ TEST(IsolatedCheck, WithoutAWorkerProgramTheClipSaysSo)
         SCOPED_TRACE(program);
         closeIdleWorkers();
         ::setenv(kWorkerVariable, program, 1);
-        IsolatedCheck check({1, clip, 3, -1, {}}, WorkerSpec{});
+        IsolatedCheck check({1, clip, 3, -1, {}}, WorkerLimits{});
         const CheckOutcome outcome = check.run(nullptr);
         EXPECT_EQ(outcome.end, CheckEnd::NotStarted);
         ASSERT_EQ(outcome.result.issues.size(), 1U);
