@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "engine/checkoptions.h"
+#include "results/checkdefaults.h"
 #include "results/qcresult.h"
 
 namespace tarvoqc {
@@ -43,7 +44,7 @@ struct CheckRequest
 {
     std::uint64_t id = 0; // chosen by the program; echoed in every reply
     std::string path;
-    CheckLevel level = 3;
+    CheckLevel level = kDefaultCheckLevel;
     int decoderThreadOption = 0;
     ClipCheckOptions options;
 

@@ -13,6 +13,7 @@
 #include "batch/workerthread.h"
 #include "engine/checkoptions.h"
 #include "engine/clipchecker.h" // kProgressMax, the unit of progress()
+#include "results/checkdefaults.h"
 #include "results/qcresult.h"
 
 namespace tarvoqc {
@@ -29,7 +30,7 @@ class TaskItem;
 // caller's.
 struct CheckSettings
 {
-    CheckLevel level = 3;
+    CheckLevel level = kDefaultCheckLevel;
     ClipCheckOptions options;
     WorkerLimits worker;
 };

@@ -10,6 +10,7 @@
 
 #include "batch/checkrunner.h"
 #include "batch/tasklist.h"
+#include "results/checkdefaults.h"
 
 namespace tarvoqc {
 
@@ -24,7 +25,7 @@ inline constexpr std::uint32_t kBusyBackColour = 0xFFA0A0;
 
 struct RunControllerOptions
 {
-    CheckLevel level = 3;
+    CheckLevel level = kDefaultCheckLevel;
     int decoderThreadOption = 2; // the window's choice; batch runs pass -1
     std::size_t maxRunners = 1;  // clips checked at once: 1 in the window
     // The check processes' priority: idle in the window, so the desktop never waits for a

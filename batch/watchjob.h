@@ -16,6 +16,7 @@
 #include "batch/watchclaims.h"
 #include "batch/workerprocess.h"
 #include "engine/checkoptions.h"
+#include "results/checkdefaults.h"
 #include "results/qcissue.h"
 #include "results/qcresult.h"
 
@@ -40,16 +41,16 @@ struct WatchJobSettings
     // "Good.QCTsh": 0 "Any clip" (every checked clip is GOOD), 1..5 the lowest QcScore that
     // is GOOD. Any other value is kept as it is (the dialog shows no choice for it) and
     // makes no clip GOOD: a threshold nobody picked never lets a clip into the GOOD folder.
-    int goodThreshold = 3;
+    int goodThreshold = kDefaultGoodThreshold;
     // How deep each clip is checked (CheckLevel), and level 4's limits. Not among the seven
     // keys: the program's check settings (loadCheckSettings) set them; load leaves the
     // defaults.
-    CheckLevel checkLevel = 3;
+    CheckLevel checkLevel = kDefaultCheckLevel;
     ClipCheckOptions check{};
     // The check processes: the job's own priority, and the limits of the settings.
     WorkerLimits worker{kThreadPriorityNormal};
     // "Settle.Time": the seconds a clip must stand unchanged before it is checked.
-    int settleSeconds = 5;
+    int settleSeconds = kDefaultSettleSeconds;
 
     bool operator==(const WatchJobSettings&) const = default;
 };

@@ -12,6 +12,7 @@
 
 #include "batch/checkprotocol.h"
 #include "batch/workerthread.h"
+#include "results/checkdefaults.h"
 
 namespace tarvoqc {
 
@@ -20,11 +21,6 @@ namespace tarvoqc {
 // it. Workers are long lived (one clip after another), shared through a pool, and replaced
 // when one dies.
 
-// The defaults of WorkerLimits: 4 GiB of memory per worker, far above what decoding any real
-// clip takes (an 8K picture is 200 MB), and 120 s without activity for a hang.
-inline constexpr std::uint64_t kDefaultWorkerMemoryMiB = 4096;
-inline constexpr std::chrono::seconds kDefaultHangTimeout{120};
-
 // How the workers of a check run.
 struct WorkerLimits
 {
@@ -32,10 +28,10 @@ struct WorkerLimits
     // job, normal for the command line.
     int priority = kThreadPriorityIdle;
     // Most memory a worker may use for data, in bytes; 0 for no limit.
-    std::uint64_t memoryLimitBytes = kDefaultWorkerMemoryMiB * 1024 * 1024;
+    std::uint64_t memoryLimitBytes = std::uint64_t{kDefaultWorkerMemoryMiB} << 20;
     // A check whose activity (reads and packets) stands still this long, not counting time
     // the worker spent waiting for a processor, is ended as hung; zero: never.
-    std::chrono::milliseconds hangTimeout{kDefaultHangTimeout};
+    std::chrono::milliseconds hangTimeout = std::chrono::seconds(kDefaultHangTimeoutSeconds);
 
     bool operator==(const WorkerLimits&) const = default;
 };

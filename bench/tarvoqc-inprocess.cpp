@@ -15,13 +15,14 @@
 #include <vector>
 
 #include "engine/clipchecker.h"
+#include "results/checkdefaults.h"
 
 using namespace tarvoqc;
 
 int main(int argc, char** argv)
 {
     int jobs = 1;
-    int level = 3;
+    int level = kDefaultCheckLevel;
     std::vector<std::string> paths;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];

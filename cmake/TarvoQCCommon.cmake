@@ -45,7 +45,7 @@ endfunction()
 # line, before it can grow into a dependency nobody chose.
 function(tarvoqc_enforce_layers)
     set(_below_files "files")
-    set(_below_settings "files;settings")
+    set(_below_settings "files;results;settings")
     set(_below_results "files;results")
     set(_below_report "files;results;report")
     set(_below_engine "files;results;engine")

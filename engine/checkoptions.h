@@ -2,6 +2,8 @@
 
 #include <optional>
 
+#include "results/checkdefaults.h"
+
 namespace tarvoqc {
 
 // How a ClipChecker checks, beyond the check level: the limits of the picture and sound
@@ -10,9 +12,9 @@ namespace tarvoqc {
 struct ClipCheckOptions
 {
     // Level 4's loudness limits: the usual broadcast values unless a rule names others.
-    double loudnessTarget = -23.0;  // integrated loudness, LUFS
-    double loudnessTolerance = 1.0; // LU either side of the target
-    double truePeakLimit = -1.0;    // dBTP
+    double loudnessTarget = kDefaultLoudnessTarget;       // integrated loudness, LUFS
+    double loudnessTolerance = kDefaultLoudnessTolerance; // LU either side of the target
+    double truePeakLimit = kDefaultTruePeakLimit;         // dBTP
     // Threads per decoder (frame and slice threads) and per detector graph. 0 leaves them
     // to the decoder thread option of Open (below 0 one thread, otherwise the library's
     // choice); a positive number is used as it stands.

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "report/reportdata.h"
+#include "results/checkdefaults.h"
 #include "results/scorecolours.h"
 
 namespace tarvoqc::report {
@@ -16,7 +17,7 @@ struct ReportView
     const ClipSet* clips = nullptr;
     const ClipSet* baseline = nullptr;
     const Comparison* comparison = nullptr;
-    QcScore threshold = 3;
+    QcScore threshold = kDefaultGoodThreshold;
 };
 
 // A packed 0x00BBGGRR colour as CSS "#RRGGBB".

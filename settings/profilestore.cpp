@@ -774,10 +774,7 @@ double readSettingDecimal(const std::string& path, const SettingKey& setting)
         return ec == std::errc{} && end == text.data() + text.size() && std::isfinite(out);
     };
     double value = 0.0;
-    if (parse(readSettingText(path, setting), value) || parse(setting.defaultText, value)) {
-        return value;
-    }
-    return 0.0;
+    return parse(readSettingText(path, setting), value) ? value : setting.defaultDecimal;
 }
 
 } // namespace tarvoqc

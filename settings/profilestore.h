@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "results/checkdefaults.h"
+
 namespace tarvoqc {
 
 // ---------------------------------------------------------------------------------------
@@ -56,43 +58,45 @@ struct SettingKey
     std::string_view section;
     std::string_view key;
     SettingType type;
-    // Text: the default text. Decimal: the default number as text. Folder: the default
-    // sub-folder below the program folder (empty: the program folder itself).
+    // Text: the default text. Folder: the default sub-folder below the program folder
+    // (empty: the program folder itself).
     std::string_view defaultText;
     // Flag and Integer: the default number.
     int defaultNumber;
+    // Decimal: the default number.
+    double defaultDecimal;
 };
 
 inline constexpr std::size_t kFolderSlotCount = 6;
 
 inline constexpr std::array<SettingKey, 20> kSettingKeys = {{
     // Folder memory of the open dialogs; row i is slot i.
-    {kSectionOptions, "Default Folder", SettingType::Folder, "", 0},
-    {kSectionOptions, "Folder Clips", SettingType::Folder, "", 0},
-    {kSectionOptions, "Folder Playlist", SettingType::Folder, "", 0},
-    {kSectionOptions, "Folder Program", SettingType::Folder, "", 0},
-    {kSectionOptions, "Folder Jingle", SettingType::Folder, "", 0},
-    {kSectionOptions, "Folder Vly", SettingType::Folder, "", 0},
+    {kSectionOptions, "Default Folder", SettingType::Folder, "", 0, 0},
+    {kSectionOptions, "Folder Clips", SettingType::Folder, "", 0, 0},
+    {kSectionOptions, "Folder Playlist", SettingType::Folder, "", 0, 0},
+    {kSectionOptions, "Folder Program", SettingType::Folder, "", 0, 0},
+    {kSectionOptions, "Folder Jingle", SettingType::Folder, "", 0, 0},
+    {kSectionOptions, "Folder Vly", SettingType::Folder, "", 0, 0},
     // The watch job, in the order its keys are written.
-    {kSectionJob, "Enabled", SettingType::Flag, "", 0},
-    {kSectionJob, "Source.Folder", SettingType::Text, "", 0},
-    {kSectionJob, "Good.QCTsh", SettingType::Integer, "", 3},
-    {kSectionJob, "Good.Move.Enable", SettingType::Flag, "", 0},
-    {kSectionJob, "Good.Move.Folder", SettingType::Text, "", 0},
-    {kSectionJob, "Bad.Move.Enable", SettingType::Flag, "", 0},
-    {kSectionJob, "Bad.Move.Folder", SettingType::Text, "", 0},
+    {kSectionJob, "Enabled", SettingType::Flag, "", 0, 0},
+    {kSectionJob, "Source.Folder", SettingType::Text, "", 0, 0},
+    {kSectionJob, "Good.QCTsh", SettingType::Integer, "", kDefaultGoodThreshold, 0},
+    {kSectionJob, "Good.Move.Enable", SettingType::Flag, "", 0, 0},
+    {kSectionJob, "Good.Move.Folder", SettingType::Text, "", 0, 0},
+    {kSectionJob, "Bad.Move.Enable", SettingType::Flag, "", 0, 0},
+    {kSectionJob, "Bad.Move.Folder", SettingType::Text, "", 0, 0},
     // How the window and the watch job check: the check level, and the limits of level 4
     // (LUFS, LU, dBTP).
-    {kSectionOptions, "Check.Level", SettingType::Integer, "", 3},
-    {kSectionOptions, "Loudness.Target", SettingType::Decimal, "-23", 0},
-    {kSectionOptions, "Loudness.Tolerance", SettingType::Decimal, "1", 0},
-    {kSectionOptions, "TruePeak.Limit", SettingType::Decimal, "-1", 0},
+    {kSectionOptions, "Check.Level", SettingType::Integer, "", kDefaultCheckLevel, 0},
+    {kSectionOptions, "Loudness.Target", SettingType::Decimal, "", 0, kDefaultLoudnessTarget},
+    {kSectionOptions, "Loudness.Tolerance", SettingType::Decimal, "", 0, kDefaultLoudnessTolerance},
+    {kSectionOptions, "TruePeak.Limit", SettingType::Decimal, "", 0, kDefaultTruePeakLimit},
     // The limits of each check's process: memory (MiB, 0 none) and the time without
     // activity after which a check counts as hung (s, 0 never).
-    {kSectionOptions, "Check.MaxMemory", SettingType::Integer, "", 4096},
-    {kSectionOptions, "Check.HangTimeout", SettingType::Integer, "", 120},
+    {kSectionOptions, "Check.MaxMemory", SettingType::Integer, "", kDefaultWorkerMemoryMiB, 0},
+    {kSectionOptions, "Check.HangTimeout", SettingType::Integer, "", kDefaultHangTimeoutSeconds, 0},
     // The seconds a clip must stand unchanged in the watched folder before it is checked.
-    {kSectionJob, "Settle.Time", SettingType::Integer, "", 5},
+    {kSectionJob, "Settle.Time", SettingType::Integer, "", kDefaultSettleSeconds, 0},
 }};
 
 inline constexpr std::size_t kFolderClipsSlot = 1; // the main window's "Open Clips"

@@ -9,6 +9,7 @@
 
 #include "batch/runcontroller.h"
 #include "batch/tasklist.h"
+#include "results/checkdefaults.h"
 #include "ui/controlkit.h"
 
 class QActionGroup;
@@ -79,7 +80,7 @@ struct MainWindowOptions
 {
     bool commandLineMode = false; // checking starts at once and the window closes when done
     bool hide = false;            // never shown
-    CheckLevel level = 3;
+    CheckLevel level = kDefaultCheckLevel;
     ClipCheckOptions check{}; // level 4's limits; the decoder threads stay the window's option
     WorkerLimits worker{};    // the check processes' limits; they run at idle priority
 };

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "results/checkdefaults.h"
+
 namespace tarvoqc::check {
 
 // What the command line of tarvoqc-check asks for.
@@ -12,18 +14,18 @@ struct CheckOptions
     std::vector<std::string> paths; // clips, folders and .qcin job files, in order
     std::string output;             // -o: result document path; empty = none
     bool json = false;
-    int level = 3;
+    int level = kDefaultCheckLevel;
     int jobs = 1;    // 0 = one per core
     int threads = 0; // decoder threads per clip; 0 = the cores that the clips leave
-    int threshold = 3;
+    int threshold = kDefaultGoodThreshold;
     // Level 4's limits.
-    double loudnessTarget = -23.0;  // LUFS
-    double loudnessTolerance = 1.0; // LU
-    double truePeakLimit = -1.0;    // dBTP
+    double loudnessTarget = kDefaultLoudnessTarget;       // LUFS
+    double loudnessTolerance = kDefaultLoudnessTolerance; // LU
+    double truePeakLimit = kDefaultTruePeakLimit;         // dBTP
     // The limits of each check's process: memory in MiB (0 none) and the seconds without
     // activity after which a check counts as hung (0 never).
-    int maxMemoryMiB = 4096;
-    int hangTimeout = 120;
+    int maxMemoryMiB = kDefaultWorkerMemoryMiB;
+    int hangTimeout = kDefaultHangTimeoutSeconds;
     // Whether any of the three was given: they are then a delivery rule that grades
     // loudness, the others keeping their defaults; otherwise loudness is information.
     bool loudnessRule = false;

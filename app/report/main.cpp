@@ -14,6 +14,7 @@
 #include "files/fileio.h"
 #include "report/reportdata.h"
 #include "report/reportoutput.h"
+#include "results/checkdefaults.h"
 #include "results/textcodec.h"
 #include "tarvoqc/version.h"
 
@@ -33,7 +34,7 @@ struct ReportOptions
     std::string csv;
     std::string html;
     std::string title = "Tarvo Quality Check report";
-    int threshold = 3;
+    int threshold = kDefaultGoodThreshold;
     int worst = 10;
     bool quiet = false;
     bool version = false;
