@@ -161,15 +161,12 @@ public:
         line += counts;
         // Cut and padded by characters, never inside one.
         std::string name = check::escapeControl(std::filesystem::path(path).filename().string());
-        std::size_t chars = utf8Length(name);
         if (nameRoom >= 4) {
-            if (chars > nameRoom) {
+            if (utf8Length(name) > nameRoom) {
                 name = cutUtf8(name, nameRoom - 3) + "...";
-                chars = nameRoom;
             }
-            line += " " + name;
-        } else {
-            chars = 0;
+            line += ' ';
+            line += name;
         }
         std::size_t drawn = utf8Length(line);
         if (drawn > width) {

@@ -17,6 +17,13 @@ constexpr std::size_t kMaxPathListBytes = std::size_t{256} << 20;
 
 int g_firstError = 0; // errno of the first failed write; 0 while all went through
 
+// The text of an errno value (the thread-safe form of strerror; GNU's returns the text).
+std::string errorText(int number)
+{
+    char buffer[256];
+    return ::strerror_r(number, buffer, sizeof buffer);
+}
+
 void noteError()
 {
     if (g_firstError == 0) {
@@ -67,7 +74,7 @@ bool closeStandardOutput(std::string_view program)
         return true;
     }
     std::fprintf(stderr, "%.*s: cannot write standard output: %s\n",
-                 static_cast<int>(program.size()), program.data(), std::strerror(g_firstError));
+                 static_cast<int>(program.size()), program.data(), errorText(g_firstError).c_str());
     return false;
 }
 
@@ -77,7 +84,7 @@ bool readPathList(const std::string& name, bool nulSeparated, std::vector<std::s
     const bool standardInput = name == "-";
     const int fd = standardInput ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
-        why = std::strerror(errno);
+        why = errorText(errno);
         return false;
     }
     std::string text;
@@ -89,7 +96,7 @@ bool readPathList(const std::string& name, bool nulSeparated, std::vector<std::s
             continue;
         }
         if (got < 0) {
-            why = std::strerror(errno);
+            why = errorText(errno);
             ok = false;
             break;
         }

@@ -142,17 +142,18 @@ TEST(UnixTool, AStopSignalEndsAFolderRunCleanly)
     const std::string inputs = " '" + (dir / "a").string() + "' '" + (dir / "3-hang.mxf").string() +
                                "' '" + (dir / "b").string() + "'";
     const std::string document = (dir / "run.qcout").string();
+    const std::string run = "$CHECK -l1 --hang-timeout 0 -o '" + document + "'" + inputs +
+                            " > \"$OUT\" & pid=$!\n"
+                            "i=0; while [ \"$(grep -c '^5/5 OK' \"$OUT\")\" -lt 2 ] && "
+                            "[ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done\n"
+                            "sleep 0.3; kill -$SIGNAL $pid; wait $pid; status=$?; cat \"$OUT\"; "
+                            "exit $status";
     for (const char* signal : {"INT", "TERM"}) {
         SCOPED_TRACE(signal);
         fs::remove(document);
         const test::CommandResult r =
-            shell("$CHECK -l1 --hang-timeout 0 -o '" + document + "'" + inputs +
-                      " > \"$OUT\" & pid=$!\n"
-                      "i=0; while [ \"$(grep -c '^5/5 OK' \"$OUT\")\" -lt 2 ] && [ $i -lt 600 ]; "
-                      "do sleep 0.1; i=$((i+1)); done\n"
-                      "sleep 0.3; kill -" +
-                      signal + " $pid; wait $pid; status=$?; cat \"$OUT\"; exit $status",
-                  {"TARVOQC_WORKER_FAULT=hang:3-hang", "OUT=" + (dir / "out").string()});
+            shell(run, {"TARVOQC_WORKER_FAULT=hang:3-hang", "OUT=" + (dir / "out").string(),
+                        std::string("SIGNAL=") + signal});
         EXPECT_EQ(r.status, 2) << r.out << r.err;
         EXPECT_NE(r.out.find("2 clips checked at level 1: 2 at or above"), std::string::npos)
             << r.out;
@@ -183,11 +184,13 @@ TEST(UnixTool, ProgressLineFitsTheTerminal)
     fs::copy_file(test::testClip("mpeg2_pcm.mxf"), path);
     const std::pair<std::string, std::size_t> terminals[] = {
         {"stty cols 80 rows 24; ", 80}, {"stty cols 0 rows 0; COLUMNS=50 ", 50}};
+    const std::string run =
+        std::string("'") + TARVOQC_CHECK_EXE + "' -l2 '" + path + "' '" + path + "'";
     for (const auto& [setup, columns] : terminals) {
         SCOPED_TRACE(columns);
-        const test::CommandResult r = test::runCommand(
-            {"script", "-qec",
-             setup + "'" + TARVOQC_CHECK_EXE + "' -l2 '" + path + "' '" + path + "'", "/dev/null"});
+        std::string command = setup;
+        command += run;
+        const test::CommandResult r = test::runCommand({"script", "-qec", command, "/dev/null"});
         EXPECT_EQ(r.status, 0) << r.err;
         ASSERT_NE(r.out.find("nnn..."), std::string::npos) << r.out; // the bar was drawn
         std::size_t longest = 0;
