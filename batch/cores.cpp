@@ -39,7 +39,7 @@ std::optional<unsigned> quotaCores(long long quota, long long period)
     if (quota <= 0 || period <= 0) {
         return std::nullopt;
     }
-    const long long cores = (quota + period - 1) / period;
+    const long long cores = quota / period + (quota % period != 0 ? 1 : 0);
     return static_cast<unsigned>(std::clamp<long long>(cores, 1, 1 << 16));
 }
 

@@ -142,7 +142,8 @@ TEST(UnixTool, AStopSignalEndsAFolderRunCleanly)
     const std::string inputs = " '" + (dir / "a").string() + "' '" + (dir / "3-hang.mxf").string() +
                                "' '" + (dir / "b").string() + "'";
     const std::string document = (dir / "run.qcout").string();
-    const std::string run = "$CHECK -l1 --hang-timeout 0 -o '" + document + "'" + inputs +
+    const std::string run = ": > \"$OUT\"; $CHECK -l1 --hang-timeout 0 -o '" + document + "'" +
+                            inputs +
                             " > \"$OUT\" & pid=$!\n"
                             "i=0; while [ \"$(grep -c '^5/5 OK' \"$OUT\")\" -lt 2 ] && "
                             "[ $i -lt 600 ]; do sleep 0.1; i=$((i+1)); done\n"
