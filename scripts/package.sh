@@ -37,7 +37,9 @@ target=$tmp/root
 mkdir -p "$target/var/lib/dpkg/info" "$target/var/lib/dpkg/updates"
 touch "$target/var/lib/dpkg/status"
 # The dependencies (FFmpeg, Qt) are those of this machine, not of the empty root.
-dpkg --root="$target" --force-depends --force-script-chrootless -i "${debs[@]}" >/dev/null 2>&1 ||
+not_root=()
+[[ $(id -u) -eq 0 ]] || not_root=(--force-not-root)
+dpkg --root="$target" --force-depends --force-script-chrootless "${not_root[@]}" -i "${debs[@]}" >/dev/null 2>&1 ||
     fail "dpkg could not install the packages into an empty root"
 for program in tarvoqc tarvoqc-check tarvoqc-report tarvoqc-watch tarvoqc-watchd; do
     [[ -x $target/usr/bin/$program ]] || fail "$program is not installed"
