@@ -23,6 +23,14 @@ endif()
 if(_tarvoqc_san)
     target_compile_options(tarvoqc_common INTERFACE ${_tarvoqc_san} -g)
     target_link_options(tarvoqc_common INTERFACE ${_tarvoqc_san})
+else()
+    # The hardening Debian builds its own packages with: checked string and memory
+    # functions (they need the optimiser), stack protection and a read-only relocation
+    # table bound at start (Debian's compilers make position-independent programs anyway).
+    target_compile_options(tarvoqc_common INTERFACE
+        $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>
+        -fstack-protector-strong -fstack-clash-protection -fcf-protection)
+    target_link_options(tarvoqc_common INTERFACE -Wl,-z,relro -Wl,-z,now)
 endif()
 
 # A folder's library: every source of the folder, linked to the layers below it.

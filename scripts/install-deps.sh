@@ -10,6 +10,7 @@ packages=(
     qt6-base-dev xvfb xauth
     clang clang-format clang-tidy libclang-rt-14-dev
     parallel chromium
+    lintian man-db appstream
 )
 
 missing=()

@@ -3,9 +3,12 @@
 # every host found into one report with tarvoqc-report.
 #
 # Each host needs tarvoqc-check installed and the clips at the same paths (shared
-# storage); the hosts are reached over ssh as GNU parallel does it. A tool error of
-# tarvoqc-check (exit 2, or ssh failing) is retried, on another host where there is one;
-# a verdict (exit 1: a clip below the threshold) is a result and is never retried.
+# storage); the hosts are reached over ssh as GNU parallel does it. Each host runs one
+# tarvoqc-check at a time on a batch of clips; that checker spreads the batch over the
+# host's own cores (its --jobs) and gives the cores left over to the decoders, so no host
+# runs more threads than it has cores. A tool error of tarvoqc-check (exit 2, or ssh
+# failing) is retried, on another host where there is one; a verdict (exit 1: a clip below
+# the threshold) is a result and is never retried.
 set -euo pipefail
 
 usage() {
@@ -13,11 +16,15 @@ usage() {
 Usage: parallel-check.sh [OPTIONS] LIST OUTDIR
   LIST                   clip paths, one per line ('-': standard input)
   OUTDIR                 gets results.jsonl, joblog, report.csv and report.html
-  -S, --sshloginfile F   hosts, in GNU parallel's --sshloginfile format
-                         (default: this machine only)
-      --sshlogin S       hosts as GNU parallel's -S takes them, e.g. "2/:" or "8/qc1,8/qc2"
-  -j, --jobs N           checks at the same time per host (default: one per core)
-  -n, --batch N          clips per tarvoqc-check call (default 1)
+  -S, --sshlogin S       hosts as GNU parallel's -S takes them, e.g. ':' (this
+                         machine) or "qc@render1,qc@render2" (default: this machine only);
+                         each host runs one checker at a time, which uses all its cores
+      --sshloginfile F   hosts from a file, one a line in the same form
+  -n, --batch N          clips per tarvoqc-check call (default 8)
+  -j, --jobs N           clips each checker checks at the same time (its --jobs;
+                         default 0: one per core the host lets it use)
+      --threads N        decoder threads per clip (its --threads; default: the host's
+                         cores divided among the clips it checks at once)
   -l, --level N          check level 1..4 (default 3)
   -t, --threshold N      lowest passing score 0..5 (default 3)
   -r, --retries N        tries per batch when the checker fails (default 3)
@@ -30,16 +37,18 @@ exit status: that of tarvoqc-report over all results (0 pass, 1 below the thresh
 EOF
 }
 
-hosts=() jobs=() batch=1 level=3 threshold=3 retries=3 resume=0
+hosts=() jobs=0 threads=0 batch=8 level=3 threshold=3 retries=3 resume=0
+number() { [[ $2 =~ ^[0-9]+$ ]] || { echo "parallel-check.sh: $1 needs a whole number, not '$2'" >&2; exit 2; }; }
 while [[ $# -gt 0 ]]; do
     case "$1" in
-        -S|--sshloginfile) hosts+=(--sshloginfile "$2"); shift 2 ;;
-        --sshlogin) hosts+=(-S "$2"); shift 2 ;;
-        -j|--jobs) jobs=(-j "$2"); shift 2 ;;
-        -n|--batch) batch=$2; shift 2 ;;
-        -l|--level) level=$2; shift 2 ;;
-        -t|--threshold) threshold=$2; shift 2 ;;
-        -r|--retries) retries=$2; shift 2 ;;
+        -S|--sshlogin) hosts+=(-S "$2"); shift 2 ;;
+        --sshloginfile) hosts+=(--sshloginfile "$2"); shift 2 ;;
+        -j|--jobs) number "$1" "$2"; jobs=$2; shift 2 ;;
+        --threads) number "$1" "$2"; threads=$2; shift 2 ;;
+        -n|--batch) number "$1" "$2"; batch=$2; shift 2 ;;
+        -l|--level) number "$1" "$2"; level=$2; shift 2 ;;
+        -t|--threshold) number "$1" "$2"; threshold=$2; shift 2 ;;
+        -r|--retries) number "$1" "$2"; retries=$2; shift 2 ;;
         --resume) resume=1; shift ;;
         -h|--help) usage; exit 0 ;;
         --) shift; break ;;
@@ -47,6 +56,7 @@ while [[ $# -gt 0 ]]; do
         *) break ;;
     esac
 done
+[[ $batch -ge 1 ]] || { echo "parallel-check.sh: --batch needs at least 1" >&2; exit 2; }
 [[ $# -eq 2 ]] || { usage >&2; exit 2; }
 list=$1 out=$2
 command -v parallel >/dev/null || { echo "parallel-check.sh: GNU parallel is not installed" >&2; exit 2; }
@@ -63,14 +73,14 @@ else
     rm -f "$out/joblog" "$out/results.jsonl"
 fi
 
-# The command each host runs: exit 1 of the checker becomes 0, so that only tool errors
+# The command each host runs, one at a time per host (-j 1, whatever a login's "N/" says): exit 1 of the checker becomes 0, so that only tool errors
 # count as failures for --retries. parallel quotes the checker and the paths for the
 # remote shell; the rest is plain sh.
-wrapped="$(printf '%q' "$check") --json --quiet --level $level -- {} ; s=\$? ; [ \$s -eq 1 ] && exit 0 ; exit \$s"
+wrapped="$(printf '%q' "$check") --json --quiet --level $level --jobs $jobs --threads $threads -- {} ; s=\$? ; [ \$s -eq 1 ] && exit 0 ; exit \$s"
 
 status=0
 parallel --keep-order --retries "$retries" --joblog "$out/joblog" "${redo[@]}" \
-    "${hosts[@]}" "${jobs[@]}" -N "$batch" "${input[@]}" "$wrapped" >>"$out/results.jsonl" ||
+    "${hosts[@]}" -j 1 -N "$batch" "${input[@]}" "$wrapped" >>"$out/results.jsonl" ||
     status=$?
 if [[ $status -ne 0 ]]; then
     # Column 7 of the joblog is the exit value; a failed batch's clips are not in the results.

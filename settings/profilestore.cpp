@@ -293,6 +293,17 @@ std::size_t slotIndex(int slot)
 
 // ---- Locations ------------------------------------------------------------------------
 
+bool underSystemPrefix(std::string_view folder)
+{
+    for (const std::string_view prefix :
+         {"/usr/", "/bin/", "/sbin/", "/lib/", "/lib64/", "/opt/", "/etc/", "/snap/"}) {
+        if (folder.substr(0, prefix.size()) == prefix) {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::string programFolder()
 {
     std::vector<char> buffer(4096);
@@ -320,8 +331,14 @@ std::string settingsFolderFor(const char* home, const std::string& programFolder
         return withSlash(home);
     }
     if (!programFolder.empty()) {
+        // A program installed under a system prefix (by a package, by `make install`) is
+        // shared by every user of the machine: a service started by root, which may write
+        // into /usr/bin, would otherwise leave its settings and logs there and point every
+        // other user at them. Only a copy that already carries its settings file there is
+        // portable.
         std::string ini = programFolder + std::string(kSettingsFileName);
-        if (::access(programFolder.c_str(), W_OK) == 0 || ::access(ini.c_str(), F_OK) == 0) {
+        if (::access(ini.c_str(), F_OK) == 0 ||
+            (!underSystemPrefix(programFolder) && ::access(programFolder.c_str(), W_OK) == 0)) {
             return programFolder;
         }
     }

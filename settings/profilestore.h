@@ -26,11 +26,15 @@ inline constexpr const char* kHomeVariable = "TARVOQC_HOME";
 std::string programFolder();
 
 // The settings folder, always with a trailing "/" (empty only when nothing at all is
-// known): $TARVOQC_HOME when set and not empty; else the program folder when it is
-// writable or already holds TarvoQC.ini (a portable install); else $XDG_CONFIG_HOME/TarvoQC/
-// when that variable is an absolute path; else ~/.config/TarvoQC/. The folder is not
-// created here; the first settings write creates it.
+// known): $TARVOQC_HOME when set and not empty; else the program folder when it already
+// holds TarvoQC.ini, or when it is writable and not under a system prefix (a portable copy);
+// else $XDG_CONFIG_HOME/TarvoQC/ when that variable is an absolute path; else
+// ~/.config/TarvoQC/. The folder is not created here; the first settings write creates it.
 std::string settingsFolder();
+// Whether a folder lies where installed programs live (/usr/, /opt/ and the like), shared
+// by every user of the machine.
+bool underSystemPrefix(std::string_view folder);
+
 // settingsFolder() + "TarvoQC.ini".
 std::string settingsPath();
 // settingsFolder() + "LogsQC/" (the daily log's folder; not created here).

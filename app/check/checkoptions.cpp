@@ -19,6 +19,9 @@ std::optional<CheckOptions> parseCheckOptions(const std::vector<std::string>& ar
     const std::vector<CommandLineOption> table = {
         {"o", "output", true, setText(o.output, "--output", "a file name")},
         {"", "json", false, setFlag(o.json)},
+        {"", "files-from", true,
+         addText(o.filesFrom, "--files-from", "a file name ('-': standard input)")},
+        {"0", "null", false, setFlag(o.nulSeparated)},
         {"l", "level", true, setWholeNumber(o.level, 1, 4, "--level")},
         {"", "loudness-target", true, loudness(o.loudnessTarget, -70.0, 0.0, "--loudness-target")},
         {"", "loudness-tolerance", true,
@@ -36,7 +39,13 @@ std::optional<CheckOptions> parseCheckOptions(const std::vector<std::string>& ar
     if (!parseCommandLine(args, table, o.paths, error)) {
         return std::nullopt;
     }
-    if (!o.help && !o.version && o.paths.empty()) {
+    for (const std::string& path : o.paths) {
+        if (path == "-") {
+            error = "'-' is no clip: give a list of clips on standard input with --files-from -";
+            return std::nullopt;
+        }
+    }
+    if (!o.help && !o.version && o.paths.empty() && o.filesFrom.empty()) {
         error = "no clip, folder or job file given (see --help)";
         return std::nullopt;
     }
@@ -53,6 +62,11 @@ std::string checkUsage()
            "  PATH                 a clip, a folder (scanned recursively for clip extensions) or "
            "a\n"
            "                       .qcin job file\n"
+           "      --files-from LIST\n"
+           "                       also check the paths listed in the file LIST, one a line\n"
+           "                       ('-': standard input; may be given more than once)\n"
+           "  -0, --null           the lists of --files-from end each path with a zero byte\n"
+           "                       (find -print0), so that any name passes\n"
            "  -o, --output FILE    write the result document (the job result document, UTF-16 "
            "XML)\n"
            "      --json           print one JSON object per clip on stdout (JSON Lines)\n"
@@ -79,8 +93,14 @@ std::string checkUsage()
            "      --version        print the version\n"
            "  -h, --help           print this help\n"
            "\n"
-           "Exit status: 0 all clips at or above the threshold, 1 at least one below,\n"
-           "2 usage or I/O error.\n";
+           "SIGINT (Ctrl-C) or SIGTERM stops the checks: the finished clips are printed with the\n"
+           "summary, the result document is written without results for the clips not\n"
+           "finished, and the exit status is 2.\n"
+           "\n"
+           "Exit status: 0 all clips at or above the threshold, 1 at least one below (a missing\n"
+           "or unreadable clip scores \"0/5 ERROR\"), 2 usage error, a list, job file, folder,\n"
+           "result document or standard output that could not be read or written, or a stop\n"
+           "by a signal.\n";
 }
 
 } // namespace tarvoqc::check

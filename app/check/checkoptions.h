@@ -13,6 +13,10 @@ struct CheckOptions
 {
     std::vector<std::string> paths; // clips, folders and .qcin job files, in order
     std::string output;             // -o: result document path; empty = none
+    // --files-from: lists of further paths, one a line ("-": standard input); with -0 each
+    // ended by a zero byte instead. Their paths follow those of the command line.
+    std::vector<std::string> filesFrom;
+    bool nulSeparated = false;
     bool json = false;
     int level = kDefaultCheckLevel;
     int jobs = 1;    // 0 = one per core

@@ -1,15 +1,22 @@
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "app/check/checkoptions.h"
 #include "app/check/checkoutput.h"
+#include "app/common/standardoutput.h"
+#include "batch/cores.h"
 #include "batch/resultdocument.h"
 #include "batch/runcontroller.h"
 #include "batch/tasklist.h"
@@ -94,8 +101,28 @@ std::size_t utf8Length(std::string_view text)
     return chars;
 }
 
+// The width of the terminal on standard error: its window size, else $COLUMNS, else 80.
+std::size_t terminalColumns()
+{
+    winsize size{};
+    if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
+        return size.ws_col;
+    }
+    // The environment is read, never changed, once the checks run.
+    if (const char* columns = std::getenv("COLUMNS")) { // NOLINT(concurrency-mt-unsafe)
+        char* end = nullptr;
+        const long value = std::strtol(columns, &end, 10);
+        if (end != columns && *end == '\0' && value > 0 && value < 10000) {
+            return static_cast<std::size_t>(value);
+        }
+    }
+    return 80;
+}
+
 // One line on standard error, redrawn in place: done/total, the mean progress of the
-// running checks, and the clip being checked.
+// running checks, and the clip being checked. It is fitted to the terminal's width (asked
+// at every redraw, so a resized window is followed) and never fills its last column: a
+// line that wraps would make every redraw a new line.
 class ProgressBar
 {
 public:
@@ -106,41 +133,96 @@ public:
         if (!m_enabled) {
             return;
         }
-        constexpr int kWidth = 30;
-        constexpr std::size_t kNameChars = 40;
+        constexpr std::size_t kMaxBar = 30;
+        constexpr std::size_t kMaxName = 40;
         const double fraction = total == 0 ? 1.0
                                            : (static_cast<double>(done) + progress / 100000.0) /
                                                  static_cast<double>(total);
-        const int filled = static_cast<int>(fraction * kWidth);
-        std::string bar(static_cast<std::size_t>(filled), '#');
-        bar.resize(kWidth, '-');
+        const std::string counts = std::to_string(static_cast<int>(fraction * 100)) + "% " +
+                                   std::to_string(done) + "/" + std::to_string(total);
+        const std::size_t width = terminalColumns() - 1;
+        // "[bar] " + "100% 3/10" + " name": the bar and the name share what the counts leave.
+        const std::size_t room = width > counts.size() + 1 ? width - counts.size() - 1 : 0;
+        std::size_t bar = std::min(kMaxBar, room / 2 > 3 ? room / 2 - 3 : 0);
+        if (bar < 5) {
+            bar = 0; // too narrow for a bar: the counts and the name only
+        }
+        const std::size_t barChars = bar > 0 ? bar + 3 : 0;
+        const std::size_t nameRoom = std::min(kMaxName, room - std::min(room, barChars));
+        std::string line;
+        if (bar > 0) {
+            const auto filled = static_cast<std::size_t>(fraction * static_cast<double>(bar));
+            line.reserve(bar + 3);
+            line += '[';
+            line.append(std::min(filled, bar), '#');
+            line.resize(bar + 1, '-');
+            line += "] ";
+        }
+        line += counts;
         // Cut and padded by characters, never inside one.
         std::string name = check::escapeControl(std::filesystem::path(path).filename().string());
-        std::size_t chars = utf8Length(name);
-        if (chars > kNameChars) {
-            name = cutUtf8(name, kNameChars - 3) + "...";
-            chars = kNameChars;
+        if (nameRoom >= 4) {
+            if (utf8Length(name) > nameRoom) {
+                name = cutUtf8(name, nameRoom - 3) + "...";
+            }
+            line += ' ';
+            line += name;
         }
-        name.append(kNameChars - chars, ' ');
-        std::fprintf(stderr, "\r[%s] %3d%% %zu/%zu %s", bar.c_str(),
-                     static_cast<int>(fraction * 100), done, total, name.c_str());
+        std::size_t drawn = utf8Length(line);
+        if (drawn > width) {
+            line = cutUtf8(line, width);
+            drawn = width;
+        }
+        // Spaces over what the last, longer line left.
+        const std::size_t pad = m_drawn > drawn ? m_drawn - drawn : 0;
+        std::fprintf(stderr, "\r%s%*s", line.c_str(), static_cast<int>(pad), "");
         std::fflush(stderr);
+        m_drawn = std::max(drawn, m_drawn);
         m_shown = true;
     }
 
     void clear()
     {
         if (m_shown) {
-            std::fprintf(stderr, "\r%*s\r", 90, "");
+            std::fprintf(stderr, "\r%*s\r", static_cast<int>(m_drawn), "");
             std::fflush(stderr);
             m_shown = false;
+            m_drawn = 0;
         }
     }
 
 private:
     bool m_enabled;
     bool m_shown = false;
+    std::size_t m_drawn = 0; // characters the longest line since the last clear took
 };
+
+// SIGINT and SIGTERM ask the run to stop; the main loop sees it within one progress
+// interval. A second signal ends the checker at once (the handler is reset by the first).
+std::atomic<int> g_stopSignal{0};
+static_assert(std::atomic<int>::is_always_lock_free);
+
+extern "C" void onStopSignal(int signal)
+{
+    g_stopSignal.store(signal);
+}
+
+void installStopSignals()
+{
+    struct sigaction action = {};
+    action.sa_handler = onStopSignal;
+    action.sa_flags = SA_RESETHAND;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+}
+
+// Prints through the checked standard output; the summary and the messages go to
+// standard error and need no such care.
+void print(const std::string& text)
+{
+    writeStandardOutput(text);
+}
 
 } // namespace
 
@@ -148,19 +230,26 @@ int main(int argc, char** argv)
 {
     std::vector<std::string> args(argv + 1, argv + argc);
     std::string error;
-    const auto options = check::parseCheckOptions(args, error);
+    auto options = check::parseCheckOptions(args, error);
     if (!options) {
         std::fprintf(stderr, "tarvoqc-check: %s\n", error.c_str());
         return kExitUsage;
     }
-    if (options->help) {
-        std::fputs(check::checkUsage().c_str(), stdout);
-        return kExitPass;
+    if (options->help || options->version) {
+        if (options->help) {
+            print(check::checkUsage());
+        } else {
+            print("tarvoqc-check (Tarvo Quality Check) " + std::string(kVersionText) + " build " +
+                  std::to_string(kVersionBuild) + "\n");
+        }
+        return closeStandardOutput("tarvoqc-check") ? kExitPass : kExitUsage;
     }
-    if (options->version) {
-        std::printf("tarvoqc-check (Tarvo Quality Check) %s build %d\n", kVersionText,
-                    kVersionBuild);
-        return kExitPass;
+    for (const std::string& listName : options->filesFrom) {
+        if (std::string why; !readPathList(listName, options->nulSeparated, options->paths, why)) {
+            std::fprintf(stderr, "tarvoqc-check: cannot read the list of clips '%s': %s\n",
+                         check::escapeControl(listName).c_str(), why.c_str());
+            return kExitUsage;
+        }
     }
 
     TaskList list;
@@ -186,7 +275,9 @@ int main(int argc, char** argv)
     runOptions.decoderThreadOption = -1;
     // A script or a server job runs the checker in the foreground; `nice` lowers it.
     runOptions.priority = kThreadPriorityNormal;
-    const unsigned cores = std::max(1U, std::thread::hardware_concurrency());
+    // The processors this process may use (its affinity and its control group's quota),
+    // not those of the machine.
+    const unsigned cores = usableCores();
     runOptions.maxRunners =
         options->jobs > 0 ? static_cast<std::size_t>(options->jobs) : std::size_t{cores};
     // --jobs spreads clips over the cores; the cores that no clip takes go to the decoders
@@ -201,57 +292,100 @@ int main(int argc, char** argv)
     runOptions.memoryLimitBytes = static_cast<std::uint64_t>(options->maxMemoryMiB) * 1024 * 1024;
     runOptions.hangTimeout = std::chrono::seconds(options->hangTimeout);
     runOptions.check.loudnessRule = options->loudnessRule;
-    RunController controller(list, runOptions);
-    controller.CheckAll(); // an empty list (a job without clips) stays idle
+    installStopSignals();
+    auto controller = std::make_unique<RunController>(list, runOptions);
+    controller->CheckAll(); // an empty list (a job without clips) stays idle
 
     ProgressBar progress(!options->quiet && ::isatty(STDERR_FILENO) != 0);
     std::size_t printed = 0;
+    std::size_t checked = 0;
     std::size_t below = 0;
-    while (true) {
-        const TickReport report = controller.tick();
-        // Results appear in list order, whatever order the checks end in.
+    // Prints the results that are due in list order from the row printed on; with
+    // skipUnfinished (after a stop) rows without a result are passed over.
+    const auto printResults = [&](bool skipUnfinished) {
         bool cleared = false;
-        while (printed < list.size() && list.item(printed).finished()) {
+        for (; printed < list.size(); ++printed) {
+            const TaskItem& item = list.item(printed);
+            if (!item.finished()) {
+                if (skipUnfinished) {
+                    continue;
+                }
+                break;
+            }
             if (!cleared) {
                 progress.clear();
                 cleared = true;
             }
-            const QcResult& result = *list.item(printed).result();
+            const QcResult& result = *item.result();
+            ++checked;
             if (result.score() < options->threshold) {
                 ++below;
             }
             if (options->json) {
-                std::puts(check::jsonLine(result).c_str());
+                print(check::jsonLine(result) + "\n");
             } else if (!options->quiet) {
-                std::fputs(check::humanReport(result, false).c_str(), stdout);
+                print(check::humanReport(result, false));
             }
-            std::fflush(stdout);
-            ++printed;
         }
-        if (report.allDone || controller.state() == RunState::Idle) {
+        flushStandardOutput();
+    };
+    // A stop signal, or standard output that takes nothing more (a full disk): the checks
+    // still running are stopped, since nobody would see their results.
+    bool outputFailed = false;
+    while (g_stopSignal.load() == 0) {
+        const TickReport report = controller->tick();
+        // Results appear in list order, whatever order the checks end in.
+        printResults(false);
+        if (!standardOutputWritten()) {
+            outputFailed = true;
             break;
         }
-        if (!controller.runners().empty()) {
-            progress.show(printed, list.size(), report.progress.value_or(0),
-                          controller.runners().front()->path());
+        if (report.allDone || controller->state() == RunState::Idle) {
+            break;
         }
-        controller.waitForRunnerEnd(kProgressInterval);
+        if (!controller->runners().empty()) {
+            progress.show(printed, list.size(), report.progress.value_or(0),
+                          controller->runners().front()->path());
+        }
+        controller->waitForRunnerEnd(kProgressInterval);
+    }
+    const int stopSignal = g_stopSignal.load();
+    const bool stopped = stopSignal != 0 || outputFailed;
+    if (stopped) {
+        // The stop flags, up to 2 s, then the forced abort of each check still running; the
+        // clips they checked keep no result. Those finished meanwhile still count.
+        controller->tick();
+        controller.reset();
+        printResults(true);
     }
     progress.clear();
 
     const std::size_t count = list.size();
-    std::fprintf(options->json ? stderr : stdout,
-                 "%zu clip%s checked at level %d: %zu at or above \"%s\", %zu below\n", count,
-                 count == 1 ? "" : "s", options->level, count - below,
-                 scoreText(options->threshold).data(), below);
+    std::string summary = std::to_string(checked) + " clip" + (checked == 1 ? "" : "s") +
+                          " checked at level " + std::to_string(options->level) + ": " +
+                          std::to_string(checked - below) + " at or above \"" +
+                          std::string(scoreText(options->threshold)) + "\", " +
+                          std::to_string(below) + " below\n";
+    if (options->json || outputFailed) {
+        std::fputs(summary.c_str(), stderr);
+    } else {
+        print(summary);
+    }
+    if (stopSignal != 0) {
+        std::fprintf(stderr, "tarvoqc-check: stopped by SIG%s: %zu of %zu clips not checked\n",
+                     sigabbrev_np(stopSignal), count - checked, count);
+    }
 
-    bool ioError = !inputsRead;
+    bool ioError = !inputsRead || stopped;
     if (!documentPath.empty()) {
         if (!saveResultDocument(documentPath, list)) {
             std::fprintf(stderr, "tarvoqc-check: cannot write the result document '%s'\n",
                          check::escapeControl(documentPath).c_str());
             ioError = true;
         }
+    }
+    if (!closeStandardOutput("tarvoqc-check")) {
+        ioError = true;
     }
     if (ioError) {
         return kExitUsage;

@@ -1,8 +1,8 @@
 #include <cstdio>
 #include <filesystem>
 #include <functional>
-#include <iostream>
 #include <optional>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "app/common/commandline.h"
+#include "app/common/standardoutput.h"
 #include "files/fileio.h"
 #include "report/reportdata.h"
 #include "report/reportoutput.h"
@@ -139,13 +140,11 @@ std::string outputRefusal(const std::string& path, const ReportOptions& options)
 // error) when it could not be written completely.
 bool writeOutput(const std::string& path, const std::function<void(std::ostream&)>& write)
 {
-    if (path == "-") {
-        write(std::cout);
-        std::cout.flush();
-        return static_cast<bool>(std::cout);
-    }
     std::ostringstream out;
     write(out);
+    if (path == "-") {
+        return writeStandardOutput(out.view()); // named at the close
+    }
     if (!replaceFile(path, out.view())) {
         std::fprintf(stderr, "tarvoqc-report: cannot write '%s'\n", escapeControl(path).c_str());
         return false;
@@ -157,21 +156,18 @@ bool writeOutput(const std::string& path, const std::function<void(std::ostream&
 
 int main(int argc, char** argv)
 {
-    std::ios::sync_with_stdio(false);
     std::string error;
     const auto options = parseOptions({argv + 1, argv + argc}, error);
     if (!options) {
         std::fprintf(stderr, "tarvoqc-report: %s\n", error.c_str());
         return kExitUsage;
     }
-    if (options->help) {
-        std::fputs(kUsage, stdout);
-        return kExitPass;
-    }
-    if (options->version) {
-        std::printf("tarvoqc-report (Tarvo Quality Check) %s build %d\n", kVersionText,
-                    kVersionBuild);
-        return kExitPass;
+    if (options->help || options->version) {
+        writeStandardOutput(options->help ? std::string(kUsage)
+                                          : "tarvoqc-report (Tarvo Quality Check) " +
+                                                std::string(kVersionText) + " build " +
+                                                std::to_string(kVersionBuild) + "\n");
+        return closeStandardOutput("tarvoqc-report") ? kExitPass : kExitUsage;
     }
 
     for (const std::string* output : {&options->csv, &options->html}) {
@@ -216,7 +212,14 @@ int main(int argc, char** argv)
     }
     if (!options->quiet) {
         const std::string summary = summaryText(view, static_cast<std::size_t>(options->worst));
-        std::fputs(summary.c_str(), options->csv == "-" || options->html == "-" ? stderr : stdout);
+        if (options->csv == "-" || options->html == "-") {
+            std::fputs(summary.c_str(), stderr);
+        } else {
+            writeStandardOutput(summary);
+        }
+    }
+    if (!closeStandardOutput("tarvoqc-report")) {
+        ioError = true;
     }
 
     if (ioError) {

@@ -350,7 +350,9 @@ TEST(CheckCliHostile, ProgressBarCutsLongNamesBetweenCharacters)
     const std::string path = (dir / (name + ".mxf")).string();
     test::writeFile(path, test::readFile(test::testClip("mpeg2_pcm.mxf")));
     const test::CommandResult r = test::runCommand(
-        {"script", "-qec", std::string(TARVOQC_CHECK_EXE) + " -l2 '" + path + "'", "/dev/null"});
+        {"script", "-qec",
+         "stty cols 120; '" + std::string(TARVOQC_CHECK_EXE) + "' -l2 '" + path + "'",
+         "/dev/null"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find(std::string(36, 'a') + "\xC3\xA9..."), std::string::npos) << r.out;
 }

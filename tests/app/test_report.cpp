@@ -268,7 +268,7 @@ TEST_F(ReportTest, HtmlPageSortsFiltersAndColoursScoresInChromium)
     }
 }
 
-TEST_F(ReportTest, ParallelRecipeWithTwoSlotsGivesTheReportOfOneRun)
+TEST_F(ReportTest, ParallelRecipeInBatchesGivesTheReportOfOneRun)
 {
     ASSERT_EQ(report({"-q", at("run.jsonl"), "--csv", at("one.csv")}).status, 1);
     std::string list;
@@ -280,8 +280,11 @@ TEST_F(ReportTest, ParallelRecipeWithTwoSlotsGivesTheReportOfOneRun)
     // breaks down does; the real checker otherwise.
     const fs::path flaky = dir / "flaky-check.sh";
     test::writeFile(flaky, "#!/bin/sh\n"
-                           "case \"$*\" in *jump_video_high*)\n"
-                           "  if mkdir \"" +
+                           "echo \"$*\" >> \"" +
+                               at("calls") +
+                               "\"\n"
+                               "case \"$*\" in *jump_video_high*)\n"
+                               "  if mkdir \"" +
                                at("failed-once") +
                                "\" 2>/dev/null; then\n"
                                "    printf '{\"path\": \"half'; exit 2; fi;;\n"
@@ -292,8 +295,8 @@ TEST_F(ReportTest, ParallelRecipeWithTwoSlotsGivesTheReportOfOneRun)
         SCOPED_TRACE(failOnce ? "a slot fails once" : "no failure");
         const fs::path out = dir / (failOnce ? "flaky" : "plain");
         const test::CommandResult r = test::runCommand(
-            {std::string(TARVOQC_SOURCE_DIR) + "/scripts/parallel-check.sh", "--sshlogin",
-             "2/:", at("list.txt"), out.string()},
+            {std::string(TARVOQC_SOURCE_DIR) + "/scripts/parallel-check.sh", "-S", ":", "--batch",
+             "3", "-j", "2", at("list.txt"), out.string()},
             {"TARVOQC_CHECK=" + (failOnce ? flaky.string() : std::string(TARVOQC_CHECK_EXE)),
              "TARVOQC_REPORT=" TARVOQC_REPORT_EXE});
         EXPECT_EQ(r.status, 1) << r.out << r.err;
@@ -301,6 +304,14 @@ TEST_F(ReportTest, ParallelRecipeWithTwoSlotsGivesTheReportOfOneRun)
         EXPECT_EQ(fs::exists(dir / "failed-once"), failOnce);
         EXPECT_EQ(r.err.find("skipped"), std::string::npos) << "no half line reached the report";
     }
+    // Eight clips in batches of three, one batch tried twice; each call is one checker that
+    // spreads its batch over two clips at a time.
+    std::istringstream calls(test::readFile(dir / "calls"));
+    std::size_t count = 0;
+    for (std::string call; std::getline(calls, call); ++count) {
+        EXPECT_NE(call.find("--jobs 2 --threads 0 -- "), std::string::npos) << call;
+    }
+    EXPECT_EQ(count, 4U);
 }
 
 // Runs the command as nobody when the tests run as root (root may write anywhere).

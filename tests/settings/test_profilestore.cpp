@@ -260,7 +260,13 @@ TEST(ProfileStore, SettingsLocationIncludingAPortableInstallWithoutWriteAccess)
         {"", writable, "/x", "/home/u", writable},
         {nullptr, missing, "/x/cfg", "/home/u", "/x/cfg/TarvoQC/"},
         {nullptr, missing, "relative", "/home/u", "/home/u/.config/TarvoQC/"},
-        {nullptr, missing, nullptr, "/home/u/", "/home/u/.config/TarvoQC/"}};
+        {nullptr, missing, nullptr, "/home/u/", "/home/u/.config/TarvoQC/"},
+        // An installed program keeps no settings beside itself, even where it may write
+        // there (as root): every user gets their own.
+        {nullptr, "/usr/bin/", "/x", "/root", "/x/TarvoQC/"},
+        {nullptr, "/usr/local/bin/", nullptr, "/root", "/root/.config/TarvoQC/"},
+        {nullptr, "/opt/tarvoqc/bin/", nullptr, "/home/u", "/home/u/.config/TarvoQC/"},
+        {"/srv/qc", "/usr/bin/", nullptr, "/root", "/srv/qc/"}};
     for (const auto& [home, program, xdg, user, expected] : cases) {
         SCOPED_TRACE(expected);
         EXPECT_EQ(settingsFolderFor(home, program, xdg, user), expected);
