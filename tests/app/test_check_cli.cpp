@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "results/checkdefaults.h"
 #include "tests/support/testsupport.h"
 
 #include <nlohmann/json.hpp>
@@ -157,6 +158,40 @@ TEST(CheckCli, UsageErrorsExitWithTwoAndSayWhy)
         EXPECT_NE(r.err.find(errHas), std::string::npos) << r.err;
         EXPECT_TRUE(r.out.empty()) << r.out;
     }
+}
+
+// The help of both programs states the defaults they really use, so that a change of the
+// defaults table cannot leave a help text behind.
+TEST(CheckCli, HelpStatesTheDefaultsInForce)
+{
+    const auto number = [](double value) {
+        std::ostringstream text;
+        text << value;
+        return text.str();
+    };
+    const std::pair<const char*, std::string> checkRows[] = {
+        {"--level N", number(kDefaultCheckLevel)},
+        {"--loudness-target LUFS", number(kDefaultLoudnessTarget)},
+        {"--loudness-tolerance LU", number(kDefaultLoudnessTolerance)},
+        {"--true-peak-limit DBTP", number(kDefaultTruePeakLimit)},
+        {"--threshold N", number(kDefaultGoodThreshold)},
+        {"--max-memory MIB", number(kDefaultWorkerMemoryMiB)},
+        {"--hang-timeout S", number(kDefaultHangTimeoutSeconds)}};
+    const std::string checkHelp = check({"--help"}).out;
+    const std::string reportHelp = test::runCommand({TARVOQC_REPORT_EXE, "--help"}).out;
+    const auto defaultAfter = [](const std::string& help, const char* option) {
+        const std::size_t at = help.find(option);
+        const std::size_t open = help.find("(default ", at);
+        if (at == std::string::npos || open == std::string::npos) {
+            return std::string("(no default after ") + option + ")";
+        }
+        const std::size_t begin = open + 9;
+        return help.substr(begin, help.find_first_of(";):", begin) - begin);
+    };
+    for (const auto& [option, expected] : checkRows) {
+        EXPECT_EQ(defaultAfter(checkHelp, option), expected) << option;
+    }
+    EXPECT_EQ(defaultAfter(reportHelp, "--threshold N"), number(kDefaultGoodThreshold));
 }
 
 TEST(CheckCli, JsonLinesDescribeEachClip)
