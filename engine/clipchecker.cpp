@@ -114,13 +114,35 @@ bool ClipChecker::interrupted() const
 void ClipChecker::report(QcIssueCategory category, QcSeverity severity, int streamIndex,
                          const char* format, ...)
 {
-    char buffer[4 * kMaxIssueTextChars + 4];
     va_list args;
     va_start(args, format);
-    std::vsnprintf(buffer, sizeof buffer, format, args);
+    reportIssue({category, severity, QcStreamKind::None, streamIndex, {}}, format, args);
     va_end(args);
-    const std::string text = cutUtf8(buffer, kMaxIssueTextChars);
+}
 
+void ClipChecker::reportAt(QcIssueCategory category, QcSeverity severity, int streamIndex,
+                           ClipTicks at, ClipTicks length, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    reportIssue({category,
+                 severity,
+                 QcStreamKind::None,
+                 streamIndex,
+                 {},
+                 at,
+                 at == kNoTime ? kNoTime : length},
+                format, args);
+    va_end(args);
+}
+
+void ClipChecker::reportIssue(QcIssue issue, const char* format, va_list args)
+{
+    const QcSeverity severity = issue.severity;
+    const int streamIndex = issue.streamIndex;
+    char buffer[4 * kMaxIssueTextChars + 4];
+    std::vsnprintf(buffer, sizeof buffer, format, args);
+    const std::string text = cutUtf8(buffer, kMaxIssueTextChars);
     QcStreamKind kind = QcStreamKind::None;
     StreamType type = StreamType::Unknown;
     if (streamIndex >= 0 && m_session &&
@@ -140,8 +162,10 @@ void ClipChecker::report(QcIssueCategory category, QcSeverity severity, int stre
         line.append(text).append("\n");
         EngineTraceRaw(kTraceNormal, line.c_str());
     }
+    issue.streamKind = kind;
+    issue.text = text;
     const std::lock_guard lock(m_issuesLock);
-    m_issues.add(category, severity, kind, streamIndex, text);
+    m_issues.add(issue);
 }
 
 QcIssueList ClipChecker::issues() const

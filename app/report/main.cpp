@@ -1,4 +1,6 @@
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <iostream>
@@ -8,9 +10,11 @@
 #include <string_view>
 #include <vector>
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "app/common/commandline.h"
+#include "app/report/reportpictures.h"
 #include "files/fileio.h"
 #include "report/reportdata.h"
 #include "report/reportoutput.h"
@@ -32,6 +36,10 @@ struct ReportOptions
     std::vector<std::string> baselines;
     std::string csv;
     std::string html;
+    std::string pdf;
+    bool pictures = true;
+    bool noPictures = false;
+    int pictureClips = static_cast<int>(PictureLimits{}.clips);
     std::string title = "Tarvo Quality Check report";
     int threshold = 3;
     int worst = 10;
@@ -46,7 +54,14 @@ constexpr const char* kUsage =
     "  INPUT                JSON lines of 'tarvoqc-check --json' or a result document\n"
     "                       (.qcout); '-' or none: standard input\n"
     "      --csv FILE       one row per clip ('-': standard output)\n"
-    "      --html FILE      one self-contained page with a sortable, filterable table\n"
+    "      --html FILE      one self-contained page: summary chart, then a sortable,\n"
+    "                       filterable table of the clips, each with its facts, a\n"
+    "                       timeline of its issues and pictures\n"
+    "      --pictures       pictures in the page (the default): start, middle, end and\n"
+    "                       each placed picture issue of every clip still readable\n"
+    "      --no-pictures    no pictures\n"
+    "      --picture-clips N  pictures for at most N clips, worst first (default 1000)\n"
+    "      --pdf FILE       the page printed to PDF by headless Chromium\n"
     "  -b, --baseline OLD   an earlier run (repeatable): mark changed, new and missing\n"
     "                       clips; a clip that got worse makes the exit status 1\n"
     "  -t, --threshold N    lowest passing score 0..5 (default 3)\n"
@@ -65,6 +80,11 @@ std::optional<ReportOptions> parseOptions(const std::vector<std::string>& args, 
     const std::vector<CommandLineOption> table = {
         {"", "csv", true, setText(o.csv, "--csv", "a file name ('-': standard output)")},
         {"", "html", true, setText(o.html, "--html", "a file name ('-': standard output)")},
+        {"", "pdf", true, setText(o.pdf, "--pdf", "a file name")},
+        {"", "pictures", false, setFlag(o.pictures)},
+        {"", "no-pictures", false, setFlag(o.noPictures)},
+        {"", "picture-clips", true,
+         setWholeNumber(o.pictureClips, 0, 100000000, "--picture-clips")},
         {"b", "baseline", true, addText(o.baselines, "--baseline", "a file name")},
         {"t", "threshold", true, setWholeNumber(o.threshold, 0, 5, "--threshold")},
         {"w", "worst", true, setWholeNumber(o.worst, 0, 1000000, "--worst")},
@@ -76,6 +96,11 @@ std::optional<ReportOptions> parseOptions(const std::vector<std::string>& args, 
     if (!parseCommandLine(args, table, o.inputs, error)) {
         return std::nullopt;
     }
+    if (o.pdf == "-") {
+        error = "--pdf needs a file name, not standard output";
+        return std::nullopt;
+    }
+    o.pictures = !o.noPictures;
     return o;
 }
 
@@ -130,6 +155,13 @@ std::string outputRefusal(const std::string& path, const ReportOptions& options)
                  (fileIdOf(options.csv) && fileIdOf(options.csv) == fileIdOf(options.html)))) {
         return "the CSV and the HTML page would be one file";
     }
+    for (const std::string* other : {&options.csv, &options.html}) {
+        if (!options.pdf.empty() && !other->empty() && *other != "-" &&
+            (canonical(options.pdf) == canonical(*other) ||
+             (fileIdOf(options.pdf) && fileIdOf(options.pdf) == fileIdOf(*other)))) {
+            return "the PDF and another output would be one file";
+        }
+    }
     return {};
 }
 
@@ -150,6 +182,95 @@ bool writeOutput(const std::string& path, const std::function<void(std::ostream&
         return false;
     }
     return true;
+}
+
+// The program that prints pages: TARVOQC_CHROMIUM, else chromium on the PATH.
+std::string findChromium()
+{
+    if (const char* named = std::getenv("TARVOQC_CHROMIUM"); named != nullptr && *named != 0) {
+        return ::access(named, X_OK) == 0 ? named : std::string();
+    }
+    const char* path = std::getenv("PATH");
+    std::string_view folders = path != nullptr ? path : "/usr/bin:/bin";
+    while (true) {
+        const std::size_t colon = folders.find(':');
+        const std::string folder(folders.substr(0, colon));
+        for (const char* name : {"chromium", "chromium-browser", "google-chrome"}) {
+            const std::string candidate = (folder.empty() ? "." : folder) + "/" + name;
+            if (::access(candidate.c_str(), X_OK) == 0) {
+                return candidate;
+            }
+        }
+        if (colon == std::string_view::npos) {
+            return {};
+        }
+        folders.remove_prefix(colon + 1);
+    }
+}
+
+// Prints the page (HTML text) to pdf through headless Chromium. The page goes to a private
+// folder first, and the PDF replaces pdf only once it is complete.
+bool printPdf(const std::string& page, const std::string& pdf)
+{
+    const std::string chromium = findChromium();
+    if (chromium.empty()) {
+        std::fprintf(stderr,
+                     "tarvoqc-report: cannot write '%s': Chromium is not installed (the "
+                     "PDF is printed by headless Chromium: apt install chromium)\n",
+                     escapeControl(pdf).c_str());
+        return false;
+    }
+    std::string folder = (std::filesystem::temp_directory_path() / "tarvoqc-pdf-XXXXXX").string();
+    if (::mkdtemp(folder.data()) == nullptr) {
+        std::fprintf(stderr, "tarvoqc-report: cannot write '%s': no temporary folder\n",
+                     escapeControl(pdf).c_str());
+        return false;
+    }
+    const std::string html = folder + "/report.html";
+    const std::string out = folder + "/report.pdf";
+    bool ok = replaceFile(html, page);
+    if (ok) {
+        const std::vector<std::string> args = {chromium,
+                                               "--headless",
+                                               "--no-sandbox",
+                                               "--disable-gpu",
+                                               "--no-first-run",
+                                               "--disable-background-networking",
+                                               "--user-data-dir=" + folder + "/profile",
+                                               "--no-pdf-header-footer",
+                                               "--print-to-pdf-no-header",
+                                               "--print-to-pdf=" + out,
+                                               "file://" + html};
+        const pid_t child = ::fork();
+        if (child == 0) {
+            // Chromium's chatter is no business of the report's reader.
+            std::freopen("/dev/null", "w", stdout);
+            std::freopen("/dev/null", "w", stderr);
+            std::vector<char*> argv;
+            for (const std::string& arg : args) {
+                argv.push_back(const_cast<char*>(arg.c_str()));
+            }
+            argv.push_back(nullptr);
+            ::execv(chromium.c_str(), argv.data());
+            ::_exit(127);
+        }
+        int status = 0;
+        while (child > 0 && ::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+        }
+        const FileBytes printed = readWholeFile(out, std::size_t{1} << 31);
+        ok = child > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0 &&
+             printed.status == FileBytes::Status::Ok && printed.bytes.starts_with("%PDF") &&
+             replaceFile(pdf, printed.bytes);
+        if (!ok) {
+            std::fprintf(stderr,
+                         "tarvoqc-report: cannot write '%s': Chromium did not print the "
+                         "page\n",
+                         escapeControl(pdf).c_str());
+        }
+    }
+    std::error_code ec;
+    std::filesystem::remove_all(folder, ec);
+    return ok;
 }
 
 } // namespace
@@ -173,7 +294,7 @@ int main(int argc, char** argv)
         return kExitPass;
     }
 
-    for (const std::string* output : {&options->csv, &options->html}) {
+    for (const std::string* output : {&options->csv, &options->html, &options->pdf}) {
         if (output->empty() || *output == "-") {
             continue;
         }
@@ -202,16 +323,34 @@ int main(int argc, char** argv)
         return kExitUsage;
     }
 
-    const ReportView view{&clips, comparison ? &baseline : nullptr,
-                          comparison ? &*comparison : nullptr, options->threshold};
+    ReportView view{&clips,
+                    comparison ? &baseline : nullptr,
+                    comparison ? &*comparison : nullptr,
+                    options->threshold,
+                    {}};
+    PictureLimits limits;
+    limits.clips = static_cast<std::size_t>(options->pictureClips);
+    const std::vector<bool> withPictures = clipsWithPictures(clips.clips(), limits);
+    if (options->pictures && (!options->html.empty() || !options->pdf.empty())) {
+        view.pictures = [&](std::size_t i) {
+            return withPictures[i] ? grabClipPictures(clips.clips()[i], limits) : ClipPictures{};
+        };
+    }
     if (!options->csv.empty()) {
         ioError =
             !writeOutput(options->csv, [&](std::ostream& out) { writeCsv(out, view); }) || ioError;
     }
-    if (!options->html.empty()) {
-        ioError = !writeOutput(options->html, [&](std::ostream& out) {
-            writeHtml(out, view, options->title);
-        }) || ioError;
+    if (!options->html.empty() || !options->pdf.empty()) {
+        // One page for both: its pictures are read once.
+        std::ostringstream page;
+        writeHtml(page, view, options->title);
+        if (!options->html.empty()) {
+            ioError = !writeOutput(options->html, [&](std::ostream& out) { out << page.view(); }) ||
+                      ioError;
+        }
+        if (!options->pdf.empty()) {
+            ioError = !printPdf(page.str(), options->pdf) || ioError;
+        }
     }
     if (!options->quiet) {
         const std::string summary = summaryText(view, static_cast<std::size_t>(options->worst));
