@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <array>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -331,6 +333,52 @@ TEST_F(ReportTest, HtmlPageSortsFiltersAndColoursScoresInChromium)
                   std::string::npos)
             << "each clip's issues are shown under it";
         expectMarksAndPictures(r.out, std::set<int>(scores.begin(), scores.end()));
+    }
+}
+
+// The PDF is the page printed: its first page, turned into pixels, shows the summary chart
+// with the bars of its scores (the run has a clip of every score) in the page's colours.
+TEST_F(ReportTest, PdfShowsTheSummaryOnItsFirstPage)
+{
+    if (test::runCommand({"sh", "-c", "command -v pdftoppm && command -v chromium"}).status != 0) {
+        GTEST_SKIP() << "pdftoppm (poppler-utils) or chromium is not installed";
+    }
+    const fs::path pdf = dir / "report.pdf";
+    ASSERT_EQ(report({"-q", "--no-pictures", at("run.jsonl"), "--pdf", pdf.string()}).status, 1);
+    const test::CommandResult r = test::runCommand(
+        {"pdftoppm", "-f", "1", "-l", "1", "-r", "50", pdf.string(), (dir / "page").string()});
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::string ppm;
+    for (const auto& entry : fs::directory_iterator(dir.path())) {
+        if (entry.path().extension() == ".ppm") {
+            ppm = test::readFile(entry.path());
+        }
+    }
+    // Binary PPM: "P6", width, height, 255, then RGB bytes.
+    std::istringstream head(ppm);
+    std::string magic;
+    int width = 0;
+    int height = 0;
+    int most = 0;
+    head >> magic >> width >> height >> most;
+    ASSERT_EQ(magic, "P6");
+    const std::size_t pixels = static_cast<std::size_t>(head.tellg()) + 1;
+    ASSERT_EQ(ppm.size(), pixels + 3U * static_cast<std::size_t>(width * height));
+    // The bar colours of 5/5 OK and 0/5 ERROR, in the top third of the page.
+    for (const auto& [name, rgb] : {std::pair{"5/5 OK", std::array{0x4E, 0x9A, 0x55}},
+                                    std::pair{"0/5 ERROR", std::array{0xB0, 0x3A, 0x2E}}}) {
+        int found = 0;
+        for (int y = 0; y < height / 3; ++y) {
+            for (int x = 0; x < width; ++x) {
+                const char* p = ppm.data() + pixels + 3 * (static_cast<std::size_t>(y) * width + x);
+                bool near = true;
+                for (int c = 0; c < 3; ++c) {
+                    near = near && std::abs(static_cast<unsigned char>(p[c]) - rgb[c]) <= 12;
+                }
+                found += near ? 1 : 0;
+            }
+        }
+        EXPECT_GT(found, 20) << "no bar of " << name << " on the first page";
     }
 }
 
