@@ -34,8 +34,10 @@ struct FrameGrabber::State
 
     // Decodes from the current place until a frame at or after target (stream ticks) is in
     // kept; at the end of the stream kept holds its last frame.
-    void decodeUntil(std::int64_t target)
+    // Gives the time of the first frame decoded (AV_NOPTS_VALUE: none or unknown).
+    std::int64_t decodeUntil(std::int64_t target)
     {
+        std::int64_t first = AV_NOPTS_VALUE;
         bool found = false;
         bool ended = false;
         int decoded = 0;
@@ -52,9 +54,11 @@ struct FrameGrabber::State
                 av_frame_unref(kept.get());
                 av_frame_move_ref(kept.get(), frame.get());
                 const std::int64_t time = kept->best_effort_timestamp;
+                first = decoded == 1 ? time : first;
                 found = time != AV_NOPTS_VALUE && time >= target;
             }
         }
+        return first;
     }
 };
 
@@ -133,8 +137,9 @@ std::string FrameGrabber::grab(double at, int width)
     const double wanted = std::max(0.0, at) + start;
     const auto target =
         static_cast<std::int64_t>(std::clamp(wanted / av_q2d(base), -9.0e15, 9.0e15));
-    // Some demuxers land past the last frame when asked for the very end: then again from
-    // a little earlier, and at last from the start.
+    // Demuxers that seek by bytes (MPEG-TS) may land after the place asked for, or past the
+    // last frame at the very end: then again from a little earlier, and at last from the
+    // start.
     const double back[] = {0.0, 1.0, 5.0, -1.0};
     for (const double earlier : back) {
         const std::int64_t from =
@@ -145,8 +150,9 @@ std::string FrameGrabber::grab(double at, int width)
         }
         avcodec_flush_buffers(s.decoder.get());
         av_frame_unref(s.kept.get());
-        s.decodeUntil(target);
-        if (s.kept->width > 0) {
+        const std::int64_t first = s.decodeUntil(target);
+        const bool overshot = first != AV_NOPTS_VALUE && first > target;
+        if (s.kept->width > 0 && (!overshot || earlier < 0)) {
             break;
         }
     }
