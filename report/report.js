@@ -122,8 +122,9 @@
       if (s[3] !== null) t += " " + num(s[3], 3) + " s";
       return t;
     });
-    var text = (f[0] ? "Level " + f[0] + "; " : "") + parts.join(", ");
-    return r[4] === null ? text : text + "; clip " + r[4].toFixed(3) + " s";
+    return [f[0] ? "Level " + f[0] : "", parts.join(", "),
+            r[4] === null ? "" : "clip " + r[4].toFixed(3) + " s"]
+      .filter(function (x) { return x; }).join("; ");
   }
   // Where stream s begins in the clip, in seconds (0 when a start is unknown).
   function offset(r, s) {

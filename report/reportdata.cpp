@@ -314,11 +314,8 @@ private:
     bool issueMember(Value type, std::string_view text, std::int64_t integer, double real)
     {
         if (m_issueKey == "at" || m_issueKey == "length") {
-            const auto value = number(type, integer, real);
-            if (!value && type != Value::Null) {
-                return fail("\"" + m_issueKey + "\" of an issue is not a number");
-            }
-            (m_issueKey == "at" ? m_issue.at : m_issue.length) = value;
+            // A place is shown, not judged: a value that is no number is passed over.
+            (m_issueKey == "at" ? m_issue.at : m_issue.length) = number(type, integer, real);
             return true;
         }
         if (m_issueKey == "stream") {
@@ -491,6 +488,11 @@ bool recordFromElements(const XmlNode& clip, const XmlNode& qcheck, ClipRecord& 
         for (const auto& element : media->children()) {
             if (record.streams.size() < kMaxStreams) {
                 record.streams.push_back(streamOfElement(*element));
+                // The document holds no clip start: the earliest stream's stands in for it.
+                const auto& start = record.streams.back().start;
+                if (start && (!record.start || *start < *record.start)) {
+                    record.start = start;
+                }
             }
         }
     }
@@ -692,8 +694,11 @@ ClipRecord recordOf(const QcResult& result)
         record.duration = hundredNsToSeconds(result.facts.clipDuration);
     }
     record.level = result.checkLevel;
+    // Divided, not multiplied by 1e-7: the nearest number, which is what a document's
+    // seven-digit text of the same value reads back as.
     const auto seconds = [](ClipTicks value) {
-        return value == kNoTime ? std::nullopt : std::optional(hundredNsToSeconds(value));
+        return value == kNoTime ? std::nullopt
+                                : std::optional(static_cast<double>(value) / kTicksPerSecond);
     };
     record.start = seconds(result.facts.clipStart);
     for (const StreamFacts& facts : result.facts.streams) {
