@@ -88,6 +88,8 @@ MainWindow::~MainWindow()
     m_clockTimer.stop();
     // Stops a running check: stop flag, at most about 2 s, then the forced abort.
     m_controller.reset();
+    // A picture still being taken ends with the window, and tells it nothing more.
+    requestPicture({}, 0);
     m_grid->setModel(nullptr);
     delete m_proxy;
     m_proxy = nullptr;
@@ -965,7 +967,7 @@ void MainWindow::requestPicture(const std::string& path, double seconds)
         m_pictureReader->disconnect(this);
         m_pictureReader->kill();
         m_pictureReader->waitForFinished(1000);
-        m_pictureReader->deleteLater();
+        delete m_pictureReader;
         m_pictureReader = nullptr;
     }
     const std::string worker = workerExecutable();
