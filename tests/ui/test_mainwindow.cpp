@@ -440,7 +440,10 @@ TEST_F(MainWindowTest, LayoutFollowsTheGripAtEverySize)
         EXPECT_EQ(w.control(kIdCheckAll)->parentWidget()->geometry(), QRect(0, g - 40, wd, 20));
         EXPECT_EQ(w.control(kIdProgressBar)->geometry(), QRect(0, g - 20, wd, 20));
         EXPECT_EQ(grip->geometry(), QRect(0, g, wd, b - g));
-        EXPECT_EQ(w.control(kIdIssueTree)->parentWidget()->geometry(), QRect(0, b, wd, h - b - 20));
+        // The lower pane: the splitter of the issues (tree and timeline) and the facts.
+        const QWidget* lowerPane = w.control(kIdFactsPanel)->parentWidget();
+        EXPECT_EQ(w.control(kIdTimeline)->parentWidget()->parentWidget(), lowerPane);
+        EXPECT_EQ(lowerPane->geometry(), QRect(0, b, wd, h - b - 20));
         EXPECT_EQ(w.control(kIdTitleCell)->parentWidget()->geometry(), QRect(0, h - 20, wd, 20));
     }
 }
