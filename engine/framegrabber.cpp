@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include <sys/stat.h>
+
 #include "engine/clipchecker.h"
 #include "engine/ffmpeg.h"
 
@@ -75,8 +77,21 @@ bool FrameGrabber::open(const std::string& path, std::string& why)
 {
     m_state = std::make_unique<State>();
     State& s = *m_state;
-    AVFormatContext* raw = nullptr;
-    if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) {
+    // Only a regular file, through the file protocol alone: a name is never taken for a
+    // URL or another protocol ("concat:", "subfile:"), and a clip never reaches the network
+    // or another file (playlists, references).
+    struct stat status = {};
+    if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        why = "the clip could not be opened";
+        return false;
+    }
+    AVFormatContext* raw = avformat_alloc_context();
+    if (raw == nullptr) {
+        why = "out of memory";
+        return false;
+    }
+    raw->protocol_whitelist = av_strdup("file");
+    if (avformat_open_input(&raw, ("file:" + path).c_str(), nullptr, nullptr) < 0) {
         why = "the clip could not be opened";
         return false;
     }

@@ -14,6 +14,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "batch/checkworker.h"
+#include "batch/workerprocess.h"
 #include "engine/framegrabber.h"
 
 namespace tarvoqc::report {
@@ -107,6 +109,10 @@ double clipLength(const ClipRecord& clip, double opened)
 // opened, the length 0xFFFFFFFF (0xFFFFFFFE: it has no video) and the reason.
 [[noreturn]] void grabInChild(int fd, const ClipRecord& clip, const PictureLimits& limits)
 {
+    // Restricted as a check's worker is: no network, no new programs, a memory limit.
+    WorkerConfig config;
+    config.memoryLimitBytes = WorkerSpec{}.memoryLimitBytes;
+    restrictWorker(config);
     FrameGrabber::silenceMediaLibraries();
     FrameGrabber grabber;
     std::string why;

@@ -21,8 +21,9 @@ struct PictureLimits
 
 // The pictures of one clip for the HTML page: its start, middle and end and the place of
 // each positioned issue of a video stream (worst first, up to the limit). The clip is read
-// in a child process, so a clip that crashes or hangs the media libraries costs its
-// pictures, not the report; such a clip, and one that cannot be read any more, gets a note.
+// in a child process, restricted as a check's worker is, so a clip that crashes or hangs the
+// media libraries costs its pictures, not the report; such a clip, and one that cannot be read any
+// more, gets a note.
 ClipPictures grabClipPictures(const ClipRecord& clip, const PictureLimits& limits);
 
 // Which clips of a run get pictures: the first limits.clips of them, worst first.
