@@ -200,6 +200,7 @@ void putResult(Writer& out, const QcResult& result)
     out.put(facts.qcDuration);
     out.putText(facts.hash256);
     out.put(facts.fkey);
+    out.putText(facts.container);
     out.put(static_cast<std::uint32_t>(facts.streams.size()));
     for (const StreamFacts& stream : facts.streams) {
         putStream(out, stream);
@@ -237,6 +238,7 @@ QcResult getResult(Reader& in)
     facts.qcDuration = in.get<ClipTicks>();
     facts.hash256 = in.getText();
     facts.fkey = in.get<std::uint64_t>();
+    facts.container = in.getText();
     const auto streams = in.get<std::uint32_t>();
     if (streams > kMaxStreams) {
         in.fail();

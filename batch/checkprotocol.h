@@ -60,7 +60,8 @@ struct WorkerReady
 
     bool operator==(const WorkerReady&) const = default;
 };
-// 2: issues carry their place in the stream (QcIssue::at, QcIssue::length).
+// 2: issues carry their place in the stream (QcIssue::at, QcIssue::length), the facts
+// their container's name.
 inline constexpr std::uint32_t kCheckProtocolVersion = 2;
 
 // Sent while a check runs whenever something moved: progress is the checker's counter

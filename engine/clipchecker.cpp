@@ -32,8 +32,8 @@ ClipTicks toClipTicks(std::int64_t value, TimeBase base)
     return value == AV_NOPTS_VALUE ? kNoTime : rescaleTime(value, base, kClipTimeBase);
 }
 
-// Reads the stream information with the picture-size limit on every decoder the library
-// opens for it, so that a small file claiming a huge picture cannot cost gigabytes.
+} // namespace
+
 bool findStreamInfo(AVFormatContext* format)
 {
     std::vector<AVDictionary*> options(format->nb_streams, nullptr);
@@ -46,8 +46,6 @@ bool findStreamInfo(AVFormatContext* format)
     }
     return rc >= 0;
 }
-
-} // namespace
 
 ClipSession::~ClipSession()
 {
@@ -296,6 +294,7 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
         report(Cat::MediaTime, Sev::Highest, -1, "Couldn't estimate clip duration");
     }
     const char* formatName = format->iformat != nullptr ? format->iformat->name : "";
+    m_work.container = formatName;
     session.wavOrMp3 = ::strcasecmp(formatName, "wav") == 0 || ::strcasecmp(formatName, "mp3") == 0;
 
     session.packet.reset(av_packet_alloc());

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include "engine/clipchecker.h"
+#include "engine/clipsession.h"
 #include "engine/ffmpeg.h"
 
 extern "C" {
@@ -96,7 +97,7 @@ bool FrameGrabber::open(const std::string& path, std::string& why)
         return false;
     }
     s.format.reset(raw);
-    if (avformat_find_stream_info(s.format.get(), nullptr) < 0) {
+    if (!findStreamInfo(s.format.get())) {
         why = "the clip's streams could not be read";
         return false;
     }

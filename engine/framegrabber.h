@@ -8,9 +8,10 @@ namespace tarvoqc {
 // Takes small still pictures of a clip's first video stream as JPEG files, for reports:
 // seek, decode, scale, encode, all through the media libraries.
 //
-// Thread-safety: none; one object per thread. A clip may be hostile: every picture costs at
-// most kMaxDecodedFrames decoded frames, and pictures larger than the engine's limit are
-// refused like in a check.
+// Thread-safety: none; one object per thread. A clip may be hostile: a picture costs at most
+// four seeks of kMaxDecodedFrames decoded frames each, pictures larger than the engine's
+// limit are refused like in a check, and only regular files are opened, through the file
+// protocol alone. Read hostile clips in a restricted process (batch/checkworker.h).
 class FrameGrabber
 {
 public:
@@ -36,7 +37,7 @@ public:
     // process (a report's picture reader; a check keeps them, see enginetrace.h).
     static void silenceMediaLibraries();
 
-    // Frames a grab decodes at most after its seek before it gives up.
+    // Frames a grab decodes at most after each seek before it gives up.
     static constexpr int kMaxDecodedFrames = 600;
 
 private:

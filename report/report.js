@@ -109,7 +109,7 @@
     return html;
   }
   function num(x, digits) { return x === null ? "?" : x.toFixed(digits); }
-  // "Level 4; Video h264 1920x1080 25 fps, Audio aac 2 ch 48000 Hz; 60.000 s".
+  // "mpegts; Level 4; Video h264 1920x1080 25 fps, Audio aac 2 ch 48000 Hz; clip 60.000 s".
   function factsText(r) {
     var f = r[11];
     if (!f) return "";
@@ -122,7 +122,7 @@
       if (s[3] !== null) t += " " + num(s[3], 3) + " s";
       return t;
     });
-    return [f[0] ? "Level " + f[0] : "", parts.join(", "),
+    return [f[3] || "", f[0] ? "Level " + f[0] : "", parts.join(", "),
             r[4] === null ? "" : "clip " + r[4].toFixed(3) + " s"]
       .filter(function (x) { return x; }).join("; ");
   }

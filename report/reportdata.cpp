@@ -231,6 +231,12 @@ private:
             streamMember(type, text, integer, real);
             return true;
         }
+        if (m_depth == 1 && m_key == "container") {
+            if (type == Value::Text) {
+                m_record.container = text;
+            }
+            return true;
+        }
         if (m_depth == 1 && (m_key == "level" || m_key == "start")) {
             // Shown, not judged: a value of another type is passed over.
             if (m_key == "level" && type == Value::Integer && integer >= 1 && integer <= 4) {
@@ -694,6 +700,7 @@ ClipRecord recordOf(const QcResult& result)
         record.duration = hundredNsToSeconds(result.facts.clipDuration);
     }
     record.level = result.checkLevel;
+    record.container = result.facts.container;
     // Divided, not multiplied by 1e-7: the nearest number, which is what a document's
     // seven-digit text of the same value reads back as.
     const auto seconds = [](ClipTicks value) {

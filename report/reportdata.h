@@ -56,6 +56,7 @@ struct ClipRecord
     std::string path;
     QcScore score = 0;
     int level = 0;               // check level; 0 where the input does not say
+    std::string container;       // the demuxer's name; empty where the input does not say
     std::optional<double> start; // seconds, the clip's start as its container states it
     std::vector<ReportStream> streams;
     std::optional<std::uint64_t> size;

@@ -141,7 +141,8 @@ nlohmann::json optionalNumber(const std::optional<double>& value)
 // One clip as the page's script reads it: [path, score, worst severity (-1 none),
 // [issues per category], duration, size, hash, fkey, [issue lines], change, old score,
 // facts, [[stream, severity, at, length] per issue line], pictures]. Facts: [level, start,
-// [[type, codec, start, duration, width, height, rate, channels, sample rate]...]].
+// [[type, codec, start, duration, width, height, rate, channels, sample rate]...],
+// container].
 // Pictures: null (none asked for), a note text, or [[seconds, label, data URI]...].
 nlohmann::json htmlRow(const ClipRecord& clip, ClipChange change, std::optional<QcScore> oldScore,
                        const ClipPictures* pictures)
@@ -173,7 +174,8 @@ nlohmann::json htmlRow(const ClipRecord& clip, ClipChange change, std::optional<
          optionalNumber(clip.duration),
          clip.size ? nlohmann::json(*clip.size) : nlohmann::json(nullptr), clip.hash256, clip.fkey,
          lines, changeText(change), oldScore ? nlohmann::json(*oldScore) : nlohmann::json(nullptr),
-         nlohmann::json::array({clip.level, optionalNumber(clip.start), streams}), places, shots});
+         nlohmann::json::array({clip.level, optionalNumber(clip.start), streams, clip.container}),
+         places, shots});
 }
 
 // The summary chart: clips per score and issues per category (stacked by severity), as one

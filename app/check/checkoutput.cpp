@@ -82,6 +82,7 @@ nlohmann::json jsonReport(const QcResult& result)
     return {{"format", kJsonFormatVersion},
             {"tool", std::string("tarvoqc-check ") + kVersionText},
             {"path", result.path},
+            {"container", facts.container},
             {"score", result.score()},
             {"result", scoreText(result.score())},
             {"level", result.checkLevel},

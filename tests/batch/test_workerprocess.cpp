@@ -43,7 +43,7 @@ QcResult fullResult()
     result.opened = true;
     result.facts = {0x21, 7,         411783797, 132000000000000000ULL, 132000000000000001ULL,
                     -5,   600000000, kNoTime,   std::string(64, 'A'),  0x0123456789ABCDEFULL,
-                    {}};
+                    {},   "mpegts"};
     StreamFacts video{StreamType::Video,
                       "h264",
                       0,
