@@ -169,9 +169,23 @@ std::vector<bool> clipsWithPictures(const std::vector<ClipRecord>& clips,
                                     const PictureLimits& limits)
 {
     std::vector<bool> chosen(clips.size(), false);
-    const std::vector<std::size_t> order = worstFirst(clips);
-    for (std::size_t i = 0; i < order.size() && i < limits.clips; ++i) {
-        chosen[order[i]] = true;
+    std::size_t taken = 0;
+    for (const std::size_t i : worstFirst(clips)) {
+        if (taken == limits.clips) {
+            break;
+        }
+        // A clip known to have no video (sound only) has no pictures to take and does not
+        // count, nor does one without streams that scored 0 (it could not be opened); one
+        // whose streams the input does not tell (an older run's lines) is tried.
+        const auto& streams = clips[i].streams;
+        const bool video =
+            streams.empty() ? clips[i].score > 0
+                            : std::any_of(streams.begin(), streams.end(),
+                                          [](const ReportStream& s) { return s.type == "Video"; });
+        if (video) {
+            chosen[i] = true;
+            ++taken;
+        }
     }
     return chosen;
 }

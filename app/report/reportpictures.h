@@ -26,7 +26,9 @@ struct PictureLimits
 // more, gets a note.
 ClipPictures grabClipPictures(const ClipRecord& clip, const PictureLimits& limits);
 
-// Which clips of a run get pictures: the first limits.clips of them, worst first.
+// Which clips of a run get pictures: the first limits.clips of them, worst first, that have
+// a video stream (or whose input does not tell their streams, an older run's lines, unless
+// they scored 0: not opened).
 std::vector<bool> clipsWithPictures(const std::vector<ClipRecord>& clips,
                                     const PictureLimits& limits);
 
