@@ -210,7 +210,7 @@ std::string findChromium()
 
 // Prints the page (HTML text) to pdf through headless Chromium. The page goes to a private
 // folder first, and the PDF replaces pdf only once it is complete.
-bool printPdf(const std::string& page, const std::string& pdf)
+bool printPdf(std::string_view page, const std::string& pdf)
 {
     const std::string chromium = findChromium();
     if (chromium.empty()) {
@@ -341,15 +341,21 @@ int main(int argc, char** argv)
             !writeOutput(options->csv, [&](std::ostream& out) { writeCsv(out, view); }) || ioError;
     }
     if (!options->html.empty() || !options->pdf.empty()) {
-        // One page for both: its pictures are read once.
+        // One page for both, written once: its pictures are read once, and a page of many
+        // clips is held in memory once.
         std::ostringstream page;
         writeHtml(page, view, options->title);
-        if (!options->html.empty()) {
-            ioError = !writeOutput(options->html, [&](std::ostream& out) { out << page.view(); }) ||
-                      ioError;
+        if (options->html == "-") {
+            std::cout << page.view();
+            std::cout.flush();
+            ioError = !std::cout || ioError;
+        } else if (!options->html.empty() && !replaceFile(options->html, page.view())) {
+            std::fprintf(stderr, "tarvoqc-report: cannot write '%s'\n",
+                         escapeControl(options->html).c_str());
+            ioError = true;
         }
         if (!options->pdf.empty()) {
-            ioError = !printPdf(page.str(), options->pdf) || ioError;
+            ioError = !printPdf(page.view(), options->pdf) || ioError;
         }
     }
     if (!options->quiet) {
