@@ -200,6 +200,7 @@ void putResult(Writer& out, const QcResult& result)
     out.put(facts.qcDuration);
     out.putText(facts.hash256);
     out.put(facts.fkey);
+    out.putText(facts.container);
     out.put(static_cast<std::uint32_t>(facts.streams.size()));
     for (const StreamFacts& stream : facts.streams) {
         putStream(out, stream);
@@ -211,6 +212,8 @@ void putResult(Writer& out, const QcResult& result)
         out.put(static_cast<std::int32_t>(issue->streamKind));
         out.put(issue->streamIndex);
         out.putText(issue->text);
+        out.put(issue->at);
+        out.put(issue->length);
     }
 }
 
@@ -235,6 +238,7 @@ QcResult getResult(Reader& in)
     facts.qcDuration = in.get<ClipTicks>();
     facts.hash256 = in.getText();
     facts.fkey = in.get<std::uint64_t>();
+    facts.container = in.getText();
     const auto streams = in.get<std::uint32_t>();
     if (streams > kMaxStreams) {
         in.fail();
@@ -253,14 +257,17 @@ QcResult getResult(Reader& in)
         const auto severity = in.get<std::uint32_t>();
         const auto kind = in.get<std::int32_t>();
         const auto stream = in.get<std::int32_t>();
-        const std::string text = in.getText();
+        std::string text = in.getText();
+        const auto at = in.get<ClipTicks>();
+        const auto length = in.get<ClipTicks>();
         if (category >= kCategoryCount || severity >= kSeverityCount || kind < 0 || kind > 2 ||
-            text.size() > 4 * kMaxIssueTextChars) {
+            text.size() > 4 * kMaxIssueTextChars || (at == kNoTime && length != kNoTime)) {
             in.fail();
             return result;
         }
-        result.issues.add(static_cast<QcIssueCategory>(category), static_cast<QcSeverity>(severity),
-                          static_cast<QcStreamKind>(kind), stream, text);
+        result.issues.add({static_cast<QcIssueCategory>(category),
+                           static_cast<QcSeverity>(severity), static_cast<QcStreamKind>(kind),
+                           stream, std::move(text), at, length});
     }
     // A list rebuilt in order holds what the sender's held, unless the sender's broke the
     // caps (a broken worker): then the lengths differ.

@@ -61,7 +61,9 @@ struct WorkerReady
 
     bool operator==(const WorkerReady&) const = default;
 };
-inline constexpr std::uint32_t kCheckProtocolVersion = 1;
+// 2: issues carry their place in the stream (QcIssue::at, QcIssue::length), the facts
+// their container's name.
+inline constexpr std::uint32_t kCheckProtocolVersion = 2;
 
 // Sent while a check runs whenever something moved: progress is the checker's counter
 // (0..kProgressMax); activity counts the reads and decoded frames, so that a long stretch

@@ -33,8 +33,8 @@ ClipTicks toClipTicks(std::int64_t value, TimeBase base)
     return value == AV_NOPTS_VALUE ? kNoTime : rescaleTime(value, base, kClipTimeBase);
 }
 
-// Reads the stream information with the picture-size limit on every decoder the library
-// opens for it, so that a small file claiming a huge picture cannot cost gigabytes.
+} // namespace
+
 bool findStreamInfo(AVFormatContext* format)
 {
     std::vector<AVDictionary*> options(format->nb_streams, nullptr);
@@ -47,8 +47,6 @@ bool findStreamInfo(AVFormatContext* format)
     }
     return rc >= 0;
 }
-
-} // namespace
 
 ClipSession::~ClipSession()
 {
@@ -115,13 +113,35 @@ bool ClipChecker::interrupted() const
 void ClipChecker::report(QcIssueCategory category, QcSeverity severity, int streamIndex,
                          const char* format, ...)
 {
-    char buffer[4 * kMaxIssueTextChars + 4];
     va_list args;
     va_start(args, format);
-    std::vsnprintf(buffer, sizeof buffer, format, args);
+    reportIssue({category, severity, QcStreamKind::None, streamIndex, {}}, format, args);
     va_end(args);
-    const std::string text = cutUtf8(buffer, kMaxIssueTextChars);
+}
 
+void ClipChecker::reportAt(QcIssueCategory category, QcSeverity severity, int streamIndex,
+                           ClipTicks at, ClipTicks length, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    reportIssue({category,
+                 severity,
+                 QcStreamKind::None,
+                 streamIndex,
+                 {},
+                 at,
+                 at == kNoTime ? kNoTime : length},
+                format, args);
+    va_end(args);
+}
+
+void ClipChecker::reportIssue(QcIssue issue, const char* format, va_list args)
+{
+    const QcSeverity severity = issue.severity;
+    const int streamIndex = issue.streamIndex;
+    char buffer[4 * kMaxIssueTextChars + 4];
+    std::vsnprintf(buffer, sizeof buffer, format, args);
+    const std::string text = cutUtf8(buffer, kMaxIssueTextChars);
     QcStreamKind kind = QcStreamKind::None;
     StreamType type = StreamType::Unknown;
     if (streamIndex >= 0 && m_session &&
@@ -141,8 +161,10 @@ void ClipChecker::report(QcIssueCategory category, QcSeverity severity, int stre
         line.append(text).append("\n");
         EngineTraceRaw(kTraceNormal, line.c_str());
     }
+    issue.streamKind = kind;
+    issue.text = text;
     const std::lock_guard lock(m_issuesLock);
-    m_issues.add(category, severity, kind, streamIndex, text);
+    m_issues.add(issue);
 }
 
 QcIssueList ClipChecker::issues() const
@@ -273,6 +295,7 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
         report(Cat::MediaTime, Sev::Highest, -1, "Couldn't estimate clip duration");
     }
     const char* formatName = format->iformat != nullptr ? format->iformat->name : "";
+    m_work.container = formatName;
     session.wavOrMp3 = ::strcasecmp(formatName, "wav") == 0 || ::strcasecmp(formatName, "mp3") == 0;
 
     session.packet.reset(av_packet_alloc());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdarg>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -103,11 +104,17 @@ public:
     // index gives the issue that stream's kind (video, audio, or none).
     void report(QcIssueCategory category, QcSeverity severity, int streamIndex, const char* format,
                 ...) __attribute__((format(printf, 5, 6)));
+    // The same for an issue with a place in its stream: at (and, for a run, length) in
+    // ClipTicks from the stream's start, the values the text shows; kNoTime for none.
+    void reportAt(QcIssueCategory category, QcSeverity severity, int streamIndex, ClipTicks at,
+                  ClipTicks length, const char* format, ...) __attribute__((format(printf, 7, 8)));
 
 private:
     friend class ClipStream;
     friend struct ClipSession;
 
+    void reportIssue(QcIssue issue, const char* format, va_list args)
+        __attribute__((format(printf, 3, 0)));
     void publishFacts();
     bool interrupted() const;
     // Consistency of one stream's header with the clip's, run by Open.

@@ -11,6 +11,11 @@
 
 namespace tarvoqc {
 
+// Reads the stream information with the picture-size limit (kMaxPicturePixels) on every
+// decoder the library opens for it, so that a small file claiming a huge picture cannot cost
+// gigabytes. False when the library failed.
+bool findStreamInfo(AVFormatContext* format);
+
 class ClipChecker;
 
 // Everything an open clip holds from the media libraries and the file system, owned by

@@ -184,6 +184,15 @@ std::string ClipStream::positionText(std::int64_t time) const
     return formatMediaTime(saturatingSub(time, m_streamStart), m_timeBase);
 }
 
+ClipTicks ClipStream::positionTicks(std::int64_t time) const
+{
+    if (time == kNoTime) {
+        return kNoTime;
+    }
+    const std::int64_t offset = saturatingSub(time, m_streamStart);
+    return offset == kNoTime ? kNoTime : rescaleTime(offset, m_timeBase, kClipTimeBase);
+}
+
 void ClipStream::handlePacket(const AVPacket* packet)
 {
     if (packet != nullptr && packet->size > 0) {
@@ -213,11 +222,13 @@ void ClipStream::checkPacketTime(const AVPacket& packet)
         const std::optional<QcSeverity> severity = severityOfDifference(d);
         // A step back counts from beyond 0.01 s, a gap from 0.01 s on.
         if (severity && d < -kReportableDifference) {
-            m_owner.report(Cat::Frames, *severity, m_index, "Wrong packet TC of %s at %s",
-                           formatMediaTime100ns(d).c_str(), positionText(packet.dts).c_str());
+            m_owner.reportAt(Cat::Frames, *severity, m_index, positionTicks(packet.dts), kNoTime,
+                             "Wrong packet TC of %s at %s", formatMediaTime100ns(d).c_str(),
+                             positionText(packet.dts).c_str());
         } else if (severity && d > 0) {
-            m_owner.report(Cat::Frames, *severity, m_index, "Gap in stream TC of %s at %s",
-                           formatMediaTime100ns(d).c_str(), positionText(packet.dts).c_str());
+            m_owner.reportAt(Cat::Frames, *severity, m_index, positionTicks(packet.dts), kNoTime,
+                             "Gap in stream TC of %s at %s", formatMediaTime100ns(d).c_str(),
+                             positionText(packet.dts).c_str());
         }
     }
     m_nextPacketTime = saturatingAdd(packet.dts, packet.duration);
@@ -287,8 +298,9 @@ void ClipStream::decodeVideo(const AVPacket* packet)
         }
     });
     if (!decoded) {
-        m_owner.report(Cat::Frames, Sev::Low, m_index, "Error decoding packet at %s",
-                       positionText(packet != nullptr ? packet->dts : kNoTime).c_str());
+        const std::int64_t dts = packet != nullptr ? packet->dts : kNoTime;
+        m_owner.reportAt(Cat::Frames, Sev::Low, m_index, positionTicks(dts), kNoTime,
+                         "Error decoding packet at %s", positionText(dts).c_str());
     }
 }
 
@@ -305,10 +317,10 @@ void ClipStream::decodeAudio(const AVPacket* packet)
         const int contextChannels = m_context->ch_layout.nb_channels;
         const int frameChannels = frame.ch_layout.nb_channels;
         if (contextChannels != frameChannels || m_context->sample_rate != frame.sample_rate) {
-            m_owner.report(Cat::Frames, Sev::Highest, m_index,
-                           "Codec/data format mismatch at %s: %dx%d vs %dx%d",
-                           positionText(time).c_str(), contextChannels, m_context->sample_rate,
-                           frameChannels, frame.sample_rate);
+            m_owner.reportAt(Cat::Frames, Sev::Highest, m_index, positionTicks(time), kNoTime,
+                             "Codec/data format mismatch at %s: %dx%d vs %dx%d",
+                             positionText(time).c_str(), contextChannels, m_context->sample_rate,
+                             frameChannels, frame.sample_rate);
         }
         const std::int64_t duration =
             frame.sample_rate > 0
@@ -323,8 +335,9 @@ void ClipStream::decodeAudio(const AVPacket* packet)
         }
     });
     if (!decoded) {
-        m_owner.report(Cat::Codec, Sev::Low, m_index, "Error decoding packet at %s",
-                       positionText(packet != nullptr ? packet->dts : kNoTime).c_str());
+        const std::int64_t dts = packet != nullptr ? packet->dts : kNoTime;
+        m_owner.reportAt(Cat::Codec, Sev::Low, m_index, positionTicks(dts), kNoTime,
+                         "Error decoding packet at %s", positionText(dts).c_str());
     }
 }
 
@@ -340,11 +353,13 @@ void ClipStream::checkFrame(std::int64_t time, std::int64_t duration)
         const ClipTicks d = ticksBetween(time, m_nextFrameTime);
         const std::optional<QcSeverity> severity = severityOfDifference(d);
         if (severity && d < -kReportableDifference) {
-            m_owner.report(Cat::Frames, *severity, m_index, "Wrong TC of %s at %s",
-                           formatMediaTime100ns(d).c_str(), positionText(time).c_str());
+            m_owner.reportAt(Cat::Frames, *severity, m_index, positionTicks(time), kNoTime,
+                             "Wrong TC of %s at %s", formatMediaTime100ns(d).c_str(),
+                             positionText(time).c_str());
         } else if (severity && d > 0) {
-            m_owner.report(Cat::Frames, *severity, m_index, "Gap in TC of %s at %s",
-                           formatMediaTime100ns(d).c_str(), positionText(time).c_str());
+            m_owner.reportAt(Cat::Frames, *severity, m_index, positionTicks(time), kNoTime,
+                             "Gap in TC of %s at %s", formatMediaTime100ns(d).c_str(),
+                             positionText(time).c_str());
         }
     }
     // The check follows the new time line after a jump: one discontinuity, one issue.
@@ -376,13 +391,15 @@ void ClipStream::reportLogged(const MediaLog::Entry& entry)
     const bool lossless = codec != nullptr && (codec->props & AV_CODEC_PROP_LOSSLESS) != 0 &&
                           (codec->props & AV_CODEC_PROP_LOSSY) == 0;
     std::string where;
+    ClipTicks at = kNoTime;
     if (entry.firstPosition != AV_NOPTS_VALUE) {
         where = (entry.count > 1 ? ", first at " : ", at ") + positionText(entry.firstPosition);
+        at = positionTicks(entry.firstPosition);
     }
-    m_owner.report(m_facts.type == StreamType::Video ? Cat::Video : Cat::Audio,
-                   severityOfLogged(entry, lossless, m_frames > 0), m_index,
-                   "%s decoder: %s (%s%s)", entry.source.c_str(), entry.text.c_str(),
-                   timesText(entry.count).c_str(), where.c_str());
+    m_owner.reportAt(m_facts.type == StreamType::Video ? Cat::Video : Cat::Audio,
+                     severityOfLogged(entry, lossless, m_frames > 0), m_index, at, kNoTime,
+                     "%s decoder: %s (%s%s)", entry.source.c_str(), entry.text.c_str(),
+                     timesText(entry.count).c_str(), where.c_str());
 }
 
 void ClipStream::computeDecodedValues()

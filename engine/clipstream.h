@@ -61,6 +61,8 @@ private:
     void checkFrame(std::int64_t time, std::int64_t duration);
     // Position text of a stream time stamp measured from the container stream's start.
     std::string positionText(std::int64_t time) const;
+    // The same place as a number: ClipTicks from the stream's start; kNoTime for none.
+    ClipTicks positionTicks(std::int64_t time) const;
     // a - b in the stream time base, as ClipTicks (saturating, never the no-value number).
     ClipTicks ticksBetween(std::int64_t a, std::int64_t b) const;
 

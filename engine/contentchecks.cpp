@@ -574,8 +574,9 @@ void ContentChecks::reportRuns(const std::vector<Run>& runs, ClipTicks minimum, 
         const Sev severity =
             damaged && length < 2 * kSecond ? Sev::Low : severityOfRun(length, atEdge);
         const Cat category = m_type == AVMEDIA_TYPE_VIDEO ? Cat::Video : Cat::Audio;
-        m_owner.report(category, severity, m_index, format, formatMediaTime100ns(length).c_str(),
-                       formatMediaTime100ns(saturatingSub(run.start, m_origin)).c_str());
+        const ClipTicks at = saturatingSub(run.start, m_origin);
+        m_owner.reportAt(category, severity, m_index, at, length, format,
+                         formatMediaTime100ns(length).c_str(), formatMediaTime100ns(at).c_str());
     }
 }
 
@@ -647,10 +648,11 @@ void ContentChecks::reportAudio()
     reportRuns(m_silence, kMinSilence, "Silence for %s sec from %s", false);
     reportLoudness();
     if (m_clipped > 0) {
-        m_owner.report(Cat::Audio, Sev::High, m_index,
-                       "Clipped sound: %d samples at full scale, first at %s",
-                       static_cast<int>(std::min<std::int64_t>(m_clipped, INT32_MAX)),
-                       formatMediaTime100ns(saturatingSub(m_firstClip, m_origin)).c_str());
+        const ClipTicks at = saturatingSub(m_firstClip, m_origin);
+        m_owner.reportAt(Cat::Audio, Sev::High, m_index, at, kNoTime,
+                         "Clipped sound: %d samples at full scale, first at %s",
+                         static_cast<int>(std::min<std::int64_t>(m_clipped, INT32_MAX)),
+                         formatMediaTime100ns(at).c_str());
     }
 }
 

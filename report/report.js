@@ -22,7 +22,8 @@
                  return r[10] === null || r[9] === "" ? r[9]
                         : r[9] + " (was " + meta.scores[r[10]] + ")"; }});
   }
-  var state = {sort: "", desc: false, scores: [true, true, true, true, true, true],
+  // Worst first unless the address asks for another order.
+  var state = {sort: "score", desc: false, scores: [true, true, true, true, true, true],
                q: "", change: "", page: 1, size: 100};
   var order = null, shown = [];
   var body = document.querySelector("#table tbody");
@@ -54,7 +55,7 @@
   }
   function writeHash() {
     var parts = [];
-    if (state.sort) parts.push("sort=" + (state.desc ? "-" : "") + state.sort);
+    if (state.sort !== "score" || state.desc) parts.push("sort=" + (state.desc ? "-" : "") + state.sort);
     if (state.scores.indexOf(false) >= 0)
       parts.push("score=" + state.scores.map(function (on, s) { return on ? s : -1; })
                                         .filter(function (s) { return s >= 0; }).join(","));
@@ -96,10 +97,91 @@
               (c.key === "score" ? meta.scores[r[1]] : esc(text === null ? "" : text)) + "</td>";
     });
     html += "</tr>";
-    if (r[8].length)
-      html += "<tr class=\"issues\"><td colspan=\"" + cols.length + "\"><ul><li>" +
-              r[8].map(esc).join("</li><li>") + "</li></ul></td></tr>";
+    var facts = factsText(r), line = timeline(r), pics = pictures(r);
+    if (r[8].length || facts || line || pics) {
+      html += "<tr class=\"issues\"><td colspan=\"" + cols.length + "\">" +
+              (facts ? "<p class=\"facts\">" + esc(facts) + "</p>" : "") + line;
+      if (r[8].length)
+        html += "<ul>" + r[8].map(function (text, i) {
+          return "<li data-i=\"" + i + "\">" + esc(text) + "</li>"; }).join("") + "</ul>";
+      html += pics + "</td></tr>";
+    }
     return html;
+  }
+  function num(x, digits) { return x === null ? "?" : x.toFixed(digits); }
+  // "mpegts; Level 4; Video h264 1920x1080 25 fps, Audio aac 2 ch 48000 Hz; clip 60.000 s".
+  function factsText(r) {
+    var f = r[11];
+    if (!f) return "";
+    var parts = f[2].map(function (s) {
+      var t = s[0] + (s[1] ? " " + s[1] : "");
+      if (s[4] > 0) t += " " + s[4] + "x" + s[5];
+      if (s[6] !== null && s[6] > 0) t += " " + (Math.round(s[6] * 1000) / 1000) + " fps";
+      if (s[7] > 0) t += " " + s[7] + " ch";
+      if (s[8] > 0) t += " " + s[8] + " Hz";
+      if (s[3] !== null) t += " " + num(s[3], 3) + " s";
+      return t;
+    });
+    return [f[3] || "", f[0] ? "Level " + f[0] : "", parts.join(", "),
+            r[4] === null ? "" : "clip " + r[4].toFixed(3) + " s"]
+      .filter(function (x) { return x; }).join("; ");
+  }
+  // Where stream s begins in the clip, in seconds (0 when a start is unknown).
+  function offset(r, s) {
+    var f = r[11], st = f && f[2][s];
+    return st && st[2] !== null && f[1] !== null ? st[2] - f[1] : 0;
+  }
+  // The clip's length for its strip: the container's, else the longest stream's.
+  function span(r) {
+    if (r[4] !== null && r[4] > 0) return r[4];
+    var most = 0;
+    (r[11] ? r[11][2] : []).forEach(function (st, s) {
+      if (st[3] !== null) most = Math.max(most, offset(r, s) + st[3]);
+    });
+    return most;
+  }
+  function pct(x) { return (Math.round(Math.max(0, Math.min(100, x)) * 1000) / 1000) + "%"; }
+  // One row per video or audio stream (and per other stream with a placed issue); a run is a
+  // span, a point a thin mark; taller and redder is worse, so the strip reads without colour.
+  function timeline(r) {
+    var places = r[12], d = span(r);
+    if (!places || !r[11] || !(d > 0)) return "";
+    var streams = r[11][2], rows = [];
+    streams.forEach(function (st, s) {
+      var placed = places.some(function (p) { return p[0] === s && p[2] !== null; });
+      if (st[0] === "Video" || st[0] === "Audio" || placed) rows.push(s);
+    });
+    if (!rows.length) return "";
+    var h = 16, svg = "<svg class=\"timeline\" width=\"100%\" height=\"" + (rows.length * h + 2) +
+        "\" role=\"img\" aria-label=\"Timeline of the clip\">";
+    rows.forEach(function (s, k) {
+      var y = k * h + 1, st = streams[s];
+      var from = offset(r, s) / d * 100, to = st[3] === null ? 100 : (offset(r, s) + st[3]) / d * 100;
+      svg += "<rect class=\"lane\" x=\"" + pct(from) + "\" y=\"" + y + "\" width=\"" +
+             pct(to - from) + "\" height=\"" + (h - 2) + "\"><title>Stream " + s + " (" +
+             esc(st[0]) + ")</title></rect>";
+      places.forEach(function (p, i) {
+        if (p[0] !== s || p[2] === null) return;
+        var x = (offset(r, s) + p[2]) / d * 100;
+        var w = p[3] === null ? 0 : p[3] / d * 100;
+        var mh = 6 + 2 * p[1];
+        svg += "<rect class=\"mark\" data-i=\"" + i + "\" data-at=\"" + p[2] + "\" x=\"" + pct(x) +
+               "\" y=\"" + (y + h - 2 - mh) + "\" width=\"" + (w > 0.4 ? pct(w) : "3") +
+               "\" height=\"" + mh + "\" fill=\"" + meta.severityColours[p[1]] + "\"><title>" +
+               esc(r[8][i]) + "</title></rect>";
+      });
+    });
+    return svg + "</svg>";
+  }
+  function pictures(r) {
+    var p = r[13];
+    if (p === null || p === undefined) return "";
+    if (typeof p === "string") return "<p class=\"note\">" + esc(p) + "</p>";
+    return "<div class=\"pictures\">" + p.map(function (x) {
+      return "<figure><img decoding=\"async\" width=\"160\" src=\"" + x[2] +
+             "\" alt=\"" + esc(x[1]) + "\" title=\"" + esc(x[1]) + "\"><figcaption>" +
+             x[0].toFixed(2) + " s</figcaption></figure>";
+    }).join("") + "</div>";
   }
   function render(everything) {
     var pages = Math.max(1, Math.ceil(shown.length / state.size));
@@ -166,6 +248,30 @@
   document.getElementById("prev").addEventListener("click", function () { state.page--; update(false); });
   document.getElementById("next").addEventListener("click", function () { state.page++; update(false); });
   // Printing shows every clip that passes the filter, not only the page on screen.
+  // A mark and its issue line light up together; a picture opens large.
+  function hot(e, on) {
+    var el = e.target.closest ? e.target.closest("[data-i]") : null;
+    var td = el && el.closest("td");
+    if (!td) return;
+    td.querySelectorAll("[data-i=\"" + el.dataset.i + "\"]").forEach(function (x) {
+      x.classList.toggle("hot", on);
+    });
+  }
+  // Each picture tells when it was decoded, and how wide it is.
+  body.addEventListener("load", function (e) {
+    if (e.target.tagName === "IMG") e.target.setAttribute("data-w", e.target.naturalWidth);
+  }, true);
+  body.addEventListener("mouseover", function (e) { hot(e, true); });
+  body.addEventListener("mouseout", function (e) { hot(e, false); });
+  var zoom = document.getElementById("zoom");
+  body.addEventListener("click", function (e) {
+    if (e.target.tagName !== "IMG") return;
+    zoom.querySelector("img").src = e.target.src;
+    zoom.querySelector("p").textContent = e.target.title;
+    zoom.hidden = false;
+  });
+  zoom.addEventListener("click", function () { zoom.hidden = true; });
+  document.addEventListener("keydown", function (e) { if (e.key === "Escape") zoom.hidden = true; });
   window.addEventListener("beforeprint", function () { render(true); });
   window.addEventListener("afterprint", function () { render(false); });
   update(true);

@@ -4,12 +4,14 @@
 #include <cerrno>
 #include <charconv>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <system_error>
 
 #include "results/mediatime.h"
+#include "results/resultfile.h"
 #include "results/textcase.h"
 #include "results/xmlnode.h"
 
@@ -19,10 +21,12 @@ namespace tarvoqc::report {
 
 namespace {
 
-// A clip line nests three levels (line, issue list, issue); a line much deeper is not a
-// clip line, and is refused as soon as the reader gets there.
+// A clip line nests three levels (line, issue or stream list, issue or stream); a line much
+// deeper is not a clip line, and is refused as soon as the reader gets there.
 constexpr int kMaxJsonDepth = 8;
 constexpr std::size_t kReadChunk = 1u << 20;
+// Streams a report keeps per clip; far above any real clip.
+constexpr std::size_t kMaxStreams = 1024;
 
 template <typename Enum, std::size_t N>
 std::optional<Enum> enumFromText(std::string_view text, std::string_view (*toText)(Enum))
@@ -54,8 +58,8 @@ QcStreamKind kindFromText(std::string_view text)
     return text == streamKindText(QcStreamKind::Audio) ? QcStreamKind::Audio : QcStreamKind::None;
 }
 
-// Reads one clip line event by event, keeping only what a report shows: the streams and
-// other members are passed over without being built, which keeps a large delivery fast.
+// Reads one clip line event by event, keeping only what a report shows: other members are
+// passed over without being built, which keeps a large delivery fast.
 // Depth 1 is the line's object, 2 the issue list, 3 one issue.
 class ClipLineReader : public nlohmann::json_sax<nlohmann::json>
 {
@@ -104,12 +108,19 @@ public:
             m_issue = Issue{};
             return enter();
         }
+        if (m_depth == 2 && m_inStreams) {
+            m_stream = ReportStream{};
+            return enter();
+        }
         return container() && enter();
     }
     bool end_object() override
     {
         if (m_depth == 3 && m_inIssues && !addIssue()) {
             return false;
+        }
+        if (m_depth == 3 && m_inStreams && m_record.streams.size() < kMaxStreams) {
+            m_record.streams.push_back(std::move(m_stream));
         }
         --m_depth;
         return true;
@@ -123,12 +134,17 @@ public:
             m_inIssues = true;
             return enter();
         }
+        if (m_depth == 1 && m_key == "streams") {
+            m_inStreams = true;
+            return enter();
+        }
         return container() && enter();
     }
     bool end_array() override
     {
         if (m_depth == 2) {
             m_inIssues = false;
+            m_inStreams = false;
         }
         --m_depth;
         return true;
@@ -152,6 +168,8 @@ private:
         std::string kind;
         std::string text;
         std::int32_t stream = -1;
+        std::optional<double> at;
+        std::optional<double> length;
     };
 
     bool fail(std::string text)
@@ -207,7 +225,26 @@ private:
             return fail("an issue is not an object");
         }
         if (m_depth == 3 && m_inIssues) {
-            return issueMember(type, text, integer);
+            return issueMember(type, text, integer, real);
+        }
+        if (m_depth == 3 && m_inStreams) {
+            streamMember(type, text, integer, real);
+            return true;
+        }
+        if (m_depth == 1 && m_key == "container") {
+            if (type == Value::Text) {
+                m_record.container = text;
+            }
+            return true;
+        }
+        if (m_depth == 1 && (m_key == "level" || m_key == "start")) {
+            // Shown, not judged: a value of another type is passed over.
+            if (m_key == "level" && type == Value::Integer && integer >= 1 && integer <= 4) {
+                m_record.level = static_cast<int>(integer);
+            } else if (m_key == "start" && number(type, integer, real)) {
+                m_record.start = *number(type, integer, real);
+            }
+            return true;
         }
         if (m_depth != 1 || !isRootMember(m_key)) {
             return true;
@@ -243,8 +280,50 @@ private:
         }
         return true;
     }
-    bool issueMember(Value type, std::string_view text, std::int64_t integer)
+    // A finite number of either JSON type, or nullopt.
+    static std::optional<double> number(Value type, std::int64_t integer, double real)
     {
+        if (type == Value::Integer) {
+            return static_cast<double>(integer);
+        }
+        if (type == Value::Real && std::isfinite(real)) {
+            return real;
+        }
+        return std::nullopt;
+    }
+    void streamMember(Value type, std::string_view text, std::int64_t integer, double real)
+    {
+        const std::string& key = m_issueKey;
+        const auto whole = [&](std::int32_t& field) {
+            if (type == Value::Integer && integer >= 0 && integer <= INT32_MAX) {
+                field = static_cast<std::int32_t>(integer);
+            }
+        };
+        if (key == "type" || key == "codec") {
+            if (type == Value::Text) {
+                (key == "type" ? m_stream.type : m_stream.codec) = text;
+            }
+        } else if (key == "start" || key == "duration" || key == "rate") {
+            (key == "start"      ? m_stream.start
+             : key == "duration" ? m_stream.duration
+                                 : m_stream.rate) = number(type, integer, real);
+        } else if (key == "width") {
+            whole(m_stream.width);
+        } else if (key == "height") {
+            whole(m_stream.height);
+        } else if (key == "channels") {
+            whole(m_stream.channels);
+        } else if (key == "sampleRate") {
+            whole(m_stream.sampleRate);
+        }
+    }
+    bool issueMember(Value type, std::string_view text, std::int64_t integer, double real)
+    {
+        if (m_issueKey == "at" || m_issueKey == "length") {
+            // A place is shown, not judged: a value that is no number is passed over.
+            (m_issueKey == "at" ? m_issue.at : m_issue.length) = number(type, integer, real);
+            return true;
+        }
         if (m_issueKey == "stream") {
             if (type == Value::Integer && integer >= 0 && integer <= INT32_MAX) {
                 m_issue.stream = static_cast<std::int32_t>(integer);
@@ -273,17 +352,20 @@ private:
             return fail("an issue has an unknown category or severity");
         }
         m_record.issues.push_back({*category, *severity, m_issue.stream, kindFromText(m_issue.kind),
-                                   std::move(m_issue.text)});
+                                   std::move(m_issue.text), m_issue.at,
+                                   m_issue.at ? m_issue.length : std::nullopt});
         return true;
     }
 
     ClipRecord& m_record;
     int m_depth = 0;
     bool m_inIssues = false;
+    bool m_inStreams = false;
     bool m_score = false;
     std::string m_key;
     std::string m_issueKey;
     Issue m_issue;
+    ReportStream m_stream;
 };
 
 bool parseInt64(std::string_view text, std::int64_t& out)
@@ -302,6 +384,61 @@ bool isXmlStart(std::string_view head)
     }
     const std::size_t first = head.find_first_not_of(" \t\r\n");
     return first != std::string_view::npos && head[first] == '<';
+}
+
+// A "seconds" attribute ("12.3400000"; "NA" or missing: nullopt).
+std::optional<double> secondsAttribute(const XmlNode& element, const char* name)
+{
+    const std::string text = element.GetString(name, "");
+    double value = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc{} || end != text.data() + text.size() || text.empty() ||
+        !std::isfinite(value)) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+// The facts of a stream element under "Media" ("Video", "Audio", "Data", "Subt", "Atach").
+ReportStream streamOfElement(const XmlNode& element)
+{
+    ReportStream stream;
+    const std::string& name = element.name();
+    for (const StreamType type : {StreamType::Video, StreamType::Audio, StreamType::Data,
+                                  StreamType::Subtitle, StreamType::Attach}) {
+        if (streamElementName(type) == name) {
+            stream.type = streamTypeText(type);
+        }
+    }
+    stream.codec = element.GetString("Codec", "");
+    stream.start = secondsAttribute(element, "Stt");
+    stream.duration = secondsAttribute(element, "Dur");
+    // "Format": video "width,height,SAR num,SAR den,rate num,rate den"; audio
+    // "channels,sample rate[,language]".
+    std::vector<std::int64_t> numbers;
+    const std::string format = element.GetString("Format", "");
+    for (std::size_t from = 0; from <= format.size() && numbers.size() < 6;) {
+        const std::size_t comma = std::min(format.find(',', from), format.size());
+        std::int64_t value = 0;
+        if (!parseInt64(std::string_view(format).substr(from, comma - from), value) || value < 0 ||
+            value > INT32_MAX) {
+            break;
+        }
+        numbers.push_back(value);
+        from = comma + 1;
+    }
+    const auto at = [&](std::size_t i) { return static_cast<std::int32_t>(numbers[i]); };
+    if (stream.type == "Video" && numbers.size() == 6) {
+        stream.width = at(0);
+        stream.height = at(1);
+        if (numbers[5] > 0) {
+            stream.rate = static_cast<double>(numbers[4]) / static_cast<double>(numbers[5]);
+        }
+    } else if (stream.type == "Audio" && numbers.size() >= 2) {
+        stream.channels = at(0);
+        stream.sampleRate = at(1);
+    }
+    return stream;
 }
 
 // Fills record from a "Clip" element and its "QCheck"; false (and why) when the pair does
@@ -336,6 +473,8 @@ bool recordFromElements(const XmlNode& clip, const XmlNode& qcheck, ClipRecord& 
         issue.severity = *sev;
         issue.stream = std::max(-1, child->GetInt("Strm", -1));
         issue.kind = kindFromText(child->GetString("Kind", ""));
+        issue.at = secondsAttribute(*child, "At");
+        issue.length = issue.at ? secondsAttribute(*child, "Len") : std::nullopt;
         issue.text = child->text();
         record.issues.push_back(std::move(issue));
     }
@@ -351,6 +490,16 @@ bool recordFromElements(const XmlNode& clip, const XmlNode& qcheck, ClipRecord& 
         std::int64_t ticks = 0;
         if (parseInt64(media->GetString("Dur", ""), ticks) && ticks != kNoTime) {
             record.duration = hundredNsToSeconds(ticks);
+        }
+        for (const auto& element : media->children()) {
+            if (record.streams.size() < kMaxStreams) {
+                record.streams.push_back(streamOfElement(*element));
+                // The document holds no clip start: the earliest stream's stands in for it.
+                const auto& start = record.streams.back().start;
+                if (start && (!record.start || *start < *record.start)) {
+                    record.start = start;
+                }
+            }
         }
     }
     return true;
@@ -550,9 +699,34 @@ ClipRecord recordOf(const QcResult& result)
     if (result.facts.clipDuration != kNoTime) {
         record.duration = hundredNsToSeconds(result.facts.clipDuration);
     }
+    record.level = result.checkLevel;
+    record.container = result.facts.container;
+    // Divided, not multiplied by 1e-7: the nearest number, which is what a document's
+    // seven-digit text of the same value reads back as.
+    const auto seconds = [](ClipTicks value) {
+        return value == kNoTime ? std::nullopt
+                                : std::optional(static_cast<double>(value) / kTicksPerSecond);
+    };
+    record.start = seconds(result.facts.clipStart);
+    for (const StreamFacts& facts : result.facts.streams) {
+        ReportStream stream{std::string(streamTypeText(facts.type)),
+                            facts.codecName,
+                            seconds(facts.headerStart),
+                            seconds(facts.headerDuration),
+                            facts.width,
+                            facts.height,
+                            std::nullopt,
+                            facts.channels,
+                            facts.sampleRate};
+        if (facts.frameRateDen > 0) {
+            stream.rate = static_cast<double>(facts.frameRateNum) / facts.frameRateDen;
+        }
+        record.streams.push_back(std::move(stream));
+    }
     for (const QcIssue* issue : result.issues.ordered()) {
         record.issues.push_back({issue->category, issue->severity, std::max(-1, issue->streamIndex),
-                                 issue->streamKind, issue->text});
+                                 issue->streamKind, issue->text, seconds(issue->at),
+                                 issue->hasPosition() ? seconds(issue->length) : std::nullopt});
     }
     return record;
 }

@@ -22,6 +22,10 @@ struct ReportIssue
     std::int32_t stream = -1; // negative: the whole clip
     QcStreamKind kind = QcStreamKind::None;
     std::string text;
+    // Where in its stream the issue is: seconds from the stream's start, and the length of
+    // a run; nullopt where the issue has no place (or the input, an older run, had none).
+    std::optional<double> at;
+    std::optional<double> length;
 
     // "Frames:[Low] Stream 0 (Video) Gap in TC of 0.30 at 4.00", as the checker prints it.
     std::string longLine() const;
@@ -29,12 +33,32 @@ struct ReportIssue
     bool operator==(const ReportIssue&) const = default;
 };
 
+// The facts of one stream that a report shows. Zero or nullopt where unknown.
+struct ReportStream
+{
+    std::string type; // streamTypeText: "Video", "Audio", ...
+    std::string codec;
+    std::optional<double> start; // seconds, as the stream header states it
+    std::optional<double> duration;
+    std::int32_t width = 0;
+    std::int32_t height = 0;
+    std::optional<double> rate; // frames per second
+    std::int32_t channels = 0;
+    std::int32_t sampleRate = 0;
+
+    bool operator==(const ReportStream&) const = default;
+};
+
 // What a report keeps of one checked clip: enough for the summary, the CSV row and the
-// HTML row, not the stream details. A plain value.
+// HTML row (with its facts and timeline). A plain value.
 struct ClipRecord
 {
     std::string path;
     QcScore score = 0;
+    int level = 0;               // check level; 0 where the input does not say
+    std::string container;       // the demuxer's name; empty where the input does not say
+    std::optional<double> start; // seconds, the clip's start as its container states it
+    std::vector<ReportStream> streams;
     std::optional<std::uint64_t> size;
     std::string hash256;             // empty: no key made
     std::string fkey;                // 16 hex digits, empty: no key made

@@ -92,16 +92,22 @@ QcIssueList& QcIssueList::operator=(const QcIssueList& other)
 void QcIssueList::add(QcIssueCategory category, QcSeverity severity, QcStreamKind streamKind,
                       std::int32_t streamIndex, std::string_view text)
 {
-    const auto sev = static_cast<std::size_t>(severity);
-    const auto cat = static_cast<std::size_t>(category);
+    add(QcIssue{category, severity, streamKind, streamIndex, std::string(text)});
+}
+
+void QcIssueList::add(const QcIssue& issue)
+{
+    const auto sev = static_cast<std::size_t>(issue.severity);
+    const auto cat = static_cast<std::size_t>(issue.category);
     if (sev >= kSeverityCount || cat >= kCategoryCount) {
         return;
     }
     if (m_severityCount[sev] >= kIssueCap || m_categoryCount[cat] >= kIssueCap) {
         return;
     }
-    m_all.push_back(std::make_unique<QcIssue>(
-        QcIssue{category, severity, streamKind, streamIndex, cutUtf8(text, kMaxIssueTextChars)}));
+    auto stored = std::make_unique<QcIssue>(issue);
+    stored->text = cutUtf8(issue.text, kMaxIssueTextChars);
+    m_all.push_back(std::move(stored));
     ++m_severityCount[sev];
     ++m_categoryCount[cat];
 }
@@ -123,7 +129,7 @@ void QcIssueList::assign(const QcIssueList& other)
     }
     clear();
     for (const auto& issue : copies) {
-        add(issue.category, issue.severity, issue.streamKind, issue.streamIndex, issue.text);
+        add(issue);
     }
 }
 

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "results/mediatime.h"
+
 namespace tarvoqc {
 
 // Severity of an issue; higher is worse. Values index the severity texts.
@@ -57,7 +59,13 @@ struct QcIssue
     QcStreamKind streamKind = QcStreamKind::None;
     std::int32_t streamIndex = -1; // negative: the issue concerns the whole clip
     std::string text;              // UTF-8, at most kMaxIssueTextChars characters
+    // Where in the stream the issue is, as its text says it: ClipTicks from the start of the
+    // stream (of the clip for clip issues), kNoTime when the issue has no place. length is
+    // the extent of a run (black, frozen, damaged pictures, silence), kNoTime otherwise.
+    ClipTicks at = kNoTime;
+    ClipTicks length = kNoTime;
 
+    bool hasPosition() const { return at != kNoTime; }
     bool operator==(const QcIssue&) const = default;
 };
 
@@ -82,6 +90,8 @@ public:
     // dropped too.
     void add(QcIssueCategory category, QcSeverity severity, QcStreamKind streamKind,
              std::int32_t streamIndex, std::string_view text);
+    // The same for a whole issue, its position included; the text is cut as above.
+    void add(const QcIssue& issue);
 
     // Forgets every issue; the per-category counts stay (see the class comment).
     void clear();

@@ -71,6 +71,8 @@ struct MediaFacts
     std::string hash256;              // 64 upper-case hex digits, empty until made
     std::uint64_t fkey = 0;           // 0 until made
     std::vector<StreamFacts> streams; // position = container stream index
+    std::string container;            // the demuxer's name ("mpegts", "mov,mp4,..."); empty
+                                      // until opened
 
     bool operator==(const MediaFacts&) const = default;
 };

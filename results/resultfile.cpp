@@ -140,6 +140,12 @@ void writeQcCheck(XmlNode& qcheck, const QcResult& result)
         if (!kind.empty()) {
             element->SetAttribute("Kind", kind);
         }
+        if (issue->hasPosition()) {
+            element->setSeconds("At", issue->at);
+            if (issue->length != kNoTime) {
+                element->setSeconds("Len", issue->length);
+            }
+        }
         element->SetText(issue->text);
     }
 }

@@ -30,7 +30,8 @@ int writeClipResult(XmlNode& parent, const QcResult& result);
 // Writes the check result into an existing "QCheck" element: "Score", "Result" (the score
 // text), "Issues" (the number of issues), then one "Issue" child per issue, worst severity
 // first (QcIssueList::ordered), with "Cat", "Sev", "Strm" (stream issues only), "Kind"
-// (when not empty) and the message as its text.
+// (when not empty), "At" and "Len" (seconds from the stream's start and the length of a
+// run, only for issues with a place) and the message as its text.
 void writeQcCheck(XmlNode& qcheck, const QcResult& result);
 
 // One clip of a result document: its path, and its result when it was checked (not

@@ -9,7 +9,7 @@ packages=(
     nlohmann-json3-dev libseccomp-dev libgtest-dev ffmpeg
     qt6-base-dev xvfb xauth
     clang clang-format clang-tidy libclang-rt-14-dev
-    parallel chromium
+    parallel chromium poppler-utils
     lintian man-db appstream
 )
 

@@ -11,20 +11,24 @@
 #include <QHeaderView>
 #include <QLabel>
 #include <QMenu>
+#include <QProcess>
 #include <QResizeEvent>
 #include <QSplitter>
 #include <QTextEdit>
 #include <QUrl>
+#include <QVBoxLayout>
 #include <algorithm>
 #include <cmath>
 #include <ctime>
 #include <utility>
 
+#include "batch/workerprocess.h"
 #include "results/dailylog.h"
 #include "results/resultfile.h"
 #include "results/xmlnode.h"
 #include "settings/profilestore.h"
 #include "tarvoqc/version.h"
+#include "ui/cliptimeline.h"
 #include "ui/programicon.h"
 #include "ui/resultpanes.h"
 #include "ui/tasklistmodel.h"
@@ -51,6 +55,10 @@ QString fromUtf8(std::string_view text)
 {
     return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
 }
+
+// The selected issue's picture: its width in pixels, and how long its reader may take.
+constexpr int kIssuePictureWidth = 160;
+constexpr int kPictureTimeout = 20000; // ms
 
 } // namespace
 
@@ -80,6 +88,8 @@ MainWindow::~MainWindow()
     m_clockTimer.stop();
     // Stops a running check: stop flag, at most about 2 s, then the forced abort.
     m_controller.reset();
+    // A picture still being taken ends with the window, and tells it nothing more.
+    requestPicture({}, 0);
     m_grid->setModel(nullptr);
     delete m_proxy;
     m_proxy = nullptr;
@@ -323,8 +333,41 @@ void MainWindow::createControls()
 
     m_lowerPane = new QSplitter(Qt::Horizontal, this);
     m_lowerPane->setChildrenCollapsible(false);
-    m_tree = new CxTree(kIdIssueTree, m_lowerPane);
+    // The issue tree, and under it the clip's timeline and the selected issue's picture.
+    auto* issuesPane = new QWidget(m_lowerPane);
+    auto* issuesLayout = new QVBoxLayout(issuesPane);
+    issuesLayout->setContentsMargins(0, 0, 0, 0);
+    issuesLayout->setSpacing(2);
+    m_tree = new CxTree(kIdIssueTree, issuesPane);
     setUpIssueTree(*m_tree);
+    issuesLayout->addWidget(m_tree, 1);
+    auto* under = new QHBoxLayout;
+    m_timeline = new ClipTimeline(issuesPane);
+    setKitId(m_timeline, kIdTimeline);
+    m_picture = new QLabel(issuesPane);
+    setKitId(m_picture, kIdIssuePicture);
+    m_picture->setFixedSize(kIssuePictureWidth, kIssuePictureWidth * 3 / 4);
+    m_picture->setAlignment(Qt::AlignCenter);
+    m_picture->setWordWrap(true);
+    m_picture->hide();
+    under->addWidget(m_timeline, 1, Qt::AlignTop);
+    under->addWidget(m_picture, 0, Qt::AlignTop);
+    issuesLayout->addLayout(under);
+    connect(m_tree, &QTreeWidget::currentItemChanged, this, [this](QTreeWidgetItem* item) {
+        const QVariant index =
+            item != nullptr ? item->data(kIssueSeverityColumn, kIssueIndexRole) : QVariant();
+        showIssue(index.isValid() ? index.toInt() : -1);
+    });
+    connect(m_timeline, &ClipTimeline::issueClicked, this, [this](int issue) {
+        for (QTreeWidgetItemIterator it(m_tree); *it != nullptr; ++it) {
+            const QVariant index = (*it)->data(kIssueSeverityColumn, kIssueIndexRole);
+            if (index.isValid() && index.toInt() == issue) {
+                m_tree->setCurrentItem(*it);
+                m_tree->scrollToItem(*it);
+                return;
+            }
+        }
+    });
     m_facts = new QTextEdit(m_lowerPane);
     setKitId(m_facts, kIdFactsPanel);
     m_facts->setReadOnly(true);
@@ -882,12 +925,77 @@ void MainWindow::refreshSelection()
         selected >= 0 ? &m_list.item(static_cast<std::size_t>(selected)) : nullptr;
     const QcResult* result = item != nullptr ? item->result() : nullptr;
     showIssues(*m_tree, result);
+    m_timeline->setResult(result);
+    showIssue(-1);
     if (result == nullptr) {
         m_facts->clear();
         return;
     }
     const auto at = m_checkedAt.find(item->id());
     m_facts->setHtml(clipFactsHtml(*result, at == m_checkedAt.end() ? QDateTime() : at->second));
+}
+
+void MainWindow::showIssue(int issue)
+{
+    m_timeline->selectIssue(issue);
+    const int selected = selectedListRow();
+    const QcResult* result =
+        selected >= 0 ? m_list.item(static_cast<std::size_t>(selected)).result() : nullptr;
+    if (result == nullptr || issue < 0 ||
+        static_cast<std::size_t>(issue) >= result->issues.size()) {
+        requestPicture({}, 0);
+        return;
+    }
+    const QcIssue& chosen = result->issues.at(static_cast<std::size_t>(issue));
+    const MediaFacts& facts = result->facts;
+    const auto stream = static_cast<std::size_t>(chosen.streamIndex);
+    if (!chosen.hasPosition() || chosen.streamIndex < 0 || stream >= facts.streams.size() ||
+        facts.streams[stream].type != StreamType::Video) {
+        requestPicture({}, 0);
+        return;
+    }
+    const StreamFacts& video = facts.streams[stream];
+    const double offset = video.headerStart == kNoTime || facts.clipStart == kNoTime
+                              ? 0.0
+                              : hundredNsToSeconds(video.headerStart - facts.clipStart);
+    requestPicture(result->path, std::max(0.0, offset + hundredNsToSeconds(chosen.at)));
+}
+
+void MainWindow::requestPicture(const std::string& path, double seconds)
+{
+    if (m_pictureReader != nullptr) {
+        m_pictureReader->disconnect(this);
+        m_pictureReader->kill();
+        m_pictureReader->waitForFinished(1000);
+        delete m_pictureReader;
+        m_pictureReader = nullptr;
+    }
+    const std::string worker = workerExecutable();
+    if (path.empty() || worker.empty()) {
+        m_picture->clear();
+        m_picture->hide();
+        return;
+    }
+    // A worker reads the clip, restricted as a check is: a hostile clip costs its picture.
+    m_picture->setText(QStringLiteral("Taking the picture..."));
+    m_picture->show();
+    auto* reader = new QProcess(this);
+    m_pictureReader = reader;
+    connect(reader, &QProcess::finished, this, [this, reader](int code, QProcess::ExitStatus how) {
+        QPixmap pixmap;
+        if (how == QProcess::NormalExit && code == 0 &&
+            pixmap.loadFromData(reader->readAllStandardOutput(), "JPEG")) {
+            m_picture->setPixmap(pixmap);
+        } else {
+            m_picture->setText(QStringLiteral("No picture: the clip cannot be read here"));
+        }
+        m_pictureReader = nullptr;
+        reader->deleteLater();
+    });
+    QTimer::singleShot(kPictureTimeout, reader, [reader] { reader->kill(); });
+    reader->start(QString::fromStdString(worker),
+                  {QStringLiteral("--picture"), QFile::decodeName(path.c_str()),
+                   QString::number(seconds, 'f', 6), QString::number(kIssuePictureWidth)});
 }
 
 void MainWindow::showAbout()

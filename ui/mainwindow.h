@@ -15,11 +15,13 @@
 class QActionGroup;
 class QLabel;
 class QMenu;
+class QProcess;
 class QSplitter;
 class QTextEdit;
 
 namespace tarvoqc {
 
+class ClipTimeline;
 class TaskListModel;
 class TaskListProxy;
 enum class GridOrder;
@@ -34,6 +36,8 @@ enum MainWindowId : int {
     kIdTaskGrid = 450,
     kIdIssueTree = 451,
     kIdFactsPanel = 452,
+    kIdTimeline = 453,
+    kIdIssuePicture = 454,
     kIdProgressBar = 500,
     kIdCheckAll = 602,
     kIdCheckSelected = 603,
@@ -186,6 +190,10 @@ private:
     int selectedListRow() const;
     void selectListRow(int row);
     void removeSelected();
+    // The selected issue (an index into the shown result's issues, -1 none) on the
+    // timeline, and its picture when it has a place in a video stream.
+    void showIssue(int issue);
+    void requestPicture(const std::string& path, double seconds);
     void clearFinished();
     QMenu* addMenu(CMkButton* button, std::initializer_list<std::pair<int, const char*>> entries);
 
@@ -205,6 +213,9 @@ private:
     QSplitter* m_lowerPane = nullptr;
     CxTree* m_tree = nullptr;
     QTextEdit* m_facts = nullptr;
+    ClipTimeline* m_timeline = nullptr;
+    QLabel* m_picture = nullptr;
+    QProcess* m_pictureReader = nullptr; // the worker taking the selected issue's picture
     CMkProgressBar* m_progress = nullptr;
     Grip* m_grip = nullptr;
     CMkStatusBar* m_statusBar = nullptr;

@@ -9,6 +9,7 @@
 #include <array>
 #include <cinttypes>
 #include <cstdio>
+#include <unordered_map>
 
 namespace tarvoqc {
 
@@ -85,6 +86,12 @@ void addRow(QString& html, const QString& label, const QString& value)
 
 } // namespace
 
+QColor severityColour(QcSeverity severity)
+{
+    const auto rank = std::clamp(static_cast<int>(severity), 0, kSeverityCount - 1);
+    return QColor(kSeverityColours[static_cast<std::size_t>(rank)]);
+}
+
 QIcon severityMark(QcSeverity severity)
 {
     const auto rank = static_cast<int>(severity);
@@ -139,6 +146,10 @@ void showIssues(QTreeWidget& tree, const QcResult* result)
     if (result == nullptr) {
         return;
     }
+    std::unordered_map<const QcIssue*, int> indexOf;
+    for (std::size_t i = 0; i < result->issues.size(); ++i) {
+        indexOf.emplace(result->issues.all()[i].get(), static_cast<int>(i));
+    }
     for (int c = 0; c < kCategoryCount; ++c) {
         const auto category = static_cast<QcIssueCategory>(c);
         const std::vector<const QcIssue*> issues = result->issues.byCategory(category);
@@ -159,6 +170,7 @@ void showIssues(QTreeWidget& tree, const QcResult* result)
             auto* row = new QTreeWidgetItem(group, {fromUtf8(severityText(issue->severity)),
                                                     stream.trimmed(), fromUtf8(issue->text)});
             row->setIcon(kIssueSeverityColumn, severityMark(issue->severity));
+            row->setData(kIssueSeverityColumn, kIssueIndexRole, indexOf.at(issue));
             const QString line = fromUtf8(QcIssueList::longLine(*issue));
             for (int column = 0; column < kIssueColumnCount; ++column) {
                 row->setToolTip(column, line);

@@ -3,6 +3,8 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "tarvoqc/version.h"
+
 namespace tarvoqc::check {
 
 namespace {
@@ -39,22 +41,37 @@ nlohmann::json jsonReport(const QcResult& result)
     nlohmann::json streams = nlohmann::json::array();
     for (std::size_t i = 0; i < facts.streams.size(); ++i) {
         const StreamFacts& s = facts.streams[i];
-        streams.push_back({{"index", i},
-                           {"type", streamTypeText(s.type)},
-                           {"codec", s.codecName},
-                           {"start", seconds(s.headerStart)},
-                           {"duration", seconds(s.headerDuration)},
-                           {"decodedStart", seconds(s.decodedStart)},
-                           {"decodedEnd", seconds(s.decodedEnd)},
-                           {"bytes", s.byteCount}});
+        streams.push_back(
+            {{"index", i},
+             {"type", streamTypeText(s.type)},
+             {"codec", s.codecName},
+             {"start", seconds(s.headerStart)},
+             {"duration", seconds(s.headerDuration)},
+             {"decodedStart", seconds(s.decodedStart)},
+             {"decodedEnd", seconds(s.decodedEnd)},
+             {"bytes", s.byteCount},
+             {"width", s.width},
+             {"height", s.height},
+             {"rate", s.frameRateDen > 0
+                          ? nlohmann::json(static_cast<double>(s.frameRateNum) / s.frameRateDen)
+                          : nlohmann::json(nullptr)},
+             {"channels", s.channels},
+             {"sampleRate", s.sampleRate}});
     }
     nlohmann::json issues = nlohmann::json::array();
     for (const QcIssue* issue : result.issues.ordered()) {
-        issues.push_back({{"category", categoryText(issue->category)},
-                          {"severity", severityText(issue->severity)},
-                          {"stream", issue->streamIndex < 0 ? -1 : issue->streamIndex},
-                          {"kind", streamKindText(issue->streamKind)},
-                          {"text", issue->text}});
+        nlohmann::json item = {{"category", categoryText(issue->category)},
+                               {"severity", severityText(issue->severity)},
+                               {"stream", issue->streamIndex < 0 ? -1 : issue->streamIndex},
+                               {"kind", streamKindText(issue->streamKind)},
+                               {"text", issue->text}};
+        if (issue->hasPosition()) {
+            item["at"] = hundredNsToSeconds(issue->at);
+            if (issue->length != kNoTime) {
+                item["length"] = hundredNsToSeconds(issue->length);
+            }
+        }
+        issues.push_back(std::move(item));
     }
     nlohmann::json fkey = nullptr;
     if (facts.fkey != 0) {
@@ -62,7 +79,10 @@ nlohmann::json jsonReport(const QcResult& result)
         std::snprintf(hex, sizeof hex, "%016" PRIX64, facts.fkey);
         fkey = hex;
     }
-    return {{"path", result.path},
+    return {{"format", kJsonFormatVersion},
+            {"tool", std::string("tarvoqc-check ") + kVersionText},
+            {"path", result.path},
+            {"container", facts.container},
             {"score", result.score()},
             {"result", scoreText(result.score())},
             {"level", result.checkLevel},

@@ -17,6 +17,12 @@ using tarvoqc::escapeControl;
 // unless brief, each issue as its long line, worst first.
 std::string humanReport(const QcResult& result, bool brief);
 
+// The layout of a JSON line: 1 had no "format" member; 2 adds "format" and "tool",
+// "container" (the demuxer's name), the picture and sound facts of each stream and the place
+// of positioned issues ("at" and, for runs, "length", in seconds from the stream's start;
+// absent where the issue has none).
+inline constexpr int kJsonFormatVersion = 2;
+
 // The JSON object of one clip (one line of the --json output): times in seconds, null
 // where unknown; issues worst first.
 nlohmann::json jsonReport(const QcResult& result);

@@ -1,12 +1,16 @@
 // tarvoqc-worker: checks clips for another TarvoQC program, one after another, over the
 // socket that program hands it (see batch/checkworker.h). Not meant to be started by hand,
 // except "tarvoqc-worker --probe", which restricts itself as a worker does and tells which
-// of the refused operations are really refused on this machine.
+// of the refused operations are really refused on this machine, and
+// "tarvoqc-worker --picture CLIP SECONDS WIDTH", which writes one small JPEG picture of the
+// clip at SECONDS from its start to standard output, restricted as a check is (the window
+// shows it beside the selected issue).
 
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #include <netinet/in.h>
@@ -15,6 +19,7 @@
 
 #include "batch/checkworker.h"
 #include "batch/workerprocess.h"
+#include "engine/framegrabber.h"
 
 using namespace tarvoqc;
 
@@ -52,12 +57,47 @@ int probe()
     return 0;
 }
 
+// One picture to standard output: 0 when written, 1 when the clip gave none, 64 for a
+// bad command line.
+int picture(const char* path, const char* secondsText, const char* widthText)
+{
+    double seconds = 0;
+    int width = 0;
+    if (!parseNumber(secondsText, seconds) || !parseNumber(widthText, width) || width < 16 ||
+        width > 1920) {
+        std::fputs("usage: tarvoqc-worker --picture CLIP SECONDS WIDTH (16..1920)\n", stderr);
+        return kWorkerExitUsage;
+    }
+    WorkerConfig config;
+    config.memoryLimitBytes = WorkerLimits{}.memoryLimitBytes;
+    restrictWorker(config);
+    FrameGrabber::silenceMediaLibraries();
+    FrameGrabber grabber;
+    std::string why;
+    if (!grabber.open(path, why)) {
+        std::fprintf(stderr, "tarvoqc-worker: no picture: %s\n", why.c_str());
+        return 1;
+    }
+    const std::string jpeg = grabber.grab(seconds, width);
+    if (jpeg.empty()) {
+        std::fputs("tarvoqc-worker: no picture: no frame could be decoded there\n", stderr);
+        return 1;
+    }
+    return std::fwrite(jpeg.data(), 1, jpeg.size(), stdout) == jpeg.size() &&
+                   std::fflush(stdout) == 0
+               ? 0
+               : 1;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
     if (argc == 2 && std::string_view(argv[1]) == "--probe") {
         return probe();
+    }
+    if (argc == 5 && std::string_view(argv[1]) == "--picture") {
+        return picture(argv[2], argv[3], argv[4]);
     }
     int fd = -1;
     pid_t parent = 0;

@@ -268,7 +268,7 @@ TEST(CheckCliDocument, ResultDocumentIsWellFormedAndMatchesTheClips)
     const nlohmann::json& tsCheck = doc["qchecks"][1];
     ASSERT_EQ(tsCheck["issues"].size(), 1U);
     EXPECT_EQ(tsCheck["issues"][0], R"({"Cat": "Frames", "Sev": "High", "Strm": "0",
-        "Kind": "Video", "text": "Gap in TC of 2.00 at 4.00"})"_json);
+        "Kind": "Video", "At": "4.0000000", "text": "Gap in TC of 2.00 at 4.00"})"_json);
 }
 
 // Which elements of a job count, and how often, is the job reader's (its own tests).

@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <array>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -91,6 +93,7 @@ protected:
     }
 
     std::string at(const std::string& name) const { return (dir / name).string(); }
+    void expectMarksAndPictures(const std::string& dom, const std::set<int>& scores) const;
 
     test::TempDir dir;
     std::vector<std::string> clips;
@@ -206,22 +209,96 @@ TEST_F(ReportTest, BaselineMarksWorseNewAndMissingClips)
     EXPECT_EQ(report({"-q", "-t0", at("new.jsonl"), "-b", at("new.jsonl")}).status, 0);
 }
 
+// Every positioned issue of the shown clips is a mark on its clip's timeline, at the place
+// its JSON line gives (stream start - clip start + at, over the clip's duration), and every
+// picture of the page has decoded to its 160 pixels.
+void ReportTest::expectMarksAndPictures(const std::string& dom, const std::set<int>& scores) const
+{
+    std::map<std::string, std::vector<double>> marks; // clip path -> mark places in %
+    const std::regex pathCell("<td class=\"path\">([^<]*)</td>");
+    const std::regex mark("<rect class=\"mark\" data-i=\"[0-9]+\" data-at=\"[^\"]*\" "
+                          "x=\"([0-9.]+)%\"");
+    std::size_t from = dom.find("<tr class=\"clip");
+    while (from != std::string::npos) {
+        const std::size_t next = dom.find("<tr class=\"clip", from + 1);
+        const std::string row = dom.substr(from, next - from);
+        std::smatch path;
+        if (std::regex_search(row, path, pathCell)) {
+            auto& places = marks[path[1]];
+            for (std::sregex_iterator it(row.begin(), row.end(), mark), end; it != end; ++it) {
+                places.push_back(std::stod((*it)[1]));
+            }
+        }
+        from = next;
+    }
+    std::size_t placed = 0;
+    for (const nlohmann::json& line : lines) {
+        if (scores.count(line["score"].get<int>()) == 0 || !line["duration"].is_number()) {
+            continue;
+        }
+        const std::string path = line["path"];
+        if (path.find_first_of("<&>") != std::string::npos) {
+            continue; // the DOM writes it escaped; its twin has the same marks
+        }
+        std::vector<double> expected;
+        for (const nlohmann::json& issue : line["issues"]) {
+            if (issue.contains("at")) {
+                const nlohmann::json& stream = line["streams"][issue["stream"].get<int>()];
+                const double offset = stream["start"].get<double>() - line["start"].get<double>();
+                expected.push_back(std::clamp((offset + issue["at"].get<double>()) /
+                                                  line["duration"].get<double>() * 100,
+                                              0.0, 100.0));
+            }
+        }
+        std::vector<double> shown = marks[path];
+        std::sort(expected.begin(), expected.end());
+        std::sort(shown.begin(), shown.end());
+        ASSERT_EQ(shown.size(), expected.size()) << path;
+        for (std::size_t i = 0; i < shown.size(); ++i) {
+            EXPECT_NEAR(shown[i], expected[i], 0.001) << path;
+        }
+        placed += shown.size();
+    }
+    if (scores.count(2) != 0) {
+        EXPECT_GT(placed, 0U) << "the gap of jump_video_high.ts is a mark";
+    }
+    // Tags found by hand: std::regex recurses once per character, and a picture's tag holds
+    // thousands.
+    std::size_t pictures = 0;
+    for (std::size_t at = dom.find("<img "); at != std::string::npos;
+         at = dom.find("<img ", at + 1)) {
+        const std::string tag = dom.substr(at, dom.find('>', at) - at);
+        if (tag.find("data:image/jpeg;base64,") != std::string::npos) {
+            ++pictures;
+            EXPECT_NE(tag.find("data-w=\"160\""), std::string::npos) << tag.substr(0, 120);
+        }
+    }
+    EXPECT_GT(pictures, 0U) << "the readable clips have pictures";
+}
+
 TEST_F(ReportTest, HtmlPageSortsFiltersAndColoursScoresInChromium)
 {
+    // A clip gone since its check: the page has it without pictures, with a note.
+    fs::remove(clips.back());
     const fs::path page = dir / "report.html";
     ASSERT_EQ(report({"-q", at("run.jsonl"), "--html", page.string()}).status, 1);
     const std::string html = test::readFile(page);
-    EXPECT_EQ(html.find("http"), std::string::npos) << "the page loads nothing from elsewhere";
+    // No address of another place (a ":" never occurs in the pictures' base64).
+    for (const char* address : {"http:", "https:", "ftp:", "=\"//"}) {
+        EXPECT_EQ(html.find(address), std::string::npos)
+            << "the page loads nothing from " << address;
+    }
 
-    // The window's score cells: 0x00BBGGRR colours as CSS.
+    // The page's calm scale: light backgrounds from red (0) to green (5) under dark text.
     const std::vector<std::pair<std::string, std::string>> colours = {
-        {"#400000", "#C0C0C0"}, {"#800000", "#C0C0C0"}, {"#A00000", "#C0C0C0"},
-        {"#E00000", "#000000"}, {"#FF0000", "#000000"}, {"#00FF00", "#000000"}};
-    // fragment, direction (1 ascending scores, -1 descending, 0 unsorted), scores
+        {"#F2CBC6", "#5A0F0A"}, {"#F6D8CB", "#62220E"}, {"#FAE4CB", "#5C3300"},
+        {"#FAF0CB", "#4F4100"}, {"#E6F0D3", "#2F4A10"}, {"#D8ECD8", "#174A1C"}};
+    // fragment, direction (1 ascending scores, -1 descending), scores; worst first unless
+    // the address says otherwise.
     const std::tuple<std::string, int, std::vector<int>> cases[] = {
-        {"#sort=score", 1, {0, 1, 2, 3, 4, 5}},
+        {"", 1, {0, 1, 2, 3, 4, 5}},
         {"#sort=-score", -1, {0, 1, 2, 3, 4, 5}},
-        {"#score=0,5", 0, {0, 5}}};
+        {"#score=0,5", 1, {0, 5}}};
     // Rows are found by their markup, as the page's script writes it.
     const std::regex clipRow(
         "<tr class=\"clip[^>]*data-score=\"([0-9])\"[^>]*><td class=\"path\">"
@@ -257,14 +334,67 @@ TEST_F(ReportTest, HtmlPageSortsFiltersAndColoursScoresInChromium)
             EXPECT_EQ((*it)[5].str().substr(0, 2), std::to_string(score) + "/");
         }
         EXPECT_EQ(shown, expected);
-        for (std::size_t i = 1; direction != 0 && i < order.size(); ++i) {
+        for (std::size_t i = 1; i < order.size(); ++i) {
             EXPECT_LE(direction * order[i - 1], direction * order[i]);
         }
-        if (direction != 0) {
-            EXPECT_NE(r.out.find("Frames:[High] Stream 0 (Video) Gap in TC of 2.00 at 4.00"),
+        EXPECT_NE(r.out.find("Frames:[High] Stream 0 (Video) Gap in TC of 2.00 at 4.00"),
+                  std::string::npos)
+            << "each clip's issues are shown under it";
+        if (std::count(scores.begin(), scores.end(), 2) != 0) {
+            EXPECT_NE(r.out.find("mpegts; Level 3; Video mpeg2video 160x120 25 fps"),
                       std::string::npos)
-                << "each clip's issues are shown under it";
+                << "and its facts";
         }
+        expectMarksAndPictures(r.out, std::set<int>(scores.begin(), scores.end()));
+        EXPECT_NE(r.out.find("<p class=\"note\">The clip could not be read any more (the clip "
+                             "could not be opened): pictures left out</p>"),
+                  std::string::npos);
+    }
+}
+
+// The PDF is the page printed: its first page, turned into pixels, shows the summary chart
+// with the bars of its scores (the run has a clip of every score) in the page's colours.
+TEST_F(ReportTest, PdfShowsTheSummaryOnItsFirstPage)
+{
+    if (test::runCommand({"sh", "-c", "command -v pdftoppm && command -v chromium"}).status != 0) {
+        GTEST_SKIP() << "pdftoppm (poppler-utils) or chromium is not installed";
+    }
+    const fs::path pdf = dir / "report.pdf";
+    ASSERT_EQ(report({"-q", "--no-pictures", at("run.jsonl"), "--pdf", pdf.string()}).status, 1);
+    const test::CommandResult r = test::runCommand(
+        {"pdftoppm", "-f", "1", "-l", "1", "-r", "50", pdf.string(), (dir / "page").string()});
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::string ppm;
+    for (const auto& entry : fs::directory_iterator(dir.path())) {
+        if (entry.path().extension() == ".ppm") {
+            ppm = test::readFile(entry.path());
+        }
+    }
+    // Binary PPM: "P6", width, height, 255, then RGB bytes.
+    std::istringstream head(ppm);
+    std::string magic;
+    int width = 0;
+    int height = 0;
+    int most = 0;
+    head >> magic >> width >> height >> most;
+    ASSERT_EQ(magic, "P6");
+    const std::size_t pixels = static_cast<std::size_t>(head.tellg()) + 1;
+    ASSERT_EQ(ppm.size(), pixels + 3U * static_cast<std::size_t>(width * height));
+    // The bar colours of 5/5 OK and 0/5 ERROR, in the top third of the page.
+    for (const auto& [name, rgb] : {std::pair{"5/5 OK", std::array{0x4E, 0x9A, 0x55}},
+                                    std::pair{"0/5 ERROR", std::array{0xB0, 0x3A, 0x2E}}}) {
+        int found = 0;
+        for (int y = 0; y < height / 3; ++y) {
+            for (int x = 0; x < width; ++x) {
+                const char* p = ppm.data() + pixels + 3 * (static_cast<std::size_t>(y) * width + x);
+                bool near = true;
+                for (int c = 0; c < 3; ++c) {
+                    near = near && std::abs(static_cast<unsigned char>(p[c]) - rgb[c]) <= 12;
+                }
+                found += near ? 1 : 0;
+            }
+        }
+        EXPECT_GT(found, 20) << "no bar of " << name << " on the first page";
     }
 }
 

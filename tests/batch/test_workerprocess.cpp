@@ -43,7 +43,7 @@ QcResult fullResult()
     result.opened = true;
     result.facts = {0x21, 7,         411783797, 132000000000000000ULL, 132000000000000001ULL,
                     -5,   600000000, kNoTime,   std::string(64, 'A'),  0x0123456789ABCDEFULL,
-                    {}};
+                    {},   "mpegts"};
     StreamFacts video{StreamType::Video,
                       "h264",
                       0,
@@ -77,8 +77,10 @@ QcResult fullResult()
                       48000,
                       {'e', 'n', 'g', '\0'}};
     result.facts.streams = {video, audio, StreamFacts{}};
-    result.issues.add(QcIssueCategory::Frames, QcSeverity::High, QcStreamKind::Video, 0,
-                      "Gap in TC of 2.00 at 4.00");
+    result.issues.add({QcIssueCategory::Frames, QcSeverity::High, QcStreamKind::Video, 0,
+                       "Gap in TC of 2.00 at 4.00", 40000000, kNoTime});
+    result.issues.add({QcIssueCategory::Video, QcSeverity::Low, QcStreamKind::Video, 0,
+                       "Black picture for 1.20 sec from -0.50", -5000000, 12000000});
     result.issues.add(QcIssueCategory::File, QcSeverity::Critical, QcStreamKind::None, -1,
                       std::string("with \0 inside", 13));
     return result;
@@ -161,9 +163,13 @@ TEST(CheckProtocol, BrokenPayloadsAreRefused)
     QcResult oneIssue;
     oneIssue.issues.add(QcIssueCategory::Audio, QcSeverity::Low, QcStreamKind::Audio, 1, "x");
     std::string payload = encodeOpened(1, oneIssue).substr(kFrameHeaderBytes);
-    const std::size_t category = payload.size() - 4 - 1 - 4 - 4 - 4 - 4;
+    const std::size_t category = payload.size() - 8 - 8 - 4 - 1 - 4 - 4 - 4 - 4;
     payload[category] = 6;
     EXPECT_FALSE(decodeOpened(payload));
+    // A length without a place.
+    std::string length = encodeOpened(1, oneIssue).substr(kFrameHeaderBytes);
+    length.replace(length.size() - 8, 8, std::string("\x10\0\0\0\0\0\0\0", 8));
+    EXPECT_FALSE(decodeOpened(length));
     std::string streams = encodeOpened(1, QcResult{}).substr(kFrameHeaderBytes);
     const std::size_t streamCount = streams.size() - 4 - 4;
     streams.replace(streamCount, 4, std::string("\xff\xff\xff\x7f", 4));

@@ -24,10 +24,47 @@ TEST(ReportData, RecordOfAResultIsWhatItsResultDocumentGivesBack)
     checked.facts.hash256 = std::string(64, 'A');
     checked.facts.fkey = 0x0123456789ABCDEF;
     checked.facts.clipDuration = 600'000'000;
-    checked.issues.add(QcIssueCategory::Frames, QcSeverity::Low, QcStreamKind::Video, 0,
-                       "Gap in TC of 0.30 at 4.00");
-    checked.issues.add(QcIssueCategory::Audio, QcSeverity::Highest, QcStreamKind::Audio, 1,
-                       "Silence for 12.00 sec from 1.00");
+    // The streams' facts and the issues' places come back too; a clip's start is its
+    // earliest stream's.
+    checked.facts.clipStart = 9'999'999;
+    checked.facts.streams = {
+        {StreamType::Video,
+         "h264",
+         10'000'000,
+         600'000'000,
+         0,
+         kNoTime,
+         kNoTime,
+         1920,
+         1080,
+         1,
+         1,
+         30000,
+         1001,
+         0,
+         0,
+         {}},
+        {StreamType::Audio,
+         "pcm_s24le",
+         9'999'999,
+         kNoTime,
+         0,
+         kNoTime,
+         kNoTime,
+         0,
+         0,
+         0,
+         0,
+         0,
+         0,
+         6,
+         48000,
+         {'e', 'n', 'g', 0}},
+        {StreamType::Data, "", kNoTime, 0, 0, kNoTime, kNoTime, 0, 0, 0, 0, 0, 0, 0, 0, {}}};
+    checked.issues.add({QcIssueCategory::Frames, QcSeverity::Low, QcStreamKind::Video, 0,
+                        "Gap in TC of 0.30 at 4.00", 40'000'001, kNoTime});
+    checked.issues.add({QcIssueCategory::Audio, QcSeverity::Highest, QcStreamKind::Audio, 1,
+                        "Silence for 12.00 sec from 1.00", 10'000'000, 120'000'000});
     checked.issues.add(QcIssueCategory::MediaTime, QcSeverity::Warning, QcStreamKind::None, -1,
                        " leading space & <text>\r\n");
     const QcResult clean = [] {

@@ -56,7 +56,7 @@ QcResult sampleResult()
     return QcResult{"/in/clip.mxf", 3, true,
                     MediaFacts{0x20, 0, 411'783'797, 0x01D9F00DCAFEBABEull, 0x01D9F00DCAFEBABFull,
                                0, 60 * kSec, 60 * kSec, std::string(64, 'A'), 0x0123456789ABCDEFull,
-                               std::vector<StreamFacts>{video, audio}},
+                               std::vector<StreamFacts>{video, audio}, "mxf"},
                     QcIssueList()};
 }
 

@@ -9,8 +9,10 @@
 #include <QTest>
 #include <QTextEdit>
 #include <QTimer>
+#include <QTreeWidgetItemIterator>
 #include <QUrl>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <random>
@@ -24,6 +26,7 @@
 #include "settings/profilestore.h"
 #include "tests/support/testsupport.h"
 #include "tests/ui/resultdocument.h"
+#include "ui/cliptimeline.h"
 #include "ui/mainwindow.h"
 #include "ui/resultpanes.h"
 #include "ui/tasklistmodel.h"
@@ -437,7 +440,10 @@ TEST_F(MainWindowTest, LayoutFollowsTheGripAtEverySize)
         EXPECT_EQ(w.control(kIdCheckAll)->parentWidget()->geometry(), QRect(0, g - 40, wd, 20));
         EXPECT_EQ(w.control(kIdProgressBar)->geometry(), QRect(0, g - 20, wd, 20));
         EXPECT_EQ(grip->geometry(), QRect(0, g, wd, b - g));
-        EXPECT_EQ(w.control(kIdIssueTree)->parentWidget()->geometry(), QRect(0, b, wd, h - b - 20));
+        // The lower pane: the splitter of the issues (tree and timeline) and the facts.
+        const QWidget* lowerPane = w.control(kIdFactsPanel)->parentWidget();
+        EXPECT_EQ(w.control(kIdTimeline)->parentWidget()->parentWidget(), lowerPane);
+        EXPECT_EQ(lowerPane->geometry(), QRect(0, b, wd, h - b - 20));
         EXPECT_EQ(w.control(kIdTitleCell)->parentWidget()->geometry(), QRect(0, h - 20, wd, 20));
     }
 }
@@ -677,6 +683,91 @@ TEST_F(MainWindowTest, CheckLevelOptionIsStoredAndChecksAtIt)
         w.command(kIdCheckSelected);
         ASSERT_TRUE(waitForState(w, RunState::Idle));
         EXPECT_EQ(w.taskList().item(0).result()->checkLevel, level);
+    }
+}
+
+// The selected clip's timeline marks each placed issue where it lies in the clip; choosing
+// an issue in the tree marks it on the timeline and shows its picture, and clicking a mark
+// chooses its issue in the tree.
+TEST_F(MainWindowTest, TimelineMarksTheIssuesAndFollowsTheTreeBothWays)
+{
+    MainWindow w;
+    QMenu* options = static_cast<QPushButton*>(w.control(kIdOptionsButton))->menu();
+    options->actions().at(3)->trigger(); // level 4: a frozen run as well as the gap
+    w.taskList().AppendFromCommandLine(test::testClip("jump_video_high.ts").string());
+    w.resize(900, 700);
+    w.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&w));
+    w.start();
+    w.command(kIdCheckAll);
+    ASSERT_TRUE(waitForState(w, RunState::Idle));
+    select(w, 0);
+    const QcResult& result = *w.taskList().item(0).result();
+    auto* timeline = static_cast<ClipTimeline*>(w.control(kIdTimeline));
+    ASSERT_GT(timeline->span(), 0.0);
+
+    std::vector<int> placed;
+    for (std::size_t i = 0; i < result.issues.size(); ++i) {
+        const QcIssue& issue = result.issues.at(i);
+        if (!issue.hasPosition()) {
+            continue;
+        }
+        placed.push_back(static_cast<int>(i));
+        SCOPED_TRACE(issue.text);
+        // Video starts with the clip here: the mark's left edge is at / span of the lanes.
+        const QRect mark = timeline->markRect(static_cast<int>(i));
+        const double share = hundredNsToSeconds(issue.at) / timeline->span();
+        EXPECT_NEAR(mark.left(), timeline->lanesLeft() + share * timeline->lanesWidth(), 1.5);
+        if (issue.length != kNoTime) {
+            EXPECT_NEAR(
+                mark.width(),
+                hundredNsToSeconds(issue.length) / timeline->span() * timeline->lanesWidth(), 1.5);
+        }
+    }
+    ASSERT_EQ(placed.size(), 2U) << "the gap at 4.00 and the frozen run";
+    EXPECT_EQ(timeline->markCount(), 2);
+
+    const auto treeRowOf = [&](int issue) -> QTreeWidgetItem* {
+        for (QTreeWidgetItemIterator it(tree(w)); *it != nullptr; ++it) {
+            if ((*it)->data(kIssueSeverityColumn, kIssueIndexRole) == issue) {
+                return *it;
+            }
+        }
+        return nullptr;
+    };
+    auto* picture = static_cast<QLabel*>(w.control(kIdIssuePicture));
+    for (const int issue : placed) {
+        SCOPED_TRACE(result.issues.at(static_cast<std::size_t>(issue)).text);
+        QTreeWidgetItem* row = treeRowOf(issue);
+        ASSERT_NE(row, nullptr);
+        tree(w)->setCurrentItem(row);
+        EXPECT_EQ(timeline->selectedIssue(), issue);
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !picture->pixmap().isNull(); }, 20000))
+            << picture->text().toStdString();
+        EXPECT_EQ(picture->pixmap().width(), 160);
+    }
+    // The other way: a click on each mark chooses its issue's row.
+    for (const int issue : {placed[1], placed[0]}) {
+        QTest::mouseClick(timeline, Qt::LeftButton, {},
+                          timeline->markRect(issue).center() + QPoint(1, 0));
+        ASSERT_NE(tree(w)->currentItem(), nullptr);
+        EXPECT_EQ(tree(w)->currentItem()->data(kIssueSeverityColumn, kIssueIndexRole), issue);
+        EXPECT_EQ(timeline->selectedIssue(), issue);
+    }
+    // An issue without a place marks nothing and takes no picture.
+    for (std::size_t i = 0; i < result.issues.size(); ++i) {
+        if (!result.issues.at(i).hasPosition()) {
+            tree(w)->setCurrentItem(treeRowOf(static_cast<int>(i)));
+            EXPECT_EQ(timeline->selectedIssue(), -1);
+            EXPECT_TRUE(picture->isHidden());
+            break;
+        }
+    }
+    if (const char* shots = std::getenv("TARVOQC_SCREENSHOTS")) {
+        tree(w)->setCurrentItem(treeRowOf(placed[1]));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return !picture->pixmap().isNull(); }, 20000));
+        QTest::qWait(100); // the picture's row takes its height
+        w.grab().save(QString::fromLocal8Bit(shots) + "/window-timeline.png");
     }
 }
 
