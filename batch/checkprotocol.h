@@ -60,7 +60,7 @@ struct WorkerReady
 
     bool operator==(const WorkerReady&) const = default;
 };
-inline constexpr std::uint32_t kCheckProtocolVersion = 1;
+inline constexpr std::uint32_t kCheckProtocolVersion = 2;
 
 // Sent while a check runs whenever something moved: progress is the checker's counter
 // (0..kProgressMax); activity counts the reads and decoded frames, so that a long stretch

@@ -54,6 +54,7 @@ void RunController::startRunner(TaskItem& item)
     auto runner = std::make_unique<CheckRunner>(
         item, m_options.level, m_options.decoderThreadOption, worker, m_options.check);
     runner->setEndSignal(m_endSignal);
+    runner->setProfile(m_options.profile);
     runner->StartCheck();
     m_runners.push_back(std::move(runner));
 }

@@ -704,6 +704,9 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
         }
     }
     result.path = path;
+    if (settings.profile != nullptr) {
+        applyDeliveryProfile(*settings.profile, result);
+    }
 
     // A cancelled check is unfinished; a clip that changed or went during the check is
     // looked at again in the next pass.

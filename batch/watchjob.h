@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "batch/deliveryprofile.h"
 #include "batch/watchclaims.h"
 #include "batch/workerprocess.h"
 #include "engine/checkoptions.h"
@@ -50,6 +51,9 @@ struct WatchJobSettings
     WorkerSpec worker{kThreadPriorityNormal};
     // "Settle.Time": the seconds a clip must stand unchanged before it is checked.
     int settleSeconds = 5;
+    // The delivery profile each result is graded by ("Job00" or "Options" key
+    // "Check.Profile", its loudness rule in check); null for none.
+    std::shared_ptr<const DeliveryProfile> profile{};
 
     bool operator==(const WatchJobSettings&) const = default;
 };

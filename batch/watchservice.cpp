@@ -13,9 +13,10 @@ namespace tarvoqc {
 WatchJobSettings loadWatchServiceSettings(const std::string& settingsPath)
 {
     WatchJobSettings settings = loadWatchJobSettings(settingsPath);
-    const CheckSettings check = loadCheckSettings(settingsPath);
+    const CheckSettings check = loadCheckSettings(settingsPath, true);
     settings.checkLevel = check.level;
     settings.check = check.options;
+    settings.profile = check.profile;
     settings.worker.memoryLimitBytes = check.worker.memoryLimitBytes;
     settings.worker.hangTimeout = check.worker.hangTimeout;
     return settings;

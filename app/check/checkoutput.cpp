@@ -62,18 +62,22 @@ nlohmann::json jsonReport(const QcResult& result)
         std::snprintf(hex, sizeof hex, "%016" PRIX64, facts.fkey);
         fkey = hex;
     }
-    return {{"path", result.path},
-            {"score", result.score()},
-            {"result", scoreText(result.score())},
-            {"level", result.checkLevel},
-            {"size", facts.fileSize},
-            {"hash256", facts.hash256},
-            {"fkey", fkey},
-            {"start", seconds(facts.clipStart)},
-            {"duration", seconds(facts.clipDuration)},
-            {"qcDuration", seconds(facts.qcDuration)},
-            {"streams", streams},
-            {"issues", issues}};
+    nlohmann::json line = {{"path", result.path},
+                           {"score", result.score()},
+                           {"result", scoreText(result.score())},
+                           {"level", result.checkLevel},
+                           {"size", facts.fileSize},
+                           {"hash256", facts.hash256},
+                           {"fkey", fkey},
+                           {"start", seconds(facts.clipStart)},
+                           {"duration", seconds(facts.clipDuration)},
+                           {"qcDuration", seconds(facts.qcDuration)},
+                           {"streams", streams},
+                           {"issues", issues}};
+    if (!result.profile.empty()) {
+        line["profile"] = result.profile;
+    }
+    return line;
 }
 
 std::string jsonLine(const QcResult& result)
