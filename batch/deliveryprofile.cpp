@@ -72,7 +72,7 @@ constexpr RuleDef kRules[] = {
     {"Data.Streams", Kind::Counts, Scope::Clip, Cat::Codec, Sev::Low, "Data streams"},
     {"Duration", Kind::Times, Scope::Clip, Cat::MediaTime, Sev::High, "Duration"},
     {"Start", Kind::Times, Scope::Clip, Cat::MediaTime, Sev::Low, "Start"},
-    {"BitRate", Kind::Decimals, Scope::Clip, Cat::Codec, Sev::Low, "Bit rate (kbit/s)"},
+    {"BitRate", Kind::Decimals, Scope::Clip, Cat::Codec, Sev::Low, "Bit rate"},
 };
 
 const RuleDef* findRule(std::string_view key)
@@ -819,9 +819,11 @@ void applyDeliveryProfile(const DeliveryProfile& profile, QcResult& result)
                 }
                 // A fact the clip does not state cannot be confirmed: said, as a Warning.
                 const Sev severity = found.known ? rule.severity : Sev::Warning;
+                // Bit rates are said with their unit: the file's own is no common number.
+                const std::string unit = def.key == "BitRate" && found.known ? " kbit/s" : "";
                 result.issues.add(def.category, severity, kind, index,
-                                  std::string(def.label) + " " + found.text + ", profile wants " +
-                                      rule.wanted);
+                                  std::string(def.label) + " " + found.text + unit +
+                                      ", profile wants " + rule.wanted + unit);
             };
             if (def.scope == Scope::Clip) {
                 judge(clipFact(def, result.facts), -1, QcStreamKind::None);

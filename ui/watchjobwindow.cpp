@@ -321,7 +321,11 @@ WatchJobWindow::WatchJobWindow(QWidget* parent) : CWDlgClass(parent)
     m_log.writeNow("Start " + m_title.toStdString());
 
     m_job = std::make_unique<WatchJob>(&m_log);
-    m_job->setSettings(loadWatchServiceSettings(settingsPath()));
+    std::string profileError;
+    m_job->setSettings(loadWatchServiceSettings(settingsPath(), &profileError));
+    if (!profileError.empty()) {
+        m_log.writeNow("Profile not used: " + profileError);
+    }
 
     connect(&m_timer, &QTimer::timeout, this, &WatchJobWindow::followJob);
     m_timer.start(1000);

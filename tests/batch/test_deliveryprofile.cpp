@@ -199,6 +199,8 @@ TEST(DeliveryProfile, FormatRulesOnRealClips)
          "Duration 2.00, profile wants 10:00-10:30"},
         {"wide", "Duration = 10:00-10:30\nDuration.Severity = Highest", Cat::MediaTime,
          Sev::Highest, -1, "Duration 2.00, profile wants 10:00-10:30"},
+        {"wide", "BitRate = 5000-9000", Cat::Codec, Sev::Low, -1,
+         "Bit rate 419 kbit/s, profile wants 5000-9000 kbit/s"},
         // A colour description the clip does not carry cannot be confirmed: a Warning.
         {"wide", "Video.ColourPrimaries = bt709", Cat::Codec, Sev::Warning, 0,
          "Colour primaries unknown, profile wants bt709"},

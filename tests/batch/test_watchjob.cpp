@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "batch/watchjob.h"
+#include "batch/watchservice.h"
 #include "batch/workerprocess.h"
 #include "engine/clipchecker.h"
 #include "results/dailylog.h"
@@ -271,6 +272,39 @@ TEST(WatchJob, SettingsOfSectionJob00)
         // Out of range, a threshold makes no clip GOOD, not every clip.
         EXPECT_EQ(isGoodClip(kBestScore, threshold), threshold >= 0 && threshold <= 5);
     }
+}
+
+// The watch job grades by the delivery profile of "Job00" (over the one of "Options"): a
+// clean clip that is not what the station's profile wants goes to BAD with the rule broken
+// in its result document. A profile that does not load is named and not used.
+TEST(WatchJob, DeliveryProfileOfTheJobGradesItsClips)
+{
+    Watch w;
+    const std::string ini = (w.dir / "TarvoQC.ini").string();
+    const std::string profile = (w.dir / "station.ini").string();
+    writeFile(profile, "[Profile]\nName = Station\n[Format]\nContainer = mp4\n");
+    writeFile(ini, "[Options]\nCheck.Profile=technical\n[Job00]\nCheck.Profile=" + profile + "\n");
+    std::string error;
+    const WatchJobSettings loaded = loadWatchServiceSettings(ini, &error);
+    ASSERT_NE(loaded.profile, nullptr);
+    EXPECT_EQ(loaded.profile->name, "Station");
+    EXPECT_EQ(error, "");
+
+    w.start(3, true, true);
+    WatchJobSettings settings = w.job.settings();
+    settings.profile = loaded.profile;
+    w.job.setSettings(settings);
+    ASSERT_TRUE(w.job.Start());
+    w.drop(readFile(test::testClip(kClean)), "clean.mxf", w.src);
+    w.pass();
+    ASSERT_TRUE(fs::exists(w.bad / "clean.mxf"));
+    const std::string document = test::asciiOfUtf16(readFile(w.bad / "clean.mxf.qcout"));
+    EXPECT_NE(document.find("Profile=\"Station\""), std::string::npos) << document;
+    EXPECT_NE(document.find("Container mxf, profile wants mp4"), std::string::npos) << document;
+
+    writeFile(profile, "[Format]\nContainer mp4\n");
+    EXPECT_EQ(loadWatchServiceSettings(ini, &error).profile, nullptr);
+    EXPECT_NE(error.find("station.ini:2: no '=' in the line"), std::string::npos) << error;
 }
 
 // A start while running hands new settings to the next pass: disabled, nothing moves;
