@@ -369,7 +369,9 @@ std::optional<DeliveryProfile> parseDeliveryProfile(std::string_view text,
         if (value.empty()) {
             return fail(key + " has no value");
         }
-        const auto [previous, fresh] = seen.emplace(section + "/" + key, lineNumber);
+        std::string where = section;
+        where.append("/").append(key);
+        const auto [previous, fresh] = seen.emplace(std::move(where), lineNumber);
         if (!fresh) {
             return fail(key + " given twice (first on line " + std::to_string(previous->second) +
                         ")");
@@ -465,14 +467,17 @@ std::optional<DeliveryProfile> parseDeliveryProfile(std::string_view text,
             profile.overrides.push_back(std::move(entry));
         }
     }
-    for (const auto& [key, severity] : ruleSeverities) {
+    for (const auto& entry : ruleSeverities) {
+        const std::string& key = entry.first;
         const auto rule = std::find_if(profile.rules.begin(), profile.rules.end(),
-                                       [&](const ProfileRule& r) { return r.key == key; });
+                                       [&key](const ProfileRule& r) { return r.key == key; });
         if (rule == profile.rules.end()) {
-            lineNumber = severity.second;
-            return fail(key + ".Severity without the rule " + key);
+            lineNumber = entry.second.second;
+            std::string reason = key;
+            reason.append(".Severity without the rule ").append(key);
+            return fail(reason);
         }
-        rule->severity = severity.first;
+        rule->severity = entry.second.first;
     }
     if (profile.name.empty()) {
         profile.name = std::filesystem::path(fileName).stem().string();
@@ -501,6 +506,7 @@ std::optional<DeliveryProfile> loadDeliveryProfile(const std::string& path, std:
 std::vector<std::string> profileFolders()
 {
     std::vector<std::string> folders;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the programs never change their environment
     if (const char* own = std::getenv("TARVOQC_PROFILES"); own != nullptr && *own != '\0') {
         folders.push_back(std::string(own) + "/");
     }
@@ -821,9 +827,10 @@ void applyDeliveryProfile(const DeliveryProfile& profile, QcResult& result)
                 const Sev severity = found.known ? rule.severity : Sev::Warning;
                 // Bit rates are said with their unit: the file's own is no common number.
                 const std::string unit = def.key == "BitRate" && found.known ? " kbit/s" : "";
-                result.issues.add(def.category, severity, kind, index,
-                                  std::string(def.label) + " " + found.text + unit +
-                                      ", profile wants " + rule.wanted + unit);
+                std::string text(def.label);
+                text.append(" ").append(found.text).append(unit);
+                text.append(", profile wants ").append(rule.wanted).append(unit);
+                result.issues.add(def.category, severity, kind, index, text);
             };
             if (def.scope == Scope::Clip) {
                 judge(clipFact(def, result.facts), -1, QcStreamKind::None);

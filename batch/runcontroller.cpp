@@ -4,11 +4,12 @@
 #include <chrono>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace tarvoqc {
 
 RunController::RunController(TaskList& list, RunControllerOptions options)
-    : m_list(list), m_options(options)
+    : m_list(list), m_options(std::move(options))
 {}
 
 RunController::~RunController()

@@ -55,7 +55,7 @@ QString fromUtf8(std::string_view text)
 } // namespace
 
 MainWindow::MainWindow(MainWindowOptions options, QWidget* parent)
-    : CWDlgClass(parent), m_options(options)
+    : CWDlgClass(parent), m_options(std::move(options))
 {
     setKitMainWindow(this);
     setWindowFlags(Qt::Window | Qt::WindowMinMaxButtonsHint | Qt::WindowCloseButtonHint);

@@ -179,7 +179,8 @@ WatchJobSetupDialog::WatchJobSetupDialog(const WatchJobSettings& settings, QWidg
             m_thresholdMenu->addSeparator();
         }
     }
-    threshold->setMenu(m_thresholdMenu);
+    // The group belongs to the menu, its parent, which the analyzer does not follow.
+    threshold->setMenu(m_thresholdMenu); // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
 
     auto* good = new CMkButton(QStringLiteral("Move GOOD clips to folder:"), kIdGoodToggle, this);
     good->setToggle(true);

@@ -1,5 +1,6 @@
 #include <filesystem>
 #include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -80,6 +81,36 @@ TEST(DeliveryProfile, BrokenProfilesAreRefusedWithTheirLineAndReason)
         std::string error;
         EXPECT_FALSE(parseDeliveryProfile(row.text, "test.ini", error).has_value()) << row.text;
         EXPECT_TRUE(error.starts_with(row.error)) << row.text << " gave: " << error;
+    }
+}
+
+// Hostile bytes: every mutation of a real profile either parses or is refused with its
+// file and line, never a crash (run under the sanitizers too).
+TEST(DeliveryProfile, MangledProfilesParseOrAreRefusedWithALine)
+{
+    const std::string base =
+        test::readFile(std::filesystem::path(TARVOQC_SOURCE_DIR) / "profiles" / "ebu-r128-hd.ini") +
+        "[Severity]\n* decoder: * = at least High\n";
+    std::mt19937 random(20261125);
+    for (int round = 0; round < 3000; ++round) {
+        std::string text = base;
+        for (int edits = 1 + static_cast<int>(random() % 4); edits > 0; --edits) {
+            const std::size_t at = random() % text.size();
+            switch (random() % 3) {
+            case 0:
+                text[at] = static_cast<char>(random() % 256);
+                break;
+            case 1:
+                text.erase(at, 1 + random() % 8);
+                break;
+            default:
+                text.insert(at, std::string(1 + random() % 3, "=-,:[]*x0\n"[random() % 10]));
+            }
+        }
+        std::string error;
+        if (!parseDeliveryProfile(text, "m.ini", error)) {
+            ASSERT_TRUE(error.starts_with("m.ini:")) << error;
+        }
     }
 }
 

@@ -531,7 +531,7 @@ namespace {
 TEST(WatchJob, AClipThatCrashesItsCheckIsBadOnceAndTheJobGoesOn)
 {
     closeIdleWorkers(); // the next workers start with the fault rule
-    ::setenv("TARVOQC_WORKER_FAULT", "segv:crash-me", 1);
+    ::setenv("TARVOQC_WORKER_FAULT", "segv:crash-me", 1); // NOLINT(concurrency-mt-unsafe)
     Watch w;
     const std::string bytes = readFile(test::testClip(kClean));
     const fs::path crashing = w.drop(bytes, "crash-me.mxf", w.src);
@@ -548,7 +548,7 @@ TEST(WatchJob, AClipThatCrashesItsCheckIsBadOnceAndTheJobGoesOn)
     w.drop(bytes, "fine.mxf", w.src);
     w.pass();
     w.pass();
-    ::unsetenv("TARVOQC_WORKER_FAULT");
+    ::unsetenv("TARVOQC_WORKER_FAULT"); // NOLINT(concurrency-mt-unsafe)
     EXPECT_TRUE(w.job.isRunning());
     expectClipAt(w, w.bad / "crash-me.mxf", test::testClip(kClean), "0/5 ERROR");
     expectClipAt(w, w.good / "fine.mxf", test::testClip(kClean), "5/5 OK");
