@@ -93,7 +93,7 @@ private:
 };
 
 // Every member of ClipCheckOptions travels; one added there must be added here too.
-static_assert(sizeof(ClipCheckOptions) == 64, "a new check option must travel to the worker");
+static_assert(sizeof(ClipCheckOptions) == 96, "a new check option must travel to the worker");
 
 void putOptional(Writer& out, const std::optional<double>& value)
 {
@@ -120,6 +120,10 @@ void putOptions(Writer& out, const ClipCheckOptions& options)
     out.put(static_cast<std::uint8_t>(options.loudnessRule ? 1 : 0));
     putOptional(out, options.shortFormMaxShortTerm);
     putOptional(out, options.shortFormMaxMomentary);
+    out.put(options.minBlackSeconds);
+    out.put(options.minFrozenSeconds);
+    out.put(options.minSilenceSeconds);
+    out.put(static_cast<std::uint8_t>(options.leadRunsAllowed ? 1 : 0));
 }
 
 ClipCheckOptions getOptions(Reader& in)
@@ -136,6 +140,15 @@ ClipCheckOptions getOptions(Reader& in)
     options.loudnessRule = rule == 1;
     options.shortFormMaxShortTerm = getOptional(in);
     options.shortFormMaxMomentary = getOptional(in);
+    options.minBlackSeconds = in.get<double>();
+    options.minFrozenSeconds = in.get<double>();
+    options.minSilenceSeconds = in.get<double>();
+    const auto lead = in.get<std::uint8_t>();
+    if (lead > 1 || !(options.minBlackSeconds >= 0) || !(options.minFrozenSeconds >= 0) ||
+        !(options.minSilenceSeconds >= 0)) {
+        in.fail();
+    }
+    options.leadRunsAllowed = lead == 1;
     return options;
 }
 
@@ -156,6 +169,12 @@ void putStream(Writer& out, const StreamFacts& stream)
     for (const char c : stream.language) {
         out.put(c);
     }
+    out.putText(stream.pixelFormat);
+    out.put(stream.fieldOrder);
+    out.put(stream.bitDepth);
+    out.putText(stream.colourPrimaries);
+    out.putText(stream.colourTransfer);
+    out.putText(stream.colourMatrix);
 }
 
 StreamFacts getStream(Reader& in)
@@ -181,6 +200,12 @@ StreamFacts getStream(Reader& in)
     for (char& c : stream.language) {
         c = in.get<char>();
     }
+    stream.pixelFormat = in.getText();
+    stream.fieldOrder = in.get<std::int32_t>();
+    stream.bitDepth = in.get<std::int32_t>();
+    stream.colourPrimaries = in.getText();
+    stream.colourTransfer = in.getText();
+    stream.colourMatrix = in.getText();
     return stream;
 }
 

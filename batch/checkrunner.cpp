@@ -5,7 +5,7 @@
 
 namespace tarvoqc {
 
-CheckSettings loadCheckSettings(const std::string& settingsPath)
+CheckSettings loadCheckSettings(const std::string& settingsPath, bool watchJob)
 {
     CheckSettings settings;
     if (const int level = readSettingNumber(settingsPath, kCheckLevel); level >= 1 && level <= 4) {
@@ -21,6 +21,21 @@ CheckSettings loadCheckSettings(const std::string& settingsPath)
         settings.options.loudnessRule =
             settings.options.loudnessRule ||
             readProfileString(settingsPath, key->section, key->key, kAbsent) != kAbsent;
+    }
+    std::string name = watchJob ? readSettingText(settingsPath, kJobProfile) : std::string();
+    if (name.empty()) {
+        name = readSettingText(settingsPath, kCheckProfile);
+    }
+    if (!name.empty()) {
+        std::string error;
+        if (auto profile = findDeliveryProfile(name, error)) {
+            applyProfileOptions(*profile, settings.options);
+            if (!profile->technical()) {
+                settings.profile = std::make_shared<const DeliveryProfile>(std::move(*profile));
+            }
+        } else {
+            settings.profileError = error;
+        }
     }
     if (const int mib = readSettingNumber(settingsPath, kCheckMaxMemory); mib >= 0) {
         settings.worker.memoryLimitBytes = static_cast<std::uint64_t>(mib) * 1024 * 1024;
@@ -57,6 +72,15 @@ CheckRunner::CheckRunner(const TaskItem& item, CheckLevel level, int decoderThre
 CheckRunner::~CheckRunner()
 {
     Stop();
+}
+
+QcResult CheckRunner::result() const
+{
+    QcResult result = m_check.snapshot();
+    if (m_profile != nullptr && checkEnded()) {
+        applyDeliveryProfile(*m_profile, result);
+    }
+    return result;
 }
 
 void CheckRunner::StartCheck()

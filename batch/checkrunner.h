@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include "batch/deliveryprofile.h"
 #include "batch/workerprocess.h"
 #include "batch/workerthread.h"
 #include "engine/checkoptions.h"
@@ -33,8 +34,14 @@ struct CheckSettings
     CheckLevel level = kDefaultCheckLevel;
     ClipCheckOptions options;
     WorkerLimits worker;
+    // "Check.Profile": the delivery profile by name or file (its loudness rule already in
+    // options); null for none or "technical". profileError: why the one named was refused
+    // (the checks then run without one).
+    std::shared_ptr<const DeliveryProfile> profile{};
+    std::string profileError{};
 };
-CheckSettings loadCheckSettings(const std::string& settingsPath);
+// watchJob: the "Job00" key "Check.Profile", when given, names the profile instead.
+CheckSettings loadCheckSettings(const std::string& settingsPath, bool watchJob = false);
 
 // Tells an owner of several runners that one of them has ended its check, so that it can
 // start the next clip at once instead of at its next poll. Runners call notify() last
@@ -90,14 +97,20 @@ public:
     // Notified when the check ends (not after a forced abort). Set before StartCheck; shared,
     // because a runner whose thread is held in the kernel may outlive its owner.
     void setEndSignal(std::shared_ptr<RunnerEndSignal> signal) { m_endSignal = std::move(signal); }
+    // The delivery profile the finished result is graded by (null: none). Set before
+    // StartCheck. The profile's loudness rule is the caller's to put into the options.
+    void setProfile(std::shared_ptr<const DeliveryProfile> profile)
+    {
+        m_profile = std::move(profile);
+    }
 
     std::uint64_t itemId() const { return m_itemId; }
     const std::string& path() const { return m_path; }
     std::int32_t progress() const { return m_check.progress(); }
     // The process checking the clip now; 0 before and after.
     pid_t workerPid() const { return m_check.workerPid(); }
-    // What is known so far; the whole result once checkEnded().
-    QcResult result() const { return m_check.snapshot(); }
+    // What is known so far; the whole result once checkEnded(), graded by the profile.
+    QcResult result() const;
 
 protected:
     int Run() override;
@@ -109,6 +122,7 @@ private:
     IsolatedCheck m_check;
     std::atomic<bool> m_checkEnded{false};
     std::shared_ptr<RunnerEndSignal> m_endSignal;
+    std::shared_ptr<const DeliveryProfile> m_profile;
 };
 
 } // namespace tarvoqc

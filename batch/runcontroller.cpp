@@ -4,11 +4,12 @@
 #include <chrono>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace tarvoqc {
 
 RunController::RunController(TaskList& list, RunControllerOptions options)
-    : m_list(list), m_options(options)
+    : m_list(list), m_options(std::move(options))
 {}
 
 RunController::~RunController()
@@ -55,6 +56,7 @@ void RunController::startRunner(TaskItem& item)
     auto runner = std::make_unique<CheckRunner>(
         item, m_options.level, m_options.decoderThreadOption, worker, m_options.check);
     runner->setEndSignal(m_endSignal);
+    runner->setProfile(m_options.profile);
     runner->StartCheck();
     m_runners.push_back(std::move(runner));
 }

@@ -36,6 +36,9 @@ struct RunControllerOptions
     // The limits of each check's process (batch/workerprocess.h).
     std::uint64_t memoryLimitBytes = WorkerLimits{}.memoryLimitBytes;
     std::chrono::milliseconds hangTimeout = WorkerLimits{}.hangTimeout;
+    // The delivery profile every result is graded by (null: none); its loudness rule
+    // belongs in check.
+    std::shared_ptr<const DeliveryProfile> profile{};
 };
 
 // What one tick did, for the window (or the command line) to show.

@@ -84,6 +84,7 @@ std::vector<FolderEntry> scanFolder(const std::string& folder)
     if (dir == nullptr) {
         return entries;
     }
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): each stream is read by one thread only
     while (const dirent* entry = ::readdir(dir)) {
         const std::string name = entry->d_name;
         if (IsMediaFileName(name) == 0) {
@@ -122,6 +123,7 @@ bool writeDocument(const std::string& path, const QcResult& result, std::string&
     if (document.Save(path)) {
         return true;
     }
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): glibc's texts for known errors are constant
     error = errno != 0 ? std::strerror(errno) : "cannot be written";
     return false;
 }
@@ -170,6 +172,7 @@ std::set<std::pair<std::uint64_t, std::uint64_t>> filesOpenForWriting()
         return files;
     }
     const std::string self = std::to_string(::getpid());
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): each stream is read by one thread only
     while (const dirent* process = ::readdir(processes)) {
         const std::string pid = process->d_name;
         if (pid.empty() || pid.find_first_not_of("0123456789") != std::string::npos ||
@@ -181,6 +184,7 @@ std::set<std::pair<std::uint64_t, std::uint64_t>> filesOpenForWriting()
         if (fds == nullptr) {
             continue;
         }
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): each stream is read by one thread only
         while (const dirent* fd = ::readdir(fds)) {
             if (fd->d_name[0] == '.') {
                 continue;
@@ -210,6 +214,7 @@ std::set<std::pair<std::uint64_t, std::uint64_t>> filesOpenForWriting()
 // reaches that step, so that a test can kill it there and prove the recovery.
 void freezeIfAsked(const char* step)
 {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the programs never change their environment
     static const char* const asked = std::getenv("TARVOQC_WATCH_FREEZE");
     if (asked != nullptr && std::strcmp(asked, step) == 0) {
         ::raise(SIGSTOP);
@@ -704,6 +709,9 @@ void WatchJob::processClip(const WatchJobSettings& settings, const std::string& 
         }
     }
     result.path = path;
+    if (settings.profile != nullptr) {
+        applyDeliveryProfile(*settings.profile, result);
+    }
 
     // A cancelled check is unfinished; a clip that changed or went during the check is
     // looked at again in the next pass.
@@ -866,6 +874,7 @@ std::int32_t WatchJob::moveClaimed(const std::string& name, const std::string& t
     const std::string source = m_claims->watched() + name;
     if (::unlink(claimed.c_str()) != 0) {
         // Two copies of one clip would be worse than none moved: the copy goes again.
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): glibc's texts for known errors are constant
         error = std::string("Cannot delete source ") + claimed + ": " + std::strerror(errno);
         ::unlink(document.c_str());
         ::unlink(finalPath.c_str());

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "batch/deliveryprofile.h"
 #include "batch/watchclaims.h"
 #include "batch/workerprocess.h"
 #include "engine/checkoptions.h"
@@ -51,6 +52,9 @@ struct WatchJobSettings
     WorkerLimits worker{kThreadPriorityNormal};
     // "Settle.Time": the seconds a clip must stand unchanged before it is checked.
     int settleSeconds = kDefaultSettleSeconds;
+    // The delivery profile each result is graded by ("Job00" or "Options" key
+    // "Check.Profile", its loudness rule in check); null for none.
+    std::shared_ptr<const DeliveryProfile> profile{};
 
     bool operator==(const WatchJobSettings&) const = default;
 };

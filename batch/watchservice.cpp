@@ -10,12 +10,17 @@
 
 namespace tarvoqc {
 
-WatchJobSettings loadWatchServiceSettings(const std::string& settingsPath)
+WatchJobSettings loadWatchServiceSettings(const std::string& settingsPath,
+                                          std::string* profileError)
 {
     WatchJobSettings settings = loadWatchJobSettings(settingsPath);
-    const CheckSettings check = loadCheckSettings(settingsPath);
+    const CheckSettings check = loadCheckSettings(settingsPath, true);
     settings.checkLevel = check.level;
     settings.check = check.options;
+    settings.profile = check.profile;
+    if (profileError != nullptr) {
+        *profileError = check.profileError;
+    }
     settings.worker.memoryLimitBytes = check.worker.memoryLimitBytes;
     settings.worker.hangTimeout = check.worker.hangTimeout;
     return settings;
@@ -39,7 +44,11 @@ WatchService::~WatchService()
 
 void WatchService::reloadSettings()
 {
-    m_job.setSettings(loadWatchServiceSettings(m_settingsPath));
+    std::string profileError;
+    m_job.setSettings(loadWatchServiceSettings(m_settingsPath, &profileError));
+    if (!profileError.empty()) {
+        m_log.writeNow("Profile not used: " + profileError);
+    }
 }
 
 int WatchService::run(bool once)

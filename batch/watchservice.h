@@ -8,8 +8,11 @@
 namespace tarvoqc {
 
 // The settings a watch service runs with: section "Job00", and how deep and with which
-// limits it checks from section "Options" (see loadCheckSettings).
-WatchJobSettings loadWatchServiceSettings(const std::string& settingsPath);
+// limits it checks from section "Options" (see loadCheckSettings), with the delivery
+// profile of "Job00" or else of "Options". profileError: why the profile named could not
+// be used (the job then checks without one), empty when it could.
+WatchJobSettings loadWatchServiceSettings(const std::string& settingsPath,
+                                          std::string* profileError = nullptr);
 
 // The watch job as a program runs it, with or without a window: the daily log in logsFolder
 // ("QC YYYY-MM-DD.log"), begun with "Start <title>" and ended with "Exit <title>", and the

@@ -29,6 +29,14 @@ struct ClipCheckOptions
     // limit. Applied only with loudnessRule.
     std::optional<double> shortFormMaxShortTerm{};
     std::optional<double> shortFormMaxMomentary{};
+    // Level 4's picture and sound runs: the shortest black, frozen and silent runs told, in
+    // seconds, and whether a run that touches the stream's first or last frame (a lead-in
+    // or lead-out) is allowed, and so only a Warning, or graded as any other run. A
+    // delivery profile may ask for others.
+    double minBlackSeconds = 1.0;
+    double minFrozenSeconds = 2.0;
+    double minSilenceSeconds = 2.0;
+    bool leadRunsAllowed = true;
 
     bool operator==(const ClipCheckOptions&) const = default;
 };

@@ -297,6 +297,7 @@ bool ClipChecker::Open(const std::string& path, CheckLevel level, int decoderThr
     const char* formatName = format->iformat != nullptr ? format->iformat->name : "";
     m_work.container = formatName;
     session.wavOrMp3 = ::strcasecmp(formatName, "wav") == 0 || ::strcasecmp(formatName, "mp3") == 0;
+    m_work.container = formatName;
 
     session.packet.reset(av_packet_alloc());
     if (m_level >= 4) {

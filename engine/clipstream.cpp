@@ -58,6 +58,29 @@ ClipStream::ClipStream(ClipChecker& owner, int index) : m_owner(owner), m_index(
 
 ClipStream::~ClipStream() = default;
 
+void ClipStream::describeFormat(const AVCodecParameters& params)
+{
+    const auto name = [](const char* text) { return std::string(text != nullptr ? text : ""); };
+    if (params.codec_type == AVMEDIA_TYPE_VIDEO) {
+        const auto format = static_cast<AVPixelFormat>(params.format);
+        m_facts.pixelFormat = name(av_get_pix_fmt_name(format));
+        m_facts.fieldOrder = static_cast<std::int32_t>(params.field_order);
+        m_facts.bitDepth = params.bits_per_raw_sample;
+        if (const AVPixFmtDescriptor* pixel = av_pix_fmt_desc_get(format);
+            m_facts.bitDepth <= 0 && pixel != nullptr && pixel->nb_components > 0) {
+            m_facts.bitDepth = pixel->comp[0].depth;
+        }
+        m_facts.colourPrimaries = name(av_color_primaries_name(params.color_primaries));
+        m_facts.colourTransfer = name(av_color_transfer_name(params.color_trc));
+        m_facts.colourMatrix = name(av_color_space_name(params.color_space));
+    } else if (params.codec_type == AVMEDIA_TYPE_AUDIO) {
+        // As stored: 24-bit PCM is decoded into 32-bit samples, and its raw depth says 24.
+        m_facts.bitDepth = params.bits_per_raw_sample > 0     ? params.bits_per_raw_sample
+                           : params.bits_per_coded_sample > 0 ? params.bits_per_coded_sample
+                                                              : 0;
+    }
+}
+
 void ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption)
 {
     m_stream = stream;
@@ -81,6 +104,7 @@ void ClipStream::setUp(AVStream* stream, int checkLevel, int decoderThreadOption
     m_facts.frameRateDen = stream->r_frame_rate.den;
     m_facts.channels = params->ch_layout.nb_channels;
     m_facts.sampleRate = params->sample_rate;
+    describeFormat(*params);
     if (const AVDictionaryEntry* language = av_dict_get(stream->metadata, "language", nullptr, 0);
         language != nullptr && language->value != nullptr) {
         // Up to four bytes, until the value ends; not terminated when all four are used.

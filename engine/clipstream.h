@@ -52,6 +52,8 @@ public:
     }
 
 private:
+    // The facts a delivery profile compares: pixel format, field order, bit depth, colour.
+    void describeFormat(const AVCodecParameters& params);
     void checkPacketTime(const AVPacket& packet);
     // Sends packet (null: the end-of-file drain) and gives every frame that comes out to
     // onFrame, in order. False when the decoder refused the packet or failed on a frame.

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <limits>
 #include <span>
+#include <string>
+#include <string_view>
 #include <tuple>
 #include <type_traits>
 
@@ -32,9 +34,8 @@ constexpr DetectorStage kAudioStages[] = {{"ebur128", "peak=true:metadata=1"},
                                           {"silencedetect", nullptr}};
 
 constexpr ClipTicks kSecond = kTicksPerSecond;
-constexpr ClipTicks kMinBlack = kSecond;
-constexpr ClipTicks kMinFrozen = 2 * kSecond;
-constexpr ClipTicks kMinSilence = 2 * kSecond;
+// The run freezedetect and silencedetect wait for by default before they mark one, s.
+constexpr double kDetectorShortest = 2.0;
 // A run that starts or ends this close to the stream's first or last frame touches it:
 // the detectors give sample-exact times, the frames' own times may be rounded.
 constexpr ClipTicks kEdgeSlack = kSecond / 100;
@@ -271,8 +272,17 @@ bool ContentChecks::buildGraph(const AVFrame& frame)
               : std::span<const DetectorStage>(kAudioStages);
     for (const DetectorStage& stage : stages) {
         AVFilterContext* filter = nullptr;
+        // The freeze and silence detectors mark a run once it lasted their own 2 s: a shorter
+        // minimum asked for must be theirs too.
+        const double shortest =
+            std::string_view(stage.name) == "freezedetect"    ? m_options.minFrozenSeconds
+            : std::string_view(stage.name) == "silencedetect" ? m_options.minSilenceSeconds
+                                                              : kDetectorShortest;
+        const std::string own =
+            shortest < kDetectorShortest ? "d=" + std::to_string(std::max(shortest, 0.01)) : "";
         if (avfilter_graph_create_filter(&filter, avfilter_get_by_name(stage.name), stage.name,
-                                         stage.args, nullptr, graph) < 0 ||
+                                         own.empty() ? stage.args : own.c_str(), nullptr,
+                                         graph) < 0 ||
             avfilter_link(previous, 0, filter, 0) < 0) {
             return false; // filters made but never configured: the graph frees them safely
         }
@@ -569,8 +579,9 @@ void ContentChecks::reportRuns(const std::vector<Run>& runs, ClipTicks minimum, 
         if (length < minimum) {
             continue;
         }
-        const bool atEdge = run.start <= saturatingAdd(m_first, kEdgeSlack) ||
-                            run.end >= saturatingSub(m_end, kEdgeSlack);
+        const bool atEdge =
+            m_options.leadRunsAllowed && (run.start <= saturatingAdd(m_first, kEdgeSlack) ||
+                                          run.end >= saturatingSub(m_end, kEdgeSlack));
         const Sev severity =
             damaged && length < 2 * kSecond ? Sev::Low : severityOfRun(length, atEdge);
         const Cat category = m_type == AVMEDIA_TYPE_VIDEO ? Cat::Video : Cat::Audio;
@@ -582,7 +593,8 @@ void ContentChecks::reportRuns(const std::vector<Run>& runs, ClipTicks minimum, 
 
 void ContentChecks::reportVideo()
 {
-    reportRuns(m_black, kMinBlack, "Black picture for %s sec from %s", false);
+    reportRuns(m_black, secondsToTicks(m_options.minBlackSeconds),
+               "Black picture for %s sec from %s", false);
     // A black picture is frozen too: a freeze within a black run is that run, said once.
     std::vector<Run> frozen;
     for (const Run& run : m_frozen) {
@@ -594,7 +606,8 @@ void ContentChecks::reportVideo()
             frozen.push_back(run);
         }
     }
-    reportRuns(frozen, kMinFrozen, "Frozen picture for %s sec from %s", false);
+    reportRuns(frozen, secondsToTicks(m_options.minFrozenSeconds),
+               "Frozen picture for %s sec from %s", false);
     reportRuns(m_damaged, 1, "Damaged picture for %s sec from %s (concealed by the decoder)", true);
 }
 
@@ -645,7 +658,8 @@ void ContentChecks::reportAudio()
         m_owner.report(Cat::Audio, Sev::Warning, m_index, "Stream is silent");
         return;
     }
-    reportRuns(m_silence, kMinSilence, "Silence for %s sec from %s", false);
+    reportRuns(m_silence, secondsToTicks(m_options.minSilenceSeconds), "Silence for %s sec from %s",
+               false);
     reportLoudness();
     if (m_clipped > 0) {
         const ClipTicks at = saturatingSub(m_firstClip, m_origin);

@@ -200,7 +200,7 @@ private:
     static bool isRootMember(std::string_view key)
     {
         for (const std::string_view name :
-             {"path", "score", "size", "duration", "hash256", "fkey", "issues"}) {
+             {"path", "score", "size", "duration", "hash256", "fkey", "issues", "profile"}) {
             if (key == name) {
                 return true;
             }
@@ -250,13 +250,14 @@ private:
             return true;
         }
         const auto wrong = [&] { return fail("\"" + m_key + "\" has the wrong type"); };
-        if (m_key == "path" || m_key == "hash256" || m_key == "fkey") {
+        if (m_key == "path" || m_key == "hash256" || m_key == "fkey" || m_key == "profile") {
             if (type != Value::Text && type != Value::Null) {
                 return wrong();
             }
             (m_key == "path"      ? m_record.path
              : m_key == "hash256" ? m_record.hash256
-                                  : m_record.fkey) = text;
+             : m_key == "fkey"    ? m_record.fkey
+                                  : m_record.profile) = text;
         } else if (m_key == "score") {
             if (type != Value::Integer || integer < 0 || integer > kBestScore) {
                 return fail("no \"score\" from 0 to 5");
@@ -458,6 +459,7 @@ bool recordFromElements(const XmlNode& clip, const XmlNode& qcheck, ClipRecord& 
         return false;
     }
     record.score = static_cast<QcScore>(score);
+    record.profile = qcheck.GetString("Profile", "");
     for (const auto& child : qcheck.children()) {
         if (!equalsIgnoreCase(child->name(), "Issue")) {
             continue;
@@ -684,6 +686,24 @@ bool readReportInput(const std::string& path, const std::function<void(ClipRecor
     return true;
 }
 
+std::vector<std::pair<std::string, std::size_t>> profilesOf(const std::vector<ClipRecord>& clips)
+{
+    std::vector<std::pair<std::string, std::size_t>> profiles;
+    for (const ClipRecord& clip : clips) {
+        if (clip.profile.empty()) {
+            continue;
+        }
+        const auto it = std::find_if(profiles.begin(), profiles.end(),
+                                     [&](const auto& p) { return p.first == clip.profile; });
+        if (it == profiles.end()) {
+            profiles.emplace_back(clip.profile, 1);
+        } else {
+            ++it->second;
+        }
+    }
+    return profiles;
+}
+
 ClipRecord recordOf(const QcResult& result)
 {
     ClipRecord record;
@@ -691,6 +711,7 @@ ClipRecord recordOf(const QcResult& result)
     record.score = result.score();
     record.size = result.facts.fileSize;
     record.hash256 = result.facts.hash256;
+    record.profile = result.profile;
     if (result.facts.fkey != 0) {
         char key[17];
         std::snprintf(key, sizeof key, "%016" PRIX64, result.facts.fkey);

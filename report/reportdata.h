@@ -64,6 +64,7 @@ struct ClipRecord
     std::string fkey;                // 16 hex digits, empty: no key made
     std::optional<double> duration;  // seconds, as the container header states it
     std::vector<ReportIssue> issues; // worst first
+    std::string profile{};           // the delivery profile graded by; empty: none
 
     // Worst severity present, or nullopt for a clip without issues.
     std::optional<QcSeverity> worstSeverity() const;
@@ -103,6 +104,10 @@ bool parseResultDocument(std::string_view bytes, const std::string& name,
 // problems and are skipped. False (and why) when the input could not be read at all.
 bool readReportInput(const std::string& path, const std::function<void(ClipRecord&&)>& clips,
                      const ProblemSink& problems, std::string& why);
+
+// The delivery profiles the clips were graded by, each once in the order first met, with
+// the number of clips; empty when no clip was graded by one.
+std::vector<std::pair<std::string, std::size_t>> profilesOf(const std::vector<ClipRecord>& clips);
 
 // The clips of one run, in input order, each path once: a path seen again replaces the
 // earlier record in its place (a clip checked twice counts with its latest check).

@@ -69,7 +69,7 @@ void csvField(std::string& row, std::string_view field)
 }
 
 void csvRow(std::ostream& out, const ClipRecord& clip, const ReportView& view,
-            std::optional<QcScore> oldScore, ClipChange change)
+            std::optional<QcScore> oldScore, ClipChange change, bool withProfile)
 {
     std::string row;
     csvField(row, clip.path);
@@ -83,6 +83,9 @@ void csvRow(std::ostream& out, const ClipRecord& clip, const ReportView& view,
     csvField(row, clip.size ? std::to_string(*clip.size) : std::string());
     csvField(row, clip.hash256);
     csvField(row, clip.fkey);
+    if (withProfile) {
+        csvField(row, clip.profile);
+    }
     if (view.comparison != nullptr) {
         csvField(row, oldScore ? std::to_string(*oldScore) : std::string());
         csvField(row, changeText(change));
@@ -303,6 +306,29 @@ std::string cssColour(std::uint32_t bgr)
     return text;
 }
 
+namespace {
+
+// "Profile: NAME" (or "Profiles: A (3 clips), B (1 clip)") and a line end; empty when no
+// clip was graded by a delivery profile.
+std::string profileLine(const std::vector<ClipRecord>& clips)
+{
+    const auto profiles = profilesOf(clips);
+    if (profiles.empty()) {
+        return {};
+    }
+    if (profiles.size() == 1) {
+        return "Profile: " + escapeControl(profiles.front().first) + "\n";
+    }
+    std::string line = "Profiles:";
+    for (const auto& [name, count] : profiles) {
+        line += (line.back() == ':' ? " " : ", ") + escapeControl(name) + " (" +
+                std::to_string(count) + (count == 1 ? " clip)" : " clips)");
+    }
+    return line + "\n";
+}
+
+} // namespace
+
 std::string summaryText(const ReportView& view, std::size_t worstShown)
 {
     const std::vector<ClipRecord>& clips = view.clips->clips();
@@ -310,7 +336,7 @@ std::string summaryText(const ReportView& view, std::size_t worstShown)
     for (const ClipRecord& clip : clips) {
         ++perScore[static_cast<std::size_t>(clip.score)];
     }
-    std::string text = "Clips by score:\n";
+    std::string text = profileLine(clips) + "Clips by score:\n";
     char line[64];
     for (QcScore score = kBestScore; score >= 0; --score) {
         std::snprintf(line, sizeof line, "  %-14s %8zu\n", scoreText(score).data(),
@@ -374,6 +400,11 @@ void writeCsv(std::ostream& out, const ReportView& view)
     for (const std::string_view name : {"Duration", "Size", "Hash256", "FKey"}) {
         csvField(header, name);
     }
+    // A column for the delivery profile only when the clips were graded by one.
+    const bool withProfile = !profilesOf(view.clips->clips()).empty();
+    if (withProfile) {
+        csvField(header, "Profile");
+    }
     if (view.comparison != nullptr) {
         csvField(header, "Baseline");
         csvField(header, "Change");
@@ -383,12 +414,13 @@ void writeCsv(std::ostream& out, const ReportView& view)
     for (std::size_t i = 0; i < clips.size(); ++i) {
         csvRow(out, clips[i], view,
                view.comparison != nullptr ? view.comparison->oldScores[i] : std::nullopt,
-               view.comparison != nullptr ? view.comparison->changes[i] : ClipChange::Same);
+               view.comparison != nullptr ? view.comparison->changes[i] : ClipChange::Same,
+               withProfile);
     }
     if (view.comparison != nullptr) {
         for (const std::size_t i : view.comparison->missing) {
             const ClipRecord& old = view.baseline->clips()[i];
-            csvRow(out, old, view, old.score, ClipChange::Missing);
+            csvRow(out, old, view, old.score, ClipChange::Missing, withProfile);
         }
     }
 }
@@ -421,15 +453,20 @@ void writeHtml(std::ostream& out, const ReportView& view, const std::string& tit
         std::strftime(when, sizeof when, "%Y-%m-%d %H:%M", &local);
     }
     const std::size_t below = countBelow(view);
+    std::string profileMeta = profileLine(clips);
+    if (!profileMeta.empty()) {
+        profileMeta.back() = ';';
+        profileMeta += ' ';
+    }
 
     out << "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
         << "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
         << "<title>" << escapeHtml(title) << "</title>\n<style>" << reportStyleSheet()
         << "</style>\n"
         << "</head>\n<body>\n<h1>" << escapeHtml(title) << "</h1>\n<p class=\"meta\">"
-        << clips.size() << (clips.size() == 1 ? " clip" : " clips") << ", made " << when << "; "
-        << clips.size() - below << " at or above &quot;" << scoreText(view.threshold) << "&quot;, "
-        << below << " below";
+        << escapeHtml(profileMeta) << clips.size() << (clips.size() == 1 ? " clip" : " clips")
+        << ", made " << when << "; " << clips.size() - below << " at or above &quot;"
+        << scoreText(view.threshold) << "&quot;, " << below << " below";
     if (view.comparison != nullptr) {
         const Comparison& cmp = *view.comparison;
         out << "; against the baseline: " << cmp.worse << " worse, " << cmp.better << " better, "

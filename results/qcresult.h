@@ -53,6 +53,17 @@ struct StreamFacts
     std::int32_t sampleRate = 0;
     // Up to 4 bytes of the "language" metadata, zero-filled, not terminated when full.
     std::array<char, 4> language = {};
+    // What a delivery profile compares (batch/deliveryprofile.h), as the demuxer and the
+    // stream information give them; empty or 0 when unknown. Pictures: the pixel format,
+    // the field order (the media libraries' numbers: 1 progressive, 2 top field first,
+    // 3 bottom field first, 4 and 5 the mixed orders) and the colour description by the
+    // libraries' names. Bit depth: of a picture's samples or of the sound as stored.
+    std::string pixelFormat{};
+    std::int32_t fieldOrder = 0;
+    std::int32_t bitDepth = 0;
+    std::string colourPrimaries{};
+    std::string colourTransfer{};
+    std::string colourMatrix{};
 
     bool operator==(const StreamFacts&) const = default;
 };
@@ -86,6 +97,8 @@ struct QcResult
     bool opened = false; // the clip was opened and probed (its streams were built)
     MediaFacts facts;
     QcIssueList issues;
+    // The delivery profile the clip was graded by; empty for none (the technical checks).
+    std::string profile{};
 
     QcScore score() const { return issues.score(); }
 };

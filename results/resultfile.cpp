@@ -129,6 +129,9 @@ void writeQcCheck(XmlNode& qcheck, const QcResult& result)
     qcheck.setInt("Score", score);
     qcheck.SetAttribute("Result", scoreText(score));
     qcheck.setInt("Issues", static_cast<std::int32_t>(result.issues.size()));
+    if (!result.profile.empty()) {
+        qcheck.SetAttribute("Profile", result.profile); // the delivery profile graded by
+    }
     for (const QcIssue* issue : result.issues.ordered()) {
         XmlNode* element = qcheck.AddChild("Issue");
         element->SetAttribute("Cat", categoryText(issue->category));

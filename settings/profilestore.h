@@ -73,7 +73,7 @@ struct SettingKey
 
 inline constexpr std::size_t kFolderSlotCount = 6;
 
-inline constexpr std::array<SettingKey, 20> kSettingKeys = {{
+inline constexpr std::array<SettingKey, 22> kSettingKeys = {{
     // Folder memory of the open dialogs; row i is slot i.
     {kSectionOptions, "Default Folder", SettingType::Folder, "", 0, 0},
     {kSectionOptions, "Folder Clips", SettingType::Folder, "", 0, 0},
@@ -101,6 +101,10 @@ inline constexpr std::array<SettingKey, 20> kSettingKeys = {{
     {kSectionOptions, "Check.HangTimeout", SettingType::Integer, "", kDefaultHangTimeoutSeconds, 0},
     // The seconds a clip must stand unchanged in the watched folder before it is checked.
     {kSectionJob, "Settle.Time", SettingType::Integer, "", kDefaultSettleSeconds, 0},
+    // The delivery profile the window and the watch job grade clips by (a name or a file;
+    // empty: none). "Job00" has its own, which holds over this one for the watch job.
+    {kSectionOptions, "Check.Profile", SettingType::Text, "", 0, 0},
+    {kSectionJob, "Check.Profile", SettingType::Text, "", 0, 0},
 }};
 
 inline constexpr std::size_t kFolderClipsSlot = 1; // the main window's "Open Clips"
@@ -118,6 +122,8 @@ inline constexpr const SettingKey& kTruePeakLimit = kSettingKeys[16];
 inline constexpr const SettingKey& kCheckMaxMemory = kSettingKeys[17];
 inline constexpr const SettingKey& kCheckHangTimeout = kSettingKeys[18];
 inline constexpr const SettingKey& kJobSettleTime = kSettingKeys[19];
+inline constexpr const SettingKey& kCheckProfile = kSettingKeys[20];
+inline constexpr const SettingKey& kJobProfile = kSettingKeys[21];
 
 // The row of a fixed key (names compared as the file compares them), or null.
 const SettingKey* findSettingKey(std::string_view section, std::string_view key);

@@ -63,7 +63,7 @@ constexpr int kPictureTimeout = 20000; // ms
 } // namespace
 
 MainWindow::MainWindow(MainWindowOptions options, QWidget* parent)
-    : CWDlgClass(parent), m_options(options)
+    : CWDlgClass(parent), m_options(std::move(options))
 {
     setKitMainWindow(this);
     setWindowFlags(Qt::Window | Qt::WindowMinMaxButtonsHint | Qt::WindowCloseButtonHint);
@@ -111,6 +111,7 @@ std::unique_ptr<RunController> MainWindow::makeController()
     runOptions.check.decoderThreads = 0;
     runOptions.memoryLimitBytes = m_options.worker.memoryLimitBytes;
     runOptions.hangTimeout = m_options.worker.hangTimeout;
+    runOptions.profile = m_options.profile;
     return std::make_unique<RunController>(m_list, runOptions);
 }
 
@@ -198,6 +199,39 @@ void MainWindow::createMenus(CMkButton* file, CMkButton* clear, CMkButton* view,
         action->setCheckable(true);
         action->setChecked(action->data().toInt() == m_options.level);
         m_levels->addAction(action);
+    }
+    // The delivery profiles found, by name; "technical" (none) first.
+    levels->addSeparator();
+    QMenu* profiles = levels->addMenu(QStringLiteral("Delivery profile"));
+    m_profiles = new QActionGroup(profiles);
+    const std::string current =
+        kitSettings() != nullptr ? readSettingText(kitSettings()->name(), kCheckProfile) : "";
+    const auto addProfile = [&](const std::string& key, const std::string& text,
+                                const std::string& tip) {
+        QAction* action = profiles->addAction(fromUtf8(text));
+        action->setToolTip(fromUtf8(tip));
+        action->setCheckable(true);
+        action->setChecked(key == current || (key == "technical" && current.empty()));
+        action->setData(fromUtf8(key));
+        m_profiles->addAction(action);
+        connect(action, &QAction::triggered, this, [this, key] {
+            // A profile that does not load leaves the one in use checked.
+            const std::string inUse =
+                setProfile(key) ? key
+                : m_options.profile != nullptr
+                    ? QFileInfo(fromUtf8(m_options.profile->file)).completeBaseName().toStdString()
+                    : std::string("technical");
+            for (QAction* entry : m_profiles->actions()) {
+                entry->setChecked(entry->data().toString().toStdString() == inUse);
+            }
+        });
+    };
+    addProfile("technical", "technical: no format rules, loudness as information", "");
+    for (const DeliveryProfile& profile : listDeliveryProfiles()) {
+        const std::string key = QFileInfo(fromUtf8(profile.file)).completeBaseName().toStdString();
+        if (key != "technical") {
+            addProfile(key, profile.name, profile.description);
+        }
     }
     addMenu(help, {{kMenuAbout, "About"}});
 }
@@ -706,6 +740,48 @@ void MainWindow::setCheckLevel(CheckLevel level)
     } else {
         m_controllerStale = true;
     }
+}
+
+bool MainWindow::setProfile(const std::string& name)
+{
+    ProfileStore* store = kitSettings();
+    const std::string stored = name == "technical" ? std::string() : name;
+    std::shared_ptr<const DeliveryProfile> profile;
+    ClipCheckOptions check = m_options.check;
+    std::string error;
+    if (store != nullptr) {
+        // The loudness limits as the settings give them, then the profile's over them.
+        const std::string before = readSettingText(store->name(), kCheckProfile);
+        store->WriteString(kCheckProfile.section, kCheckProfile.key, stored);
+        const CheckSettings settings = loadCheckSettings(store->name());
+        error = settings.profileError;
+        if (!error.empty()) {
+            store->WriteString(kCheckProfile.section, kCheckProfile.key, before);
+        }
+        check = settings.options;
+        profile = settings.profile;
+    } else if (!stored.empty()) {
+        if (auto found = findDeliveryProfile(stored, error)) {
+            applyProfileOptions(*found, check);
+            profile = std::make_shared<const DeliveryProfile>(std::move(*found));
+        }
+    }
+    if (!error.empty()) {
+        MessageBoxRequest box;
+        box.caption = QStringLiteral("Error");
+        box.text = QStringLiteral("The profile is not used: %1").arg(fromUtf8(error));
+        box.icon = QMessageBox::Warning;
+        kitMessageBox(this, box);
+        return false;
+    }
+    m_options.check = check;
+    m_options.profile = profile;
+    if (controllerIdle()) {
+        m_controller = makeController();
+    } else {
+        m_controllerStale = true;
+    }
+    return true;
 }
 
 bool MainWindow::saveReport(const std::string& path) const

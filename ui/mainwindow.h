@@ -87,6 +87,8 @@ struct MainWindowOptions
     CheckLevel level = kDefaultCheckLevel;
     ClipCheckOptions check{}; // level 4's limits; the decoder threads stay the window's option
     WorkerLimits worker{};    // the check processes' limits; they run at idle priority
+    // The delivery profile results are graded by (its loudness rule in check); null: none.
+    std::shared_ptr<const DeliveryProfile> profile{};
 };
 
 // The program's working window: the task grid over the TaskList, the issues and facts of
@@ -144,6 +146,12 @@ public:
     // The check level of the next checks, stored as "Options" key "Check.Level"; a run in
     // progress finishes at its own level.
     void setCheckLevel(CheckLevel level);
+    // The delivery profile of the next checks by name (empty or "technical": none), stored
+    // as "Options" key "Check.Profile"; the loudness limits follow the settings and the
+    // profile. A run in progress finishes with its own. False when the profile does not
+    // load (the operator is told; nothing changes).
+    bool setProfile(const std::string& name);
+    const std::shared_ptr<const DeliveryProfile>& profile() const { return m_options.profile; }
     // Writes the list's result document (the job result document, ".qcout") to path;
     // false when it could not be written.
     bool saveReport(const std::string& path) const;
@@ -226,6 +234,7 @@ private:
     QMenu* m_viewMenu = nullptr;
     QMenu* m_rowMenu = nullptr;
     QActionGroup* m_levels = nullptr;
+    QActionGroup* m_profiles = nullptr;
     QActionGroup* m_orders = nullptr;
     QAction* m_belowPassing = nullptr;
 

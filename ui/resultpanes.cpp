@@ -198,6 +198,9 @@ QString clipFactsHtml(const QcResult& result, const QDateTime& checkedAt)
         checked += QStringLiteral(", ") + checkedAt.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss"));
     }
     addRow(html, QStringLiteral("Checked"), checked);
+    if (!result.profile.empty()) {
+        addRow(html, QStringLiteral("Profile"), fromUtf8(result.profile).toHtmlEscaped());
+    }
     addRow(html, QStringLiteral("Size"), sizeText(facts.fileSize));
     if (result.opened) {
         addRow(html, QStringLiteral("Start"), timeText(facts.clipStart));

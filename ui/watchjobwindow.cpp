@@ -179,7 +179,8 @@ WatchJobSetupDialog::WatchJobSetupDialog(const WatchJobSettings& settings, QWidg
             m_thresholdMenu->addSeparator();
         }
     }
-    threshold->setMenu(m_thresholdMenu);
+    // The group belongs to the menu, its parent, which the analyzer does not follow.
+    threshold->setMenu(m_thresholdMenu); // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
 
     auto* good = new CMkButton(QStringLiteral("Move GOOD clips to folder:"), kIdGoodToggle, this);
     good->setToggle(true);
@@ -321,7 +322,11 @@ WatchJobWindow::WatchJobWindow(QWidget* parent) : CWDlgClass(parent)
     m_log.writeNow("Start " + m_title.toStdString());
 
     m_job = std::make_unique<WatchJob>(&m_log);
-    m_job->setSettings(loadWatchServiceSettings(settingsPath()));
+    std::string profileError;
+    m_job->setSettings(loadWatchServiceSettings(settingsPath(), &profileError));
+    if (!profileError.empty()) {
+        m_log.writeNow("Profile not used: " + profileError);
+    }
 
     connect(&m_timer, &QTimer::timeout, this, &WatchJobWindow::followJob);
     m_timer.start(1000);

@@ -9,10 +9,12 @@ std::optional<CheckOptions> parseCheckOptions(const std::vector<std::string>& ar
 {
     CheckOptions o;
     // A loudness limit given makes the three a rule that grades loudness.
-    const auto loudness = [&o](double& field, double low, double high, std::string_view name) {
-        return [&o, set = setDecimal(field, low, high, name)](std::string_view value,
-                                                              std::string& error) {
+    const auto loudness = [&o](double& field, bool& given, double low, double high,
+                               std::string_view name) {
+        return [&o, &given, set = setDecimal(field, low, high, name)](std::string_view value,
+                                                                      std::string& error) {
             o.loudnessRule = true;
+            given = true;
             return set(value, error);
         };
     };
@@ -23,10 +25,14 @@ std::optional<CheckOptions> parseCheckOptions(const std::vector<std::string>& ar
          addText(o.filesFrom, "--files-from", "a file name ('-': standard input)")},
         {"0", "null", false, setFlag(o.nulSeparated)},
         {"l", "level", true, setWholeNumber(o.level, 1, 4, "--level")},
-        {"", "loudness-target", true, loudness(o.loudnessTarget, -70.0, 0.0, "--loudness-target")},
+        {"", "loudness-target", true,
+         loudness(o.loudnessTarget, o.targetGiven, -70.0, 0.0, "--loudness-target")},
         {"", "loudness-tolerance", true,
-         loudness(o.loudnessTolerance, 0.0, 30.0, "--loudness-tolerance")},
-        {"", "true-peak-limit", true, loudness(o.truePeakLimit, -70.0, 10.0, "--true-peak-limit")},
+         loudness(o.loudnessTolerance, o.toleranceGiven, 0.0, 30.0, "--loudness-tolerance")},
+        {"", "true-peak-limit", true,
+         loudness(o.truePeakLimit, o.truePeakGiven, -70.0, 10.0, "--true-peak-limit")},
+        {"p", "profile", true, setText(o.profile, "--profile", "a profile name or file")},
+        {"", "list-profiles", false, setFlag(o.listProfiles)},
         {"j", "jobs", true, setWholeNumber(o.jobs, 0, 256, "--jobs")},
         {"", "threads", true, setWholeNumber(o.threads, 0, 256, "--threads")},
         {"t", "threshold", true, setWholeNumber(o.threshold, 0, 5, "--threshold")},
@@ -45,7 +51,7 @@ std::optional<CheckOptions> parseCheckOptions(const std::vector<std::string>& ar
             return std::nullopt;
         }
     }
-    if (!o.help && !o.version && o.paths.empty() && o.filesFrom.empty()) {
+    if (!o.help && !o.version && !o.listProfiles && o.paths.empty() && o.filesFrom.empty()) {
         error = "no clip, folder or job file given (see --help)";
         return std::nullopt;
     }
@@ -81,6 +87,12 @@ std::string checkUsage()
            "                       Any of these makes the loudness limits a delivery rule that\n"
            "                       grades what is off them; without one, loudness and true\n"
            "                       peak are information (at most a Warning)\n"
+           "  -p, --profile NAME|FILE  grade every clip by a delivery profile: its format\n"
+           "                       rules (container, codecs, picture size, frame rate, scan,\n"
+           "                       sound channels and rate, duration, ...), its loudness rule\n"
+           "                       and its severity overrides; loudness options given hold\n"
+           "                       over the profile's\n"
+           "      --list-profiles  list the profiles found by name, and where they are\n"
            "  -j, --jobs N         clips checked at the same time (default 1; 0 = one per core)\n"
            "      --threads N      decoder threads per clip (default 0: the cores divided\n"
            "                       among the clips checked at the same time)\n"

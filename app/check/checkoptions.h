@@ -33,6 +33,13 @@ struct CheckOptions
     // Whether any of the three was given: they are then a delivery rule that grades
     // loudness, the others keeping their defaults; otherwise loudness is information.
     bool loudnessRule = false;
+    // Which of the three were given, so that they hold over a profile's loudness rule.
+    bool targetGiven = false;
+    bool toleranceGiven = false;
+    bool truePeakGiven = false;
+    // --profile: a delivery profile by name or file; empty for none.
+    std::string profile;
+    bool listProfiles = false;
     bool quiet = false;
     bool version = false;
     bool help = false;

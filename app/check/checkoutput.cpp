@@ -79,21 +79,25 @@ nlohmann::json jsonReport(const QcResult& result)
         std::snprintf(hex, sizeof hex, "%016" PRIX64, facts.fkey);
         fkey = hex;
     }
-    return {{"format", kJsonFormatVersion},
-            {"tool", std::string("tarvoqc-check ") + kVersionText},
-            {"path", result.path},
-            {"container", facts.container},
-            {"score", result.score()},
-            {"result", scoreText(result.score())},
-            {"level", result.checkLevel},
-            {"size", facts.fileSize},
-            {"hash256", facts.hash256},
-            {"fkey", fkey},
-            {"start", seconds(facts.clipStart)},
-            {"duration", seconds(facts.clipDuration)},
-            {"qcDuration", seconds(facts.qcDuration)},
-            {"streams", streams},
-            {"issues", issues}};
+    nlohmann::json line = {{"format", kJsonFormatVersion},
+                           {"tool", std::string("tarvoqc-check ") + kVersionText},
+                           {"path", result.path},
+                           {"container", facts.container},
+                           {"score", result.score()},
+                           {"result", scoreText(result.score())},
+                           {"level", result.checkLevel},
+                           {"size", facts.fileSize},
+                           {"hash256", facts.hash256},
+                           {"fkey", fkey},
+                           {"start", seconds(facts.clipStart)},
+                           {"duration", seconds(facts.clipDuration)},
+                           {"qcDuration", seconds(facts.qcDuration)},
+                           {"streams", streams},
+                           {"issues", issues}};
+    if (!result.profile.empty()) {
+        line["profile"] = result.profile;
+    }
+    return line;
 }
 
 std::string jsonLine(const QcResult& result)

@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <vector>
 
 #include <sys/ioctl.h>
@@ -17,6 +19,7 @@
 #include "app/check/checkoutput.h"
 #include "app/common/standardoutput.h"
 #include "batch/cores.h"
+#include "batch/deliveryprofile.h"
 #include "batch/resultdocument.h"
 #include "batch/runcontroller.h"
 #include "batch/tasklist.h"
@@ -224,6 +227,38 @@ void print(const std::string& text)
     writeStandardOutput(text);
 }
 
+// One line of two columns, the first 20 characters wide.
+std::string columns(const std::string& first, const std::string& second)
+{
+    std::string line = first;
+    line.resize(std::max<std::size_t>(line.size(), 20), ' ');
+    return line + " " + second + "\n";
+}
+
+// --list-profiles: name, description and file of every profile found, one a line; the
+// files that do not load are named on standard error (exit status 2).
+int listProfiles()
+{
+    std::vector<std::string> errors;
+    const std::vector<DeliveryProfile> profiles = listDeliveryProfiles(&errors);
+    bool technical = false;
+    for (const DeliveryProfile& p : profiles) {
+        const std::string name = std::filesystem::path(p.file).stem().string();
+        technical = technical || name == "technical";
+        print(columns(check::escapeControl(name),
+                      check::escapeControl(p.description.empty() ? p.name : p.description)) +
+              columns("", check::escapeControl(p.file)));
+    }
+    if (!technical) {
+        print(columns("technical", "no format rules, loudness as information (built in)"));
+    }
+    for (const std::string& error : errors) {
+        std::fprintf(stderr, "tarvoqc-check: %s\n", check::escapeControl(error).c_str());
+    }
+    const bool written = closeStandardOutput("tarvoqc-check");
+    return errors.empty() && written ? kExitPass : kExitUsage;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -250,6 +285,22 @@ int main(int argc, char** argv)
                          check::escapeControl(listName).c_str(), why.c_str());
             return kExitUsage;
         }
+    }
+
+    if (options->listProfiles) {
+        return listProfiles();
+    }
+    // A profile that does not load stops the run before anything is checked: a clip graded
+    // by half a profile would pass what the delivery does not.
+    std::shared_ptr<const DeliveryProfile> profile;
+    if (!options->profile.empty()) {
+        std::string why;
+        auto found = findDeliveryProfile(options->profile, why);
+        if (!found) {
+            std::fprintf(stderr, "tarvoqc-check: %s\n", check::escapeControl(why).c_str());
+            return kExitUsage;
+        }
+        profile = std::make_shared<const DeliveryProfile>(std::move(*found));
     }
 
     TaskList list;
@@ -292,6 +343,22 @@ int main(int argc, char** argv)
     runOptions.memoryLimitBytes = static_cast<std::uint64_t>(options->maxMemoryMiB) * 1024 * 1024;
     runOptions.hangTimeout = std::chrono::seconds(options->hangTimeout);
     runOptions.check.loudnessRule = options->loudnessRule;
+    if (profile != nullptr) {
+        applyProfileOptions(*profile, runOptions.check);
+        // Limits given on the command line hold over the profile's.
+        for (const auto& [given, field, value] :
+             {std::tuple{options->targetGiven, &ClipCheckOptions::loudnessTarget,
+                         options->loudnessTarget},
+              std::tuple{options->toleranceGiven, &ClipCheckOptions::loudnessTolerance,
+                         options->loudnessTolerance},
+              std::tuple{options->truePeakGiven, &ClipCheckOptions::truePeakLimit,
+                         options->truePeakLimit}}) {
+            if (given) {
+                runOptions.check.*field = value;
+            }
+        }
+        runOptions.profile = profile;
+    }
     installStopSignals();
     auto controller = std::make_unique<RunController>(list, runOptions);
     controller->CheckAll(); // an empty list (a job without clips) stays idle
@@ -361,8 +428,10 @@ int main(int argc, char** argv)
     progress.clear();
 
     const std::size_t count = list.size();
+    const std::string byProfile =
+        profile != nullptr ? " by profile " + check::escapeControl(profile->name) : "";
     std::string summary = std::to_string(checked) + " clip" + (checked == 1 ? "" : "s") +
-                          " checked at level " + std::to_string(options->level) + ": " +
+                          " checked at level " + std::to_string(options->level) + byProfile + ": " +
                           std::to_string(checked - below) + " at or above \"" +
                           std::string(scoreText(options->threshold)) + "\", " +
                           std::to_string(below) + " below\n";

@@ -50,6 +50,7 @@ struct ReportOptions
     std::string title = "Tarvo Quality Check report";
     int threshold = kDefaultGoodThreshold;
     int worst = 10;
+    std::vector<std::string> rules; // --rule: only clips with an issue starting so
     bool quiet = false;
     bool version = false;
     bool help = false;
@@ -74,6 +75,9 @@ constexpr const char* kUsage =
     "  -t, --threshold N    lowest passing score 0..5 (default 3)\n"
     "  -w, --worst N        worst clips listed in the summary (default 10)\n"
     "      --title TEXT     title of the HTML page\n"
+    "  -r, --rule TEXT      only the clips with an issue whose text starts with TEXT, such\n"
+    "                       as a profile rule ('Frame rate', 'Loudness'); repeatable: any\n"
+    "                       of them\n"
     "  -q, --quiet          no summary\n"
     "      --version, -h, --help\n"
     "A path seen twice counts with its later result. Broken input lines are named on\n"
@@ -96,6 +100,7 @@ std::optional<ReportOptions> parseOptions(const std::vector<std::string>& args, 
         {"t", "threshold", true, setWholeNumber(o.threshold, 0, 5, "--threshold")},
         {"w", "worst", true, setWholeNumber(o.worst, 0, 1000000, "--worst")},
         {"", "title", true, setText(o.title, "--title", "a text")},
+        {"r", "rule", true, addText(o.rules, "--rule", "the start of an issue text")},
         {"q", "quiet", false, setFlag(o.quiet)},
         {"", "version", false, setFlag(o.version)},
         {"h", "help", false, setFlag(o.help)},
@@ -336,11 +341,28 @@ int main(int argc, char** argv)
     std::optional<Comparison> comparison;
     if (!options->baselines.empty()) {
         ioError = !readInputs(options->baselines, baseline) || ioError;
-        comparison = compareRuns(clips, baseline);
     }
     if (clips.clips().empty()) {
         std::fprintf(stderr, "tarvoqc-report: no clips in the input\n");
         return kExitUsage;
+    }
+    if (!options->rules.empty()) {
+        ClipSet kept;
+        for (const ClipRecord& clip : clips.clips()) {
+            const bool breaks =
+                std::any_of(clip.issues.begin(), clip.issues.end(), [&](const ReportIssue& issue) {
+                    return std::any_of(
+                        options->rules.begin(), options->rules.end(),
+                        [&](const std::string& rule) { return issue.text.starts_with(rule); });
+                });
+            if (breaks) {
+                kept.add(ClipRecord(clip));
+            }
+        }
+        clips = std::move(kept);
+    }
+    if (!options->baselines.empty()) {
+        comparison = compareRuns(clips, baseline);
     }
 
     ReportView view{&clips,

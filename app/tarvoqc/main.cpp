@@ -126,6 +126,11 @@ int main(int argc, char** argv)
     windowOptions.level = checkSettings.level;
     windowOptions.check = checkSettings.options;
     windowOptions.worker = checkSettings.worker;
+    windowOptions.profile = checkSettings.profile;
+    if (!checkSettings.profileError.empty()) {
+        std::fprintf(stderr, "tarvoqc: the delivery profile is not used: %s\n",
+                     checkSettings.profileError.c_str());
+    }
     MainWindow window(windowOptions);
     // done() ends the modal run whether the window is shown or hidden.
     onStopSignal(&window, [&window] { window.done(QDialog::Rejected); });

@@ -194,6 +194,49 @@ TEST(CheckCli, HelpStatesTheDefaultsInForce)
     EXPECT_EQ(defaultAfter(reportHelp, "--threshold N"), number(kDefaultGoodThreshold));
 }
 
+// --profile grades every clip by a delivery profile and says so; a profile that does not
+// load stops the run before any clip is checked, naming its file and line.
+TEST(CheckCli, DeliveryProfiles)
+{
+    test::TempDir dir;
+    const std::string broken = (dir / "broken.ini").string();
+    test::writeFile(broken, "[Profile]\nName = broken\n[Format]\nVideo.FrameRate = fast\n");
+    const std::string mp4 = clip("h264_aac.mp4");
+    const struct
+    {
+        std::vector<std::string> args;
+        int status;
+        const char* outHas; // on standard output, or on standard error for status 2
+    } cases[] = {
+        {{"--profile", "streaming", mp4}, 0, "checked at level 3 by profile Streaming delivery"},
+        {{"-p", "ebu-r128-hd", mp4},
+         1,
+         "Codec:[High] Stream 0 (Video) Picture size 320x240, profile wants 1920x1080"},
+        {{"--profile", "technical", mp4}, 0, "5/5 OK       "},
+        {{"--profile", broken, mp4}, 2, "broken.ini:4: 'fast' is no value of Video.FrameRate"},
+        {{"--profile", "no-such-profile", mp4}, 2, "no profile named 'no-such-profile'"},
+        {{"--list-profiles"}, 0, "ebu-r128-hd"},
+    };
+    for (const auto& [args, status, outHas] : cases) {
+        SCOPED_TRACE(outHas);
+        const test::CommandResult r = check(args);
+        EXPECT_EQ(r.status, status) << r.err;
+        EXPECT_NE((status == 2 ? r.err : r.out).find(outHas), std::string::npos) << r.out << r.err;
+        if (status == 2) {
+            EXPECT_TRUE(r.out.empty()) << r.out;
+        }
+    }
+    const test::CommandResult listed = check({"--list-profiles"});
+    for (const char* name : {"technical", "atsc-a85", "streaming", "archive-master"}) {
+        EXPECT_NE(listed.out.find(name), std::string::npos) << name;
+    }
+    const auto lines = jsonLines(check({"--json", "--profile", "streaming", mp4}).out);
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0]["profile"], "Streaming delivery");
+    // Without a profile the line is as it always was.
+    EXPECT_FALSE(jsonLines(check({"--json", mp4}).out)[0].contains("profile"));
+}
+
 TEST(CheckCli, JsonLinesDescribeEachClip)
 {
     const test::CommandResult r =

@@ -276,6 +276,39 @@ void ReportTest::expectMarksAndPictures(const std::string& dom, const std::set<i
     EXPECT_GT(pictures, 0U) << "the readable clips have pictures";
 }
 
+// Clips graded by a delivery profile: every output names it, read from the JSON lines or
+// the result document alike, and --rule keeps the clips that break one rule.
+TEST(ReportProfiles, ProfileNamedInEveryOutputAndRulesFilter)
+{
+    test::TempDir dir;
+    const std::string jsonl = (dir / "run.jsonl").string(), qcout = (dir / "run.qcout").string();
+    const test::CommandResult r =
+        tool(TARVOQC_CHECK_EXE,
+             {"--json", "--profile", "streaming", "-o", qcout,
+              test::testClip("h264_aac.mp4").string(), test::testClip("mpeg2_pcm.mxf").string()});
+    ASSERT_EQ(r.status, 1) << r.err;
+    test::writeFile(jsonl, r.out);
+    for (const std::string& input : {jsonl, qcout}) {
+        SCOPED_TRACE(input);
+        const std::string csv = (dir / "c.csv").string(), html = (dir / "r.html").string();
+        const test::CommandResult all = report({input, "--csv", csv, "--html", html});
+        EXPECT_EQ(all.status, 1) << all.err;
+        EXPECT_TRUE(all.out.starts_with("Profile: Streaming delivery\n")) << all.out;
+        const auto rows = readCsv(csv);
+        ASSERT_EQ(rows.size(), 3U);
+        EXPECT_EQ(rows[0].back(), "Profile");
+        EXPECT_EQ(rows[2].back(), "Streaming delivery");
+        EXPECT_NE(test::readFile(html).find("Profile: Streaming delivery;"), std::string::npos);
+
+        const test::CommandResult rule = report({input, "--rule", "Audio codec"});
+        EXPECT_NE(rule.out.find("1 clip: 0 at or above"), std::string::npos) << rule.out;
+        EXPECT_NE(rule.out.find("mpeg2_pcm.mxf"), std::string::npos) << rule.out;
+        const test::CommandResult none = report({input, "-r", "Frame rate"});
+        EXPECT_EQ(none.status, 0) << none.err;
+        EXPECT_NE(none.out.find("0 clips: 0 at or above"), std::string::npos) << none.out;
+    }
+}
+
 TEST_F(ReportTest, HtmlPageSortsFiltersAndColoursScoresInChromium)
 {
     // A clip gone since its check: the page has it without pictures, with a note.

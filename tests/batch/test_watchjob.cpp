@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "batch/watchjob.h"
+#include "batch/watchservice.h"
 #include "batch/workerprocess.h"
 #include "engine/clipchecker.h"
 #include "results/dailylog.h"
@@ -273,6 +274,39 @@ TEST(WatchJob, SettingsOfSectionJob00)
     }
 }
 
+// The watch job grades by the delivery profile of "Job00" (over the one of "Options"): a
+// clean clip that is not what the station's profile wants goes to BAD with the rule broken
+// in its result document. A profile that does not load is named and not used.
+TEST(WatchJob, DeliveryProfileOfTheJobGradesItsClips)
+{
+    Watch w;
+    const std::string ini = (w.dir / "TarvoQC.ini").string();
+    const std::string profile = (w.dir / "station.ini").string();
+    writeFile(profile, "[Profile]\nName = Station\n[Format]\nContainer = mp4\n");
+    writeFile(ini, "[Options]\nCheck.Profile=technical\n[Job00]\nCheck.Profile=" + profile + "\n");
+    std::string error;
+    const WatchJobSettings loaded = loadWatchServiceSettings(ini, &error);
+    ASSERT_NE(loaded.profile, nullptr);
+    EXPECT_EQ(loaded.profile->name, "Station");
+    EXPECT_EQ(error, "");
+
+    w.start(3, true, true);
+    WatchJobSettings settings = w.job.settings();
+    settings.profile = loaded.profile;
+    w.job.setSettings(settings);
+    ASSERT_TRUE(w.job.Start());
+    w.drop(readFile(test::testClip(kClean)), "clean.mxf", w.src);
+    w.pass();
+    ASSERT_TRUE(fs::exists(w.bad / "clean.mxf"));
+    const std::string document = test::asciiOfUtf16(readFile(w.bad / "clean.mxf.qcout"));
+    EXPECT_NE(document.find("Profile=\"Station\""), std::string::npos) << document;
+    EXPECT_NE(document.find("Container mxf, profile wants mp4"), std::string::npos) << document;
+
+    writeFile(profile, "[Format]\nContainer mp4\n");
+    EXPECT_EQ(loadWatchServiceSettings(ini, &error).profile, nullptr);
+    EXPECT_NE(error.find("station.ini:2: no '=' in the line"), std::string::npos) << error;
+}
+
 // A start while running hands new settings to the next pass: disabled, nothing moves;
 // enabled with no clip GOOD, the clip goes to the BAD folder.
 TEST(WatchJob, NewSettingsReachARunningJobAtTheNextPass)
@@ -497,7 +531,7 @@ namespace {
 TEST(WatchJob, AClipThatCrashesItsCheckIsBadOnceAndTheJobGoesOn)
 {
     closeIdleWorkers(); // the next workers start with the fault rule
-    ::setenv("TARVOQC_WORKER_FAULT", "segv:crash-me", 1);
+    ::setenv("TARVOQC_WORKER_FAULT", "segv:crash-me", 1); // NOLINT(concurrency-mt-unsafe)
     Watch w;
     const std::string bytes = readFile(test::testClip(kClean));
     const fs::path crashing = w.drop(bytes, "crash-me.mxf", w.src);
@@ -514,7 +548,7 @@ TEST(WatchJob, AClipThatCrashesItsCheckIsBadOnceAndTheJobGoesOn)
     w.drop(bytes, "fine.mxf", w.src);
     w.pass();
     w.pass();
-    ::unsetenv("TARVOQC_WORKER_FAULT");
+    ::unsetenv("TARVOQC_WORKER_FAULT"); // NOLINT(concurrency-mt-unsafe)
     EXPECT_TRUE(w.job.isRunning());
     expectClipAt(w, w.bad / "crash-me.mxf", test::testClip(kClean), "0/5 ERROR");
     expectClipAt(w, w.good / "fine.mxf", test::testClip(kClean), "5/5 OK");

@@ -147,6 +147,36 @@ TEST(CheckProtocol, EveryMessageComesBackExactly)
     expectSameResult(done->result, result);
 }
 
+// What a delivery profile needs crosses the process boundary too: the content rules one
+// way, the facts the format rules compare the other.
+TEST(CheckProtocol, ProfileFactsAndContentRulesComeBackExactly)
+{
+    CheckRequest request{5, "clip.mxf", 4, 0, {}};
+    request.options.minBlackSeconds = 0.5;
+    request.options.minFrozenSeconds = 1.25;
+    request.options.minSilenceSeconds = 4.0;
+    request.options.leadRunsAllowed = false;
+    auto frame = readBack(encodeCheck(request));
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(decodeCheck(frame->second), request);
+
+    QcResult result = fullResult();
+    result.facts.container = "mov,mp4,m4a,3gp,3g2,mj2";
+    StreamFacts& video = result.facts.streams[0];
+    video.pixelFormat = "yuv422p10le";
+    video.fieldOrder = 2;
+    video.bitDepth = 10;
+    video.colourPrimaries = "bt709";
+    video.colourTransfer = "bt709";
+    video.colourMatrix = "bt709";
+    result.facts.streams[1].bitDepth = 24;
+    frame = readBack(encodeDone({5, 1, result}));
+    ASSERT_TRUE(frame);
+    const auto done = decodeDone(frame->second);
+    ASSERT_TRUE(done);
+    expectSameResult(done->result, result);
+}
+
 // A worker taken over by a hostile clip may send anything: every cut of a valid payload,
 // a byte too many, and values out of range are refused, never half read.
 TEST(CheckProtocol, BrokenPayloadsAreRefused)

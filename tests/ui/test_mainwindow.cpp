@@ -24,6 +24,7 @@
 
 #include "batch/workerprocess.h"
 #include "settings/profilestore.h"
+#include "tests/engine/engine_test_util.h"
 #include "tests/support/testsupport.h"
 #include "tests/ui/resultdocument.h"
 #include "ui/cliptimeline.h"
@@ -769,6 +770,47 @@ TEST_F(MainWindowTest, TimelineMarksTheIssuesAndFollowsTheTreeBothWays)
         QTest::qWait(100); // the picture's row takes its height
         w.grab().save(QString::fromLocal8Bit(shots) + "/window-timeline.png");
     }
+}
+
+// "Options" > "Delivery profile" stores the profile's name and grades the next checks by
+// it; "technical" takes it away again.
+TEST_F(MainWindowTest, DeliveryProfileOptionIsStoredAndGradesTheChecks)
+{
+    // Set before the window reads the profile folders; no other thread reads it then.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
+    ::setenv("TARVOQC_PROFILES", TARVOQC_SOURCE_DIR "/profiles", 1);
+    MainWindow w;
+    w.taskList().AppendFromCommandLine(test::testClip("mpeg2_pcm.mxf").string());
+    w.start();
+    QMenu* options = static_cast<QPushButton*>(w.control(kIdOptionsButton))->menu();
+    QMenu* profiles = options->actions().back()->menu();
+    ASSERT_NE(profiles, nullptr);
+    const auto entry = [&](const QString& text) -> QAction* {
+        for (QAction* action : profiles->actions()) {
+            if (action->text().startsWith(text)) {
+                return action;
+            }
+        }
+        return nullptr;
+    };
+    ASSERT_NE(entry("Streaming delivery"), nullptr);
+    EXPECT_TRUE(entry("technical")->isChecked());
+    for (const auto& [text, key, profile, containerIssues] :
+         {std::tuple{"Streaming delivery", "streaming", "Streaming delivery", 1},
+          std::tuple{"technical", "", "", 0}}) {
+        SCOPED_TRACE(text);
+        entry(text)->trigger();
+        EXPECT_TRUE(entry(text)->isChecked());
+        EXPECT_EQ(readSettingText(m_store.name(), kCheckProfile), key);
+        select(w, 0);
+        w.command(kIdCheckSelected);
+        ASSERT_TRUE(waitForState(w, RunState::Idle));
+        const QcResult& result = *w.taskList().item(0).result();
+        EXPECT_EQ(result.profile, profile);
+        EXPECT_EQ(test::countText(result, "Container mxf, profile wants mp4, mov"),
+                  containerIssues);
+    }
+    ::unsetenv("TARVOQC_PROFILES"); // NOLINT(concurrency-mt-unsafe)
 }
 
 TEST_F(MainWindowTest, ClosingAtRandomMomentsOfACheckNeverHangs)
