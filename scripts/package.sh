@@ -43,11 +43,11 @@ dpkg --root="$target" --force-depends --force-script-chrootless "${not_root[@]}"
     fail "dpkg could not install the packages into an empty root"
 for program in tarvoqc tarvoqc-check tarvoqc-report tarvoqc-watch tarvoqc-watchd; do
     [[ -x $target/usr/bin/$program ]] || fail "$program is not installed"
-    MANPATH=$target/usr/share/man man -P cat "$program" 2>/dev/null | grep -q "${program}" ||
-        fail "man $program shows no page"
+    page=$(MANPATH=$target/usr/share/man man -P cat "$program" 2>/dev/null) || true
+    grep -q "${program}" <<<"$page" || fail "man $program shows no page"
 done
-MANPATH=$target/usr/share/man man -P cat tarvoqc-check | grep -q -- '--files-from' ||
-    fail "man tarvoqc-check lacks --files-from"
+page=$(MANPATH=$target/usr/share/man man -P cat tarvoqc-check 2>/dev/null) || true
+grep -q -- '--files-from' <<<"$page" || fail "man tarvoqc-check lacks --files-from"
 [[ -f $target/usr/lib/systemd/user/tarvoqc-watch.service ]] || fail "no systemd user unit"
 if ldd "$target/usr/bin/tarvoqc-check" "$target/usr/bin/tarvoqc-watchd" | grep -qi 'libQt'; then
     fail "a program of the tarvoqc package links Qt"
@@ -55,8 +55,14 @@ fi
 
 clip=$tmp/clip.mp4
 ffmpeg -v error -f lavfi -i testsrc=duration=1:size=160x120:rate=25 -c:v mpeg4 "$clip"
-"$target/usr/bin/tarvoqc-check" -l3 "$clip" | grep -q '^5/5 OK' ||
+# Output is taken whole before it is searched: grep -q leaves at its first match, and the
+# checker rightly fails a write into the pipe it closed.
+checked=$("$target/usr/bin/tarvoqc-check" -l3 "$clip") || true
+grep -q '^5/5 OK' <<<"$checked" ||
     fail "the installed checker did not check a clip with its installed worker"
+listed=$("$target/usr/bin/tarvoqc-check" --list-profiles) || true
+grep -q '^ebu-r128-hd ' <<<"$listed" ||
+    fail "the installed checker does not find the shipped delivery profiles"
 
 # The installed programs, seen where packages put them (/usr/local here, in a mount
 # namespace of their own), as root and as nobody: each keeps its settings and log in its
