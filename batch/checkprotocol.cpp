@@ -1,8 +1,11 @@
 #include "batch/checkprotocol.h"
 
 #include <bit>
+#include <cerrno>
 #include <cstring>
 #include <type_traits>
+
+#include <sys/socket.h>
 
 namespace tarvoqc {
 
@@ -303,6 +306,22 @@ QcResult getResult(Reader& in)
 }
 
 } // namespace
+
+bool sendFrame(int fd, std::string_view frame, bool wait)
+{
+    const int flags = MSG_NOSIGNAL | (wait ? 0 : MSG_DONTWAIT);
+    while (!frame.empty()) {
+        const ssize_t n = ::send(fd, frame.data(), frame.size(), flags);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        frame.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return true;
+}
 
 std::string encodeCheck(const CheckRequest& request)
 {

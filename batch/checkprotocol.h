@@ -94,6 +94,10 @@ struct Frame
 };
 
 // Builds the bytes of one frame.
+// Sends the whole of an encoded frame on a socket, never raising SIGPIPE. False when the
+// peer has gone or, without wait, when the socket cannot take it all at once.
+bool sendFrame(int fd, std::string_view frame, bool wait);
+
 std::string encodeCheck(const CheckRequest& request);
 std::string encodeReady(const WorkerReady& ready);
 std::string encodeProgress(const WorkerProgress& progress);

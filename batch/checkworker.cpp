@@ -21,8 +21,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "batch/workerprocess.h"
 #include "batch/workerthread.h"
 #include "engine/clipchecker.h"
+#include "engine/framegrabber.h"
 
 namespace tarvoqc {
 
@@ -104,18 +106,7 @@ public:
     bool send(const std::string& frame)
     {
         const std::lock_guard lock(m_lock);
-        std::size_t sent = 0;
-        while (sent < frame.size()) {
-            const ssize_t n = ::send(m_fd, frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL);
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n <= 0) {
-                return false;
-            }
-            sent += static_cast<std::size_t>(n);
-        }
-        return true;
+        return sendFrame(m_fd, frame, true);
     }
 
 private:
@@ -271,6 +262,14 @@ WorkerReady restrictWorker(const WorkerConfig& config)
     ready.noNewPrivileges = ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0;
     ready.syscallFilter = ready.noNewPrivileges && installSyscallFilter();
     return ready;
+}
+
+void restrictPictureReader()
+{
+    WorkerConfig config;
+    config.memoryLimitBytes = WorkerLimits{}.memoryLimitBytes;
+    restrictWorker(config);
+    FrameGrabber::silenceMediaLibraries();
 }
 
 int serveCheckRequests(int fd, const WorkerReady& ready, pid_t parent)

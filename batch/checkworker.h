@@ -38,6 +38,11 @@ inline constexpr int kWorkerExitProtocol = 66;    // the parent sent something u
 // start.
 WorkerReady restrictWorker(const WorkerConfig& config);
 
+// For a process that only takes pictures from a clip (the report's picture reader, the
+// window's picture): restricted as a check's worker with the default memory limit, the
+// media libraries' own messages silenced.
+void restrictPictureReader();
+
 // Serves requests on fd until the program (process parent) closes its end; returns the
 // process's exit status (kWorkerExit...). Sends Ready first, then for each Check request:
 // once it has run for about 50 ms Opened (what the check knows by then) and Progress (at

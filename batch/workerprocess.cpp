@@ -187,22 +187,7 @@ public:
 
     // The whole frame or nothing; never blocks (the worker always reads, and the frames
     // the program sends are a few bytes).
-    bool send(const std::string& frame)
-    {
-        std::size_t sent = 0;
-        while (sent < frame.size()) {
-            const ssize_t n =
-                ::send(m_fd, frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n <= 0) {
-                return false;
-            }
-            sent += static_cast<std::size_t>(n);
-        }
-        return true;
-    }
+    bool send(const std::string& frame) { return sendFrame(m_fd, frame, false); }
 
     // Reads what has arrived into the frame reader; false at the end of the stream.
     bool receive()

@@ -17,6 +17,7 @@
 #include "batch/checkworker.h"
 #include "batch/workerprocess.h"
 #include "engine/framegrabber.h"
+#include "files/fileio.h"
 
 namespace tarvoqc::report {
 
@@ -83,19 +84,7 @@ std::vector<Point> picturePoints(const ClipRecord& clip, double duration, std::s
 
 bool writeAll(int fd, const void* data, std::size_t size)
 {
-    const char* p = static_cast<const char*>(data);
-    while (size > 0) {
-        const ssize_t n = ::write(fd, p, size);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        p += n;
-        size -= static_cast<std::size_t>(n);
-    }
-    return true;
+    return writeFull(fd, data, size) == size;
 }
 
 // The clip's length for its pictures: the one its check found, else the container's.
@@ -110,10 +99,7 @@ double clipLength(const ClipRecord& clip, double opened)
 [[noreturn]] void grabInChild(int fd, const ClipRecord& clip, const PictureLimits& limits)
 {
     // Restricted as a check's worker is: no network, no new programs, a memory limit.
-    WorkerConfig config;
-    config.memoryLimitBytes = WorkerLimits{}.memoryLimitBytes;
-    restrictWorker(config);
-    FrameGrabber::silenceMediaLibraries();
+    restrictPictureReader();
     FrameGrabber grabber;
     std::string why;
     if (!grabber.open(clip.path, why)) {

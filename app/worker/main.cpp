@@ -68,10 +68,7 @@ int picture(const char* path, const char* secondsText, const char* widthText)
         std::fputs("usage: tarvoqc-worker --picture CLIP SECONDS WIDTH (16..1920)\n", stderr);
         return kWorkerExitUsage;
     }
-    WorkerConfig config;
-    config.memoryLimitBytes = WorkerLimits{}.memoryLimitBytes;
-    restrictWorker(config);
-    FrameGrabber::silenceMediaLibraries();
+    restrictPictureReader();
     FrameGrabber grabber;
     std::string why;
     if (!grabber.open(path, why)) {

@@ -76,24 +76,6 @@ private:
     std::string m_name;
 };
 
-// The result document read by Python's own XML parser: one line per element of the root,
-// "Clip <path> <Hash256>" or "QCheck <Result>"; "unreadable" when it does not parse.
-std::string documentSummary(const fs::path& document)
-{
-    const char* script =
-        "import sys, xml.etree.ElementTree as ET\n"
-        "text = open(sys.argv[1], "
-        "'rb').read().decode('utf-16-le').lstrip('\\ufeff').rstrip('\\x00')\n"
-        "for e in ET.fromstring(text):\n"
-        "    if e.tag == 'Clip':\n"
-        "        f = e.find('File')\n"
-        "        print('Clip', e.get('File'), f.get('Hash256', '-') if f is not None else '-')\n"
-        "    else:\n"
-        "        print(e.tag, e.get('Result'))\n";
-    const test::CommandResult r = test::runCommand({"python3", "-c", script, document.string()});
-    return r.status == 0 ? r.out : "unreadable";
-}
-
 std::string job(const std::vector<fs::path>& clips, bool hide = false)
 {
     std::string text = hide ? "<Tarvo_QC Hide=\"1\">\n" : "<Tarvo_QC>\n";
@@ -221,7 +203,7 @@ TEST(WindowProgram, CommandLinesAndTheirResultDocuments)
         if (kept) {
             EXPECT_EQ(test::readFile(jobs / name), keptBytes(name));
         } else if (!name.empty()) {
-            EXPECT_EQ(documentSummary(jobs / name), summaries.at(name));
+            EXPECT_EQ(test::documentSummary(jobs / name), summaries.at(name));
         }
     }
 }
